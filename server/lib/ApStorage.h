@@ -1,0 +1,35 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <unordered_map>
+
+#include "server/lib/ApEntry.h"
+
+namespace rrm {
+
+/// Index from every radio MAC and VAP BSSID of enabled radios to the access point that owns it.
+/// Look-ups also try the MAC with its locally administered bit inverted.
+///
+/// Threading: the domain worker's thread only.
+class ApStorage {
+ public:
+  struct Owner {
+    std::shared_ptr<ApEntry> ap;
+    std::int32_t radio_id = -1;
+  };
+
+  /// Replaces what is indexed for this access point.
+  void insert_ap(const std::shared_ptr<ApEntry>& entry);
+  void erase_ap(const std::shared_ptr<ApEntry>& entry);
+
+  /// The owner of a MAC, or null.
+  const Owner* find(const MacAddress& mac) const;
+  std::size_t size() const noexcept { return owners_.size(); }
+
+ private:
+  std::unordered_map<MacAddress, Owner> owners_;
+  std::unordered_map<const ApEntry*, std::vector<MacAddress>> macs_of_;  ///< for cheap erasing
+};
+
+}  // namespace rrm
