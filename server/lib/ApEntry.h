@@ -5,8 +5,8 @@
 #include <string>
 
 #include "server/lib/Neighbour.h"
-#include "server/lib/QueueMessage.h"
 #include "server/lib/Radio.h"
+#include "server/lib/SessionAddress.h"
 
 namespace rrm {
 

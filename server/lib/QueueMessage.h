@@ -1,27 +1,13 @@
 #pragma once
 
-#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
 
 #include "server/lib/JsonReader.h"
-
-struct lws;
+#include "server/lib/SessionAddress.h"
 
 namespace rrm {
-
-/// Names one access-point websocket session; copied by value.
-struct SessionAddress {
-  lws* wsi = nullptr;     ///< the connection; also the key of the session maps
-  std::int32_t tsi = 0;   ///< libwebsockets service thread index, 0 to 7
-  std::uint32_t id = 0;   ///< unique for the life of the process; 0 is no session
-
-  friend bool operator==(const SessionAddress&, const SessionAddress&) = default;
-};
-
-/// Address of internal messages that belong to no session.
-inline constexpr SessionAddress kNoSession{};
 
 /// What queues carry: a parsed document or its text, with the session it came from or goes to.
 ///
