@@ -1,0 +1,111 @@
+#include "json/KeyIndex.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+
+#include "json/JsonValue.h"
+
+namespace yajson {
+namespace {
+
+constexpr std::uint64_t kP0 = 0xa0761d6478bd642f;
+constexpr std::uint64_t kP1 = 0xe7037ed1a0b428db;
+
+template <typename Word>
+std::uint64_t read(const char* bytes) noexcept {
+  static_assert(std::endian::native == std::endian::little, "the hash reads little-endian words");
+  Word word;
+  std::memcpy(&word, bytes, sizeof word);
+  return word;
+}
+
+std::uint64_t byte(const char* bytes, std::size_t index) noexcept {
+  return static_cast<unsigned char>(bytes[index]);
+}
+
+std::uint64_t mix(std::uint64_t h, std::uint64_t first, std::uint64_t second) noexcept {
+  return (((h ^ first) * kP1) ^ second) * kP0;
+}
+
+}  // namespace
+
+std::uint64_t hash_key(std::string_view key) noexcept {
+  const char* const bytes = key.data();
+  const std::size_t length = key.size();
+  std::uint64_t h = length * kP1 ^ kP0;
+  std::uint64_t r = 0;
+  if (length <= 8) {
+    std::uint64_t first = 0;
+    std::uint64_t last = 0;
+    if (length >= 4) {
+      first = read<std::uint32_t>(bytes);
+      last = read<std::uint32_t>(bytes + length - 4);
+    } else if (length > 0) {
+      first = byte(bytes, 0) << 16 | byte(bytes, length / 2) << 8 | byte(bytes, length - 1);
+    }
+    r = mix(h, first, last);
+  } else if (length <= 16) {
+    r = mix(h, read<std::uint64_t>(bytes), read<std::uint64_t>(bytes + length - 8));
+  } else {
+    for (std::size_t start = 0; start <= length - 16; start += 16)
+      h = mix(h, read<std::uint64_t>(bytes + start), read<std::uint64_t>(bytes + start + 8));
+    r = mix(h, read<std::uint64_t>(bytes + length - 16), read<std::uint64_t>(bytes + length - 8));
+  }
+  r = (r ^ (r >> 32)) * kP0;
+  return r ^ (r >> 29);
+}
+
+KeyIndex::~KeyIndex() { release(); }
+
+void KeyIndex::release() noexcept {
+  if (buckets_ == nullptr) return;
+  resource_->deallocate(buckets_, bucket_count_ * (sizeof(*buckets_) + sizeof(Entry)),
+                        alignof(Entry));
+  buckets_ = nullptr;
+}
+
+void KeyIndex::allocate(std::size_t bucket_count) {
+  void* const memory =
+      resource_->allocate(bucket_count * (sizeof(*buckets_) + sizeof(Entry)), alignof(Entry));
+  release();
+  buckets_ = static_cast<std::uint32_t*>(memory);
+  entries_ = reinterpret_cast<Entry*>(buckets_ + bucket_count);
+  bucket_count_ = bucket_count;
+}
+
+void KeyIndex::rebuild(const JsonMember* members, std::size_t count) {
+  const std::size_t wanted = std::bit_ceil(std::max<std::size_t>(count, 32));
+  if (wanted > bucket_count_) allocate(wanted);
+  std::fill_n(buckets_, bucket_count_, kNone);
+  size_ = 0;
+  for (std::size_t position = 0; position < count; ++position)
+    insert(members, static_cast<std::uint32_t>(position));
+}
+
+std::uint32_t& KeyIndex::bucket_of(std::string_view key) const noexcept {
+  return buckets_[hash_key(key) & (bucket_count_ - 1)];
+}
+
+void KeyIndex::insert(const JsonMember* members, std::uint32_t position) {
+  if (size_ == bucket_count_) return rebuild(members, position + std::size_t{1});
+  const std::string_view key = members[position].key();
+  std::uint32_t& bucket = bucket_of(key);
+  for (std::uint32_t entry = bucket; entry != kNone; entry = entries_[entry].next) {
+    if (members[entries_[entry].position].key() != key) continue;
+    entries_[entry].position = position;
+    return;
+  }
+  const auto entry = static_cast<std::uint32_t>(size_++);
+  entries_[entry] = {position, bucket};
+  bucket = entry;
+}
+
+std::uint32_t KeyIndex::find(const JsonMember* members, std::string_view key) const noexcept {
+  if (size_ == 0) return kNone;
+  for (std::uint32_t entry = bucket_of(key); entry != kNone; entry = entries_[entry].next)
+    if (members[entries_[entry].position].key() == key) return entries_[entry].position;
+  return kNone;
+}
+
+}  // namespace yajson
