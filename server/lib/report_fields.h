@@ -40,7 +40,4 @@ int parse_date_time_fields_to_time_t(const std::string& text, std::int64_t& time
 /// Writes seconds since the epoch as "%Y-%m-%d,%H:%M:%S", in UTC or in local time.
 std::string format_time(std::int64_t time, bool utc = true);
 
-/// The record "<what>, errno = <code>: <text>" of a failed read, or `what` alone without a code.
-void log_read_error(const std::string& what, int code);
-
 }  // namespace rrm::reports
