@@ -12,7 +12,8 @@ namespace rrm {
 
 /// What one optimisation leaves behind; the domain worker applies it to the live radios.
 struct OptimisationResult {
-  std::unordered_map<MacAddress, RadioList> radios;  ///< planned radios of the changed access points
+  std::unordered_map<MacAddress, RadioList>
+      radios;  ///< planned radios of the changed access points
   bool ok = false;
   std::string message;  ///< why it did not finish; empty when ok
   bool has_report = false;
@@ -29,8 +30,9 @@ struct OptimisationSwitches {
 
 /// Assigns channels (DCA) and transmit powers (TPC) to the radios of a domain.
 ///
-/// Purpose:   pure computation over a snapshot that nobody else touches; its radios and neighbour
-///            maps are changed on the way.
+/// Purpose:   pure computation over a snapshot that nobody else touches. It is used up: planned
+/// radios
+///            move from it into the result. Same snapshot, same result.
 /// Threading: runs on the optimisation thread; only `cancel` is shared, read before and after DCA.
 /// @param started_at  seconds since the epoch; the date of the report
 OptimisationResult optimise(ApMap& snapshot, const DomainConfig& config,

@@ -1,0 +1,40 @@
+#include "server/lib/TpcDcaCandidateQueue.h"
+
+#include <bit>
+
+namespace rrm {
+
+TpcDcaCandidateQueue::TpcDcaCandidateQueue(std::size_t members)
+    : words_((members + 63) / 64), bits_(kCounts * words_), held_{}, count_(members, kAbsent) {}
+
+void TpcDcaCandidateQueue::insert(std::size_t member, std::int32_t count) {
+  const auto slot = static_cast<std::size_t>(count);
+  word(slot, member) |= std::uint64_t{1} << member % 64;
+  ++held_[slot];
+  count_[member] = static_cast<std::int16_t>(count);
+  ++size_;
+}
+
+void TpcDcaCandidateQueue::remove(std::size_t member) {
+  const auto slot = static_cast<std::size_t>(count_[member]);
+  word(slot, member) &= ~(std::uint64_t{1} << member % 64);
+  --held_[slot];
+  count_[member] = kAbsent;
+  --size_;
+}
+
+void TpcDcaCandidateQueue::change(std::size_t member, std::int32_t count) {
+  if (count_[member] == kAbsent || count_[member] == count) return;
+  remove(member);
+  insert(member, count);
+}
+
+std::size_t TpcDcaCandidateQueue::top() const noexcept {
+  std::size_t count = kCounts - 1;
+  while (held_[count] == 0) --count;
+  std::size_t i = count * words_;
+  while (bits_[i] == 0) ++i;
+  return (i - count * words_) * 64 + static_cast<std::size_t>(std::countr_zero(bits_[i]));
+}
+
+}  // namespace rrm
