@@ -1,0 +1,158 @@
+#include "tools/fleet/FleetRun.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+
+#include "server/lib/JsonReader.h"
+#include "server/lib/JsonWriter.h"
+#include "tests/tools/SmallWorld.h"
+
+namespace rrm::fleet {
+namespace {
+
+/// Connections without a network: keeps what was asked for.
+class FakeConnections : public Connections {
+ public:
+  void open(std::uint32_t ap) override { opened.push_back(ap); }
+  void send(std::uint32_t ap, std::string text) override { sent.emplace_back(ap, std::move(text)); }
+  void close(std::uint32_t ap) override { closed.push_back(ap); }
+
+  std::vector<std::uint32_t> opened;
+  std::vector<std::uint32_t> closed;
+  std::vector<std::pair<std::uint32_t, std::string>> sent;
+};
+
+constexpr const char* kAccepted =
+    R"({"service":"rrm","cmd":"subscribe-response","status":"success","config":{}})";
+
+class FleetRunOfFour : public testing::Test {
+ protected:
+  /// Lets time pass in steps of 10 ms.
+  void run_to(Millis end) {
+    for (; now < end; now += 10) run.advance(now);
+  }
+  void subscribe_all() {
+    run_to(now + 1000);
+    for (const std::uint32_t ap : connections.opened) {
+      run.on_open(now, ap);
+      run.on_text(now, ap, kAccepted);
+    }
+    connections.opened.clear();
+    connections.sent.clear();
+  }
+  void all_hear(const char* text) {
+    for (std::uint32_t ap = 0; ap < 4; ++ap) run.on_text(now, ap, text);
+  }
+  /// Commands sent since the last call.
+  std::map<std::string, int> sent_commands() {
+    std::map<std::string, int> counts;
+    for (const auto& [ap, text] : connections.sent)
+      ++counts[JsonReader(text.c_str()).get_str("cmd")];
+    connections.sent.clear();
+    return counts;
+  }
+
+  World world{Scenario::of_size(4, 2, 1)};
+  RunOptions options;
+  FakeConnections connections;
+  Millis now = 5000;
+  FleetRun run{world, options, connections, now};
+};
+
+TEST_F(FleetRunOfFour, ConnectsTheSitesInTurn) {
+  run_to(6000);
+  EXPECT_EQ(connections.opened, (std::vector<std::uint32_t>{0, 2, 1, 3}));
+}
+
+TEST_F(FleetRunOfFour, SubscribesWhatIsOpen) {
+  subscribe_all();
+  EXPECT_EQ(run.subscribed(), 4u);
+  EXPECT_EQ(run.open(), 4u);
+  EXPECT_EQ(run.counters().subscriptions, 4u);
+  EXPECT_EQ(run.all_subscribed_after(), 1000);
+}
+
+TEST_F(FleetRunOfFour, GoesThroughAWholeRound) {
+  subscribe_all();
+  all_hear(R"({"service":"rrm","cmd":"rrm-request-mode"})");
+  EXPECT_TRUE(run.domains()[0].before);
+  EXPECT_EQ(run.domains()[1].round.stage(), Stage::Measuring);
+  run_to(now + 400);
+  EXPECT_EQ(sent_commands(), (std::map<std::string, int>{{"rrm-mode-response", 4}}));
+  all_hear(R"({"service":"rrm","cmd":"rrm-update","rrm-scan-delay":0})");
+  run_to(now + 5100);
+  EXPECT_EQ(sent_commands(), (std::map<std::string, int>{{"rrm-response", 4}}));
+  EXPECT_FALSE(run.every_domain_planned());
+  all_hear(
+      R"({"service":"rrm","cmd":"rrm-info","config":{"radios":[{"id":0,"channel":11,"power":8}]}})");
+  run_to(now + 20);
+  EXPECT_TRUE(run.every_domain_planned());
+  ASSERT_TRUE(run.domains()[0].after);
+  EXPECT_EQ((*run.domains()[0].after)[0].channels, (std::map<int, int>{{11, 2}}));
+  EXPECT_EQ(run.counters().configs, 4u);
+}
+
+TEST_F(FleetRunOfFour, ComesBackAfterALostConnection) {
+  subscribe_all();
+  run.on_closed(now, 1);
+  EXPECT_EQ(run.counters().lost, 1u);
+  EXPECT_EQ(run.subscribed(), 3u);
+  run_to(now + 400);
+  EXPECT_TRUE(connections.opened.empty()) << "not at once";
+  run_to(now + 1000);
+  EXPECT_EQ(connections.opened, (std::vector<std::uint32_t>{1}));
+  run.on_open(now, 1);
+  run.on_text(now, 1, kAccepted);
+  EXPECT_EQ(run.subscribed(), 4u);
+}
+
+TEST_F(FleetRunOfFour, CountsAConnectionThatNeverOpenedAsFailed) {
+  run_to(6000);
+  run.on_closed(now, 0);
+  EXPECT_EQ(run.counters().failed, 1u);
+  EXPECT_EQ(run.counters().lost, 0u);
+}
+
+TEST_F(FleetRunOfFour, ClosesAfterARefusalAndTriesAgain) {
+  run_to(6000);
+  run.on_open(now, 0);
+  run.on_text(now, 0, R"({"service":"rrm","cmd":"subscribe-response","status":"fail","code":404})");
+  EXPECT_EQ(connections.closed, (std::vector<std::uint32_t>{0}));
+  EXPECT_EQ(run.counters().rejected, 1u);
+  run.on_closed(now, 0);
+  connections.opened.clear();
+  run_to(now + 1100);
+  EXPECT_EQ(connections.opened, (std::vector<std::uint32_t>{0}));
+}
+
+TEST(FleetRun, StartsConnectionsAtItsRate) {
+  World world(Scenario::of_size(100, 1, 1));
+  FakeConnections connections;
+  FleetRun run(world, {.rate = 50, .max_opening = 1000, .timing = {}}, connections, 0);
+  for (Millis now = 0; now <= 1000; now += 10) run.advance(now);
+  EXPECT_GE(connections.opened.size(), 50u);
+  EXPECT_LE(connections.opened.size(), 52u);
+}
+
+TEST(FleetRun, DoesNotCatchUpWithABurstAfterAStall) {
+  World world(Scenario::of_size(100, 1, 1));
+  FakeConnections connections;
+  FleetRun run(world, {.rate = 50, .max_opening = 1000, .timing = {}}, connections, 0);
+  run.advance(10000);
+  EXPECT_LE(connections.opened.size(), 5u);
+}
+
+TEST(FleetRun, KeepsOnlySoManyConnectionsUnderWay) {
+  World world(Scenario::of_size(100, 1, 1));
+  FakeConnections connections;
+  FleetRun run(world, {.rate = 10000, .max_opening = 8, .timing = {}}, connections, 0);
+  for (Millis now = 0; now <= 1000; now += 10) run.advance(now);
+  EXPECT_EQ(connections.opened.size(), 8u);
+  run.on_open(1000, connections.opened[0]);
+  run.advance(1010);
+  EXPECT_EQ(connections.opened.size(), 9u);
+}
+
+}  // namespace
+}  // namespace rrm::fleet

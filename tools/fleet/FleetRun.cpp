@@ -1,0 +1,168 @@
+#include "tools/fleet/FleetRun.h"
+
+#include <algorithm>
+
+namespace rrm::fleet {
+
+FleetRun::FleetRun(World& world, const RunOptions& options, Connections& connections, Millis now)
+    : world_(world),
+      options_(options),
+      connections_(connections),
+      started_(now),
+      last_advance_(now) {
+  const auto count = static_cast<std::uint32_t>(world.aps().size());
+  agents_.reserve(count);
+  for (std::uint32_t i = 0; i < count; ++i) agents_.emplace_back(world, i, options_.timing);
+  wires_.assign(count, Wire::Down);
+  for (const Site& site : world.sites()) domains_.emplace_back(site.ap_count);
+  // The sites take turns, so that all of them fill up together.
+  for (std::uint32_t i = 0; waiting_.size() < count; ++i) {
+    for (const Site& site : world.sites()) {
+      if (i < site.ap_count) waiting_.push_back(site.first_ap + i);
+    }
+  }
+}
+
+std::uint32_t FleetRun::subscribed() const noexcept {
+  std::uint32_t sum = 0;
+  for (const DomainRun& domain : domains_) sum += domain.round.subscribed();
+  return sum;
+}
+
+bool FleetRun::every_domain_planned() const noexcept {
+  return std::all_of(domains_.begin(), domains_.end(),
+                     [](const DomainRun& domain) { return domain.round.rounds() > 0; });
+}
+
+void FleetRun::advance(Millis now) {
+  run_due(now);
+  start_connections(now);
+  finish_rounds(now);
+}
+
+void FleetRun::start_connections(Millis now) {
+  // What was not used is not saved up beyond a tenth of a second: no bursts after a stall.
+  const double most = std::max(1.0, options_.rate / 10);
+  tokens_ =
+      std::min(most, tokens_ + options_.rate * static_cast<double>(now - last_advance_) / 1000);
+  last_advance_ = now;
+  while (tokens_ >= 1 && !waiting_.empty() && opening_ < options_.max_opening) {
+    const std::uint32_t ap = waiting_.front();
+    waiting_.pop_front();
+    tokens_ -= 1;
+    ++opening_;
+    ++counters_.attempts;
+    wires_[ap] = Wire::Opening;
+    connections_.open(ap);
+  }
+}
+
+void FleetRun::run_due(Millis now) {
+  while (!due_.empty() && due_.top().when <= now) {
+    const Due due = due_.top();
+    due_.pop();
+    if (due.reconnect) {
+      waiting_.push_back(due.ap);
+      continue;
+    }
+    // An entry may be out of date: the agent knows what is really due.
+    const auto deadline = agents_[due.ap].deadline();
+    if (!deadline || *deadline > now) continue;
+    AgentOutput out;
+    agents_[due.ap].on_deadline(now, out);
+    apply(now, due.ap, out);
+  }
+}
+
+void FleetRun::on_open(Millis now, std::uint32_t ap) {
+  if (wires_[ap] == Wire::Opening) --opening_;
+  wires_[ap] = Wire::Open;
+  ++open_;
+  AgentOutput out;
+  agents_[ap].on_open(now, out);
+  apply(now, ap, out);
+}
+
+void FleetRun::on_text(Millis now, std::uint32_t ap, std::string_view text) {
+  ++counters_.received;
+  counters_.received_bytes += text.size();
+  AgentOutput out;
+  agents_[ap].on_text(now, text, out);
+  apply(now, ap, out);
+}
+
+void FleetRun::on_closed(Millis now, std::uint32_t ap) {
+  if (wires_[ap] == Wire::Opening) {
+    --opening_;
+    ++counters_.failed;
+  }
+  if (wires_[ap] == Wire::Open) --open_;
+  wires_[ap] = Wire::Down;
+  if (agents_[ap].state() == ApAgent::State::Subscribed) {
+    ++counters_.lost;
+    const std::uint32_t site = world_.ap(ap).site;
+    domains_[site].round.on_lost(ap - world_.sites()[site].first_ap);
+  }
+  due_.push({now + agents_[ap].on_closed(), ap, true});
+}
+
+void FleetRun::apply(Millis now, std::uint32_t ap, AgentOutput& out) {
+  for (std::string& text : out.messages) {
+    ++counters_.sent;
+    counters_.sent_bytes += text.size();
+    connections_.send(ap, std::move(text));
+  }
+  for (const ApEvent event : out.events) {
+    count(event);
+    follow(now, ap, event);
+  }
+  if (const auto deadline = agents_[ap].deadline()) due_.push({*deadline, ap, false});
+  if (out.close) connections_.close(ap);
+}
+
+void FleetRun::count(ApEvent event) {
+  switch (event) {
+    case ApEvent::Subscribed:
+      ++counters_.subscriptions;
+      break;
+    case ApEvent::Rejected:
+      ++counters_.rejected;
+      break;
+    case ApEvent::ConfigTaken:
+      ++counters_.configs;
+      break;
+    case ApEvent::ChannelChanged:
+      ++counters_.channel_changes;
+      break;
+    case ApEvent::PowerChanged:
+      ++counters_.power_changes;
+      break;
+    case ApEvent::KeysTaken:
+      ++counters_.keys;
+      break;
+    case ApEvent::NotUnderstood:
+      ++counters_.not_understood;
+      break;
+    default:
+      break;
+  }
+}
+
+void FleetRun::follow(Millis now, std::uint32_t ap, ApEvent event) {
+  const std::uint32_t index = world_.ap(ap).site;
+  const Site& site = world_.sites()[index];
+  DomainRun& domain = domains_[index];
+  const bool began = domain.round.on_event(now, ap - site.first_ap, event);
+  if (began && !domain.before) domain.before = sample_site(world_, site);
+  if (event == ApEvent::Subscribed && !all_subscribed_after_ && subscribed() == agents_.size()) {
+    all_subscribed_after_ = now - started_;
+  }
+}
+
+void FleetRun::finish_rounds(Millis now) {
+  for (std::size_t i = 0; i < domains_.size(); ++i) {
+    if (domains_[i].round.finished(now)) domains_[i].after = sample_site(world_, world_.sites()[i]);
+  }
+}
+
+}  // namespace rrm::fleet

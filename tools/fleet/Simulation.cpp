@@ -1,0 +1,121 @@
+#include "tools/fleet/Simulation.h"
+
+#include <ev.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <time.h>
+
+#include <algorithm>
+#include <memory>
+
+#include "tools/fleet/Progress.h"
+
+namespace rrm::fleet {
+namespace {
+
+constexpr double kTick = 0.01;          ///< seconds between two advances
+constexpr Millis kShowEvery = 200;      ///< ms between two looks of the progress
+constexpr rlim_t kOwnDescriptors = 64;  ///< beside one for every access point
+
+Millis monotonic_ms() noexcept {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return Millis{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+void allow_descriptors(std::size_t aps) noexcept {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  const rlim_t wanted = aps + kOwnDescriptors;
+  if (limit.rlim_cur >= wanted) return;
+  limit.rlim_cur = limit.rlim_max == RLIM_INFINITY ? wanted : std::min(wanted, limit.rlim_max);
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+/// A libev loop of its own with everything that runs on it.
+class Simulation {
+ public:
+  Simulation(World& world, const SimulationOptions& options)
+      : options_(options),
+        loop_(ev_loop_new(EVFLAG_AUTO), &ev_loop_destroy),
+        clients_(loop_.get(), options.endpoint, static_cast<std::uint32_t>(world.aps().size()),
+                 {[this](std::uint32_t ap) { run_.on_open(monotonic_ms(), ap); },
+                  [this](std::uint32_t ap, std::string_view text) {
+                    run_.on_text(monotonic_ms(), ap, text);
+                  },
+                  [this](std::uint32_t ap) { run_.on_closed(monotonic_ms(), ap); }}),
+        run_(world, options.run, clients_, monotonic_ms()),
+        progress_(stderr) {}
+
+  SimulationResult run() {
+    start_watchers();
+    ev_run(loop_.get(), 0);
+    stop_watchers();
+    const Millis now = monotonic_ms();
+    if (options_.progress) progress_.finish(run_, now);
+    return {ending_, make_report(run_, now)};
+  }
+
+ private:
+  static void on_timer(struct ev_loop*, ev_timer* timer, int) {
+    static_cast<Simulation*>(timer->data)->tick();
+  }
+  static void on_signal(struct ev_loop*, ev_signal* signal, int) {
+    static_cast<Simulation*>(signal->data)->end(Ending::Signal);
+  }
+
+  void start_watchers() {
+    ev_timer_init(&timer_, &Simulation::on_timer, 0, kTick);
+    timer_.data = this;
+    ev_timer_start(loop_.get(), &timer_);
+    ev_signal_init(&interrupt_, &Simulation::on_signal, SIGINT);
+    ev_signal_init(&terminate_, &Simulation::on_signal, SIGTERM);
+    for (ev_signal* watcher : {&interrupt_, &terminate_}) {
+      watcher->data = this;
+      ev_signal_start(loop_.get(), watcher);
+    }
+  }
+
+  void stop_watchers() {
+    ev_timer_stop(loop_.get(), &timer_);
+    ev_signal_stop(loop_.get(), &interrupt_);
+    ev_signal_stop(loop_.get(), &terminate_);
+  }
+
+  void tick() {
+    const Millis now = monotonic_ms();
+    clients_.deliver();
+    run_.advance(now);
+    if (options_.progress && now - shown_ >= kShowEvery) {
+      shown_ = now;
+      progress_.show(run_, now);
+    }
+    if (options_.once && run_.every_domain_planned()) return end(Ending::Once);
+    if (options_.duration > 0 && now - run_.started() >= options_.duration) end(Ending::Duration);
+  }
+
+  void end(Ending ending) {
+    ending_ = ending;
+    ev_break(loop_.get(), EVBREAK_ALL);
+  }
+
+  const SimulationOptions& options_;
+  std::unique_ptr<struct ev_loop, void (*)(struct ev_loop*)> loop_;
+  WebsockClients clients_;
+  FleetRun run_;
+  Progress progress_;
+  ev_timer timer_{};
+  ev_signal interrupt_{};
+  ev_signal terminate_{};
+  Millis shown_ = 0;
+  Ending ending_ = Ending::Signal;
+};
+
+}  // namespace
+
+SimulationResult simulate(World& world, const SimulationOptions& options) {
+  allow_descriptors(world.aps().size());
+  return Simulation(world, options).run();
+}
+
+}  // namespace rrm::fleet
