@@ -1,150 +1,174 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
+#include <shared_mutex>
+#include <span>
 #include <string>
-#include <string_view>
+#include <variant>
 #include <vector>
 
+#include "server/lib/ConfigDomain.h"
+#include "server/lib/ConfigOptions.h"
+#include "server/lib/ConfigText.h"
 #include "server/lib/JsonReader.h"
 #include "server/lib/JsonWriter.h"
 
-/// Settings of the controller: what they are, how they are read, checked and written.
-///
-/// Threading: nothing here is locked. The process holds one lock around every management command
-///            and wherever a worker copies its settings.
-/// Errors:    reading never fails; validation lists its errors; look-ups of unknown domains and
-///            patterns throw std::out_of_range.
 namespace rrm {
 
-/// Radio management settings of a domain, a pattern, or the common ones. The keys of the JSON form
-/// are the names of the fields.
-struct DomainConfig {
-  bool use_tavro_rrm_scan = true;
-  bool use_dca = true;
-  bool use_tpc = true;
-  bool use_hd_mode = true;
-  std::int32_t dca_threshold = 25;          ///< percent
-  std::int32_t ap_rssi_threshold_2g = -70;  ///< dBm
-  std::int32_t ap_rssi_threshold_5g = -70;  ///< dBm
-  std::int32_t ap_rssi_threshold_6g = -70;  ///< dBm
-  std::int32_t hysteresis_2g = 2;           ///< dB
-  std::int32_t hysteresis_5g = 2;           ///< dB
-  std::int32_t hysteresis_6g = 2;           ///< dB
-  std::int32_t spare_value = 0;             ///< has no key; only reports record it
-  std::string optimization_time = "00:00";  ///< hours:minutes, local time of the domain
-  std::int32_t optimization_time_s = 0;     ///< the same in seconds after midnight
-  bool use_optimization_time = false;
-  bool use_optimization_event = true;
-  std::int32_t away_timeout = 120;               ///< s
-  std::int32_t blacklist_thr_low = -75;          ///< dBm
-  std::int32_t blacklist_thr_high = -65;         ///< dBm
-  std::int32_t blacklist_timeout = 30;           ///< s
-  std::int32_t load_balance_sta_low = 5;         ///< clients
-  std::int32_t load_balance_sta_high = 20;       ///< clients
-  std::int32_t roam_attempt_timeout = 600;       ///< s
-  std::int32_t sta_load_balance_period = 60;     ///< s
-  std::int32_t load_balance_roam_count_min = 2;  ///< clients
-  std::int32_t load_balance_roam_count_max = 4;  ///< clients
-  bool use_all_ap_balance = false;
-  bool use_balance = true;
-  std::int32_t client_rssi_renew = 15;  ///< s
-  std::int32_t client_max_age = 20;     ///< s
-  std::int32_t client_try_no_balance = 2;
-  bool no_balance_enterprise = false;
-  bool use_rrm_report = true;
-  std::int32_t report_days_to_live = 93;  ///< days
-  bool use_80211k = true;
-  bool use_80211r = true;
-  bool use_80211v = false;
-  std::int32_t fbt_reassoc_deadline = 1000;  ///< time units of 1024 us
-  bool fbt_over_ds = false;
-
-  // Fixed values: no key, never read or written.
-  std::int32_t tavro_scan_factor_a = 1;  ///< scan time of an access point's own scan: the product
-  std::int32_t tavro_scan_factor_b = 6;  ///< of both factors, s
-  std::int32_t default_max_power = 16;   ///< dBm, of a radio that reports none
-  std::int32_t default_min_power = 10;   ///< dBm, of a radio that reports none
-  std::int32_t planning_delay = 20;      ///< s, before a planned round or distribution
-  std::int32_t scan_wait = 15;           ///< s, from the request of modes to the scan
-  std::int32_t channel_scan_time = 5;    ///< s per channel
-  std::int32_t tick_period = 10;         ///< s, of the domain worker's tick
-
-  /// Takes every present key whose value differs and lies in its range; others are ignored.
-  /// @return whether anything changed
-  bool apply(const JsonReader& reader);
-  /// Checks every present key; appends {key: value} to `errors` for each that is out of range.
-  /// @return true when none failed
-  bool validate(const JsonReader& reader, JsonWriter& errors) const;
-  /// Writes the 37 keyed options in their order.
-  void to_json(JsonWriter& writer) const;
-  /// The values that report files record, joined by the separator.
-  std::string to_string(const std::string& separator) const;
-  /// The reverse of to_string: reads the values of a line from field `first` on, without range checks.
-  /// @return false when a field is missing or no integer
-  bool from_csv(const std::string& line, std::size_t first, char separator);
-
-  friend bool operator==(const DomainConfig&, const DomainConfig&) = default;
+/// What `GlobalConfig::compare` found, names in ascending order; "common" is the first pattern.
+struct ConfigDifference {
+  bool global = false;
+  std::vector<std::string> patterns_added;    ///< only in the other configuration
+  std::vector<std::string> patterns_removed;  ///< only in this one
+  std::vector<std::string> patterns_changed;
+  std::vector<std::string> domains_added;
+  std::vector<std::string> domains_removed;
+  std::vector<std::string> domains_changed;  ///< other settings, pattern or time zone
 };
 
-/// How a domain is bound: to a pattern ("common" for the common settings) and a time zone.
-struct DomainInfo {
-  std::string pattern;
-  std::int32_t time_zone_s = 0;  ///< offset to UTC, seconds
-  std::string time_zone;         ///< hours:minutes as written in the configuration
-
-  friend bool operator==(const DomainInfo&, const DomainInfo&) = default;
-};
-
-/// Reads "%3d:%2d" of at most six characters; minutes count negatively after negative hours.
-/// @return false when the text does not parse or the minutes are 60 or more
-bool parse_hours_minutes(const char* text, std::int32_t& seconds);
-
-// Option checks: absent keys are fine; a failed one sets `invalid`, writes a Warning record and
-// appends {key: value} to `errors`.
-void validate_int_opt(const JsonReader& reader, const char* key, long max, long min, bool& invalid,
-                      JsonWriter& errors);
-void validate_int_opt(const JsonReader& reader, const char* key, bool& invalid, JsonWriter& errors);
-void validate_time_opt(const JsonReader& reader, const char* key, std::int32_t max, std::int32_t min,
-                       bool& invalid, JsonWriter& errors);
-
+/// All settings of the controller and the one JSON file that keeps them.
+///
+/// Purpose:   global options, the common domain settings, named patterns of domain settings, and
+/// the
+///            domains, each bound to a pattern and a time zone. Patterns and domains are kept and
+///            saved in the order of their names.
+/// Threading: management commands change it one after another (they hold a lock of their own) while
+///            every other thread reads: each global option is atomic, and the look-ups below lock
+///            and return copies. Construction and `common` belong to one thread.
+/// Errors:    reading never fails: what is broken, missing or out of range keeps its value. Saving
+///            fails silently and leaves the old file. Look-ups of unknown domains throw.
 class GlobalConfig {
  public:
-  bool enabled = true;
-  std::int32_t api_port = 8089;
-  std::int32_t cli_api_port = 8082;
-  std::int32_t listen_port = 8099;
-  std::string report_delete_at_time_utc = "21:00";
-  std::string reports_path = "/var/lib/tavro-wavelom/reports";
-  std::string www_path = "/opt/tavro-wavelom/www";
-  bool use_https = false;
-  bool vrrp_enabled = false;
-  std::int32_t vrrp_timeout = 15;  ///< s
-  std::string vrrp_backup_path = "/tmp/tavro-wavelom/backup";
-  std::string vrrp_state_file = "/tmp/keep.mode";
-  bool use_wildcard_80211r = false;
+  std::atomic<bool> enabled = true;
+  std::atomic<std::int32_t> api_port = 8089;
+  std::atomic<std::int32_t> cli_api_port = 8082;
+  std::atomic<std::int32_t> listen_port = 8099;
+  std::atomic<bool> use_https = false;
+  ConfigText report_delete_at_time_utc = "21:00";  ///< hours:minutes
+  ConfigText reports_path = "/var/lib/tavro-wavelom/reports";
+  ConfigText www_path = "/opt/tavro-wavelom/www";
+  std::atomic<bool> vrrp_enabled = false;
+  std::atomic<std::int32_t> vrrp_timeout = 15;  ///< s
+  ConfigText vrrp_backup_path = "/tmp/tavro-wavelom/backup";
+  ConfigText vrrp_state_file = "/tmp/keep.mode";
+  std::atomic<bool> use_wildcard_80211r = false;
 
+  /// Settings of the domains bound to "common". Touched only before other threads exist; afterwards
+  /// read a copy with get_pattern_config("common").
   DomainConfig common;
 
-  /// Defaults, then the text when given, else the file; the file is rewritten in normal form.
-  explicit GlobalConfig(std::string path = {}, const char* text = nullptr);
+  /// Called with a domain's name and its pattern.
+  using DomainCallback = std::function<void(const std::string&, const std::string&)>;
 
-  /// The domain's settings. Throws std::out_of_range: "Domain not found", "Pattern not found",
-  /// "Domain config not found".
-  const DomainConfig& get_domain_config(const std::string& domain) const;
+  /// Defaults, then the text when given, else the file; then the file is rewritten in normal form.
+  /// A file that cannot be opened leaves the defaults and is not created; an empty path means none.
+  explicit GlobalConfig(std::string path = {}, const char* text = nullptr);
+  GlobalConfig(const GlobalConfig&) = delete;
+  GlobalConfig& operator=(const GlobalConfig&) = delete;
+
+  // --- the file
+
+  /// Takes a whole document on top of what is here. Known domains keep their settings and receive
+  /// the options of their entry; new ones get a copy of their pattern's.
+  void load(const JsonReader& document);
+  /// Loads the file again; it is not rewritten.
+  void reload();
+  /// Loads the document only when every value of it is valid.
+  /// @param invalid  set when a value is not; then nothing changes
+  /// @return whether the document was loaded
+  bool validate_and_load(const JsonReader& document, JsonWriter& errors, bool& invalid);
+  /// Rewrites the whole file; nothing with an empty path.
+  void save() const;
+
+  // --- global options
+
+  bool apply_global(const JsonReader& reader);
+  static bool validate_global(const JsonReader& reader, JsonWriter& errors);
+  void global_to_json(JsonWriter& writer) const;
+  bool equals_globally(const GlobalConfig& other) const;
+
+  // --- changes; false when refused. `invalid` is set when options were refused and listed.
+
+  bool pattern_add(const std::string& name, const JsonReader& settings, JsonWriter& errors,
+                   bool& invalid);
+  /// @param changed  set when a setting received another value
+  /// @param restart  called for every domain of the pattern then, without a lock held
+  bool pattern_change(const std::string& name, const JsonReader& settings, JsonWriter& errors,
+                      bool& invalid, bool& changed, const DomainCallback& restart = {});
+  /// Removes the pattern's domains too.
+  /// @param restart  called for each of them, once for its settings and its binding
+  bool pattern_remove(const std::string& name, const DomainCallback& restart, bool& changed);
+  bool domain_add(const std::string& name, const DomainInfo& info);
+  bool domain_change(const std::string& name, const DomainInfo& info);
+  bool domain_remove(const std::string& name, bool& changed);
+
+  // --- look-ups; all return copies
+
+  /// The common settings for "common"; none when there is no such pattern.
+  std::optional<DomainConfig> get_pattern_config(const std::string& name) const;
+  /// Throws std::out_of_range: "Domain not found", "Pattern not found", "Domain config not found".
+  DomainConfig get_domain_config(const std::string& domain) const;
+  std::optional<DomainInfo> get_domain_info(const std::string& domain) const;
   /// Seconds. Throws std::out_of_range "Domain (time zone) not found".
   std::int32_t get_time_zone(const std::string& domain) const;
   bool is_domain_exist(const std::string& domain) const;
 
+  std::vector<std::string> pattern_names() const;  ///< without "common"
+  std::map<std::string, DomainInfo> domains() const;
+  std::map<std::string, DomainConfig> domain_configs() const;
+
   const std::string& host_name() const noexcept { return host_name_; }
+  const std::string& path() const noexcept { return path_; }
+
+  /// What would change if `other` took the place of this configuration.
+  /// @param global_changed  called first when the global options differ
+  ConfigDifference compare(const GlobalConfig& other,
+                           const std::function<void()>& global_changed = {}) const;
 
  private:
-  std::string path_;
+  void load_pattern(const JsonReader& entry);
+  void load_domain(const JsonReader& entry);
+  const DomainConfig* find_pattern(const std::string& name) const;
+  /// Names of the domains that are bound to a pattern.
+  std::vector<std::string> domains_of(const std::string& pattern) const;
+  std::string to_file_text() const;
+
+  const std::string path_;
   std::string host_name_;
+  mutable std::shared_mutex mutex_;  ///< guards common and the maps
   std::map<std::string, DomainConfig> domain_configs_;
   std::map<std::string, DomainConfig> patterns_;
   std::map<std::string, DomainInfo> domains_;
 };
+
+/// One global option: its name and what it stores.
+struct GlobalOption {
+  struct Flag {
+    std::atomic<bool> GlobalConfig::*field;
+  };
+  struct Number {
+    std::atomic<std::int32_t> GlobalConfig::*field;
+    std::int32_t lowest_read, min,
+        max;  ///< reading takes lowest_read to max, validation min to max
+  };
+  struct Text {
+    ConfigText GlobalConfig::*field;
+  };
+  /// Hours and minutes; reading takes any text.
+  struct Time {
+    ConfigText GlobalConfig::*field;
+    std::int32_t min, max;  ///< s
+  };
+
+  const char* key;
+  std::variant<Flag, Number, Text, Time> kind;
+};
+
+/// All global options in the order in which they are written.
+std::span<const GlobalOption> global_options() noexcept;
 
 }  // namespace rrm
