@@ -1,0 +1,36 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+
+#include "server/lib/MessageRing.h"
+
+namespace rrm {
+
+/// Outgoing queue of one websocket session: a normal ring and one that is always drained first.
+///
+/// Threading: any thread pushes; only the session's service thread pops. The marks tell producers
+/// and
+///            the service thread about each other.
+template <class T>
+struct alignas(kCacheLine) _SafeQueue {
+  static constexpr std::size_t kCapacity = 16;  ///< messages, each ring
+
+  MessageRing<T> normal{kCapacity};
+  MessageRing<T> force{kCapacity};
+  int tsi = -1;  ///< service thread of the session
+
+  std::atomic<bool> closed{false};   ///< the session is gone: waiting producers give up
+  std::atomic<bool> listed{false};   ///< the service thread already knows that something waits
+  std::atomic<bool> clogged{false};  ///< a producer gave up and nothing was taken since
+
+  bool empty() const noexcept { return normal.empty() && force.empty(); }
+  /// Takes from the force ring, else from the normal one.
+  bool try_pop(T& out) {
+    if (!force.try_pop(out) && !normal.try_pop(out)) return false;
+    clogged = false;
+    return true;
+  }
+};
+
+}  // namespace rrm
