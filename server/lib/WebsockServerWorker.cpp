@@ -1,0 +1,647 @@
+#include "server/lib/WebsockServerWorker.h"
+
+#include <ev.h>
+#include <libwebsockets.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <exception>
+#include <limits>
+#include <optional>
+
+#include "server/lib/Config.h"
+#include "server/lib/Envelope.h"
+#include "server/lib/Hooks.h"
+#include "server/lib/RRM.h"
+#include "server/lib/TimerList.h"
+
+namespace rrm {
+namespace {
+
+constexpr char kProtocolName[] = "websock-rrm";
+constexpr char kMountPoint[] = "/zunt/rrm";
+constexpr std::size_t kReceiveBuffer = 65536;   ///< bytes libwebsockets delivers at once
+constexpr unsigned int kServiceBuffer = 65536;  ///< bytes libwebsockets reads at once
+constexpr std::size_t kStackMessage = 4096;     ///< longest message sent without allocating
+constexpr std::size_t kParserArena = 8192;      ///< first block of a document's arena, bytes
+constexpr std::size_t kMostParsers = 100;
+constexpr int kParserWait_ms = 10;
+constexpr std::size_t kIntMax = 2147483647;
+constexpr std::uint32_t kFlood = 1024;      ///< messages in one second
+constexpr std::int64_t kFloodPause_s = 29;  ///< between two load-balancer stops
+constexpr int kStuckPeer_s = 5;             ///< until a session to be dropped is cut off
+constexpr int kLibraryLogAll = 0x3ff;
+constexpr useconds_t kRetryStep_us = 100000;
+constexpr int kRetrySteps = 10;  ///< about a second between two attempts to listen
+
+struct ReasonName {
+  int reason;
+  const char* name;
+};
+
+#define RRM_REASON(name) \
+  ReasonName { name, #name }
+/// Events that are recorded by their name.
+constexpr ReasonName kRecordedReasons[] = {
+    RRM_REASON(LWS_CALLBACK_ESTABLISHED),
+    RRM_REASON(LWS_CALLBACK_RECEIVE),
+    RRM_REASON(LWS_CALLBACK_RECEIVE_PONG),
+    RRM_REASON(LWS_CALLBACK_CLOSED),
+    RRM_REASON(LWS_CALLBACK_CLOSED_HTTP),
+    RRM_REASON(LWS_CALLBACK_EVENT_WAIT_CANCELLED),
+    RRM_REASON(LWS_CALLBACK_CLIENT_CONNECTION_ERROR),
+    RRM_REASON(LWS_CALLBACK_CLIENT_ESTABLISHED),
+    RRM_REASON(LWS_CALLBACK_CLIENT_RECEIVE),
+    RRM_REASON(LWS_CALLBACK_CLIENT_RECEIVE_PONG),
+    RRM_REASON(LWS_CALLBACK_CLIENT_WRITEABLE),
+    RRM_REASON(LWS_CALLBACK_SERVER_NEW_CLIENT_INSTANTIATED),
+    RRM_REASON(LWS_CALLBACK_PROTOCOL_INIT),
+    RRM_REASON(LWS_CALLBACK_PROTOCOL_DESTROY),
+    RRM_REASON(LWS_CALLBACK_WSI_CREATE),
+};
+#undef RRM_REASON
+
+void record_reason(int reason) {
+  if (!log_enabled(LogLevel::Debug)) return;
+  for (const ReasonName& row : kRecordedReasons)
+    if (row.reason == reason)
+      return log_write(__FILE__, __LINE__, "worker_lws_callback", LogLevel::Debug, "%s", row.name);
+}
+
+int protocol_callback(lws* wsi, lws_callback_reasons reason, void* user, void* in,
+                      std::size_t length) {
+  return WebsockServerWorker::worker_lws_callback(wsi, static_cast<int>(reason), user, in, length);
+}
+
+const lws_protocols* protocols() {
+  static const lws_protocols table[] = {
+      {"http", lws_callback_http_dummy, 0, 0, 0, nullptr, 0},
+      {kProtocolName, protocol_callback, sizeof(void*), kReceiveBuffer, 0, nullptr, 0},
+      {nullptr, nullptr, 0, 0, 0, nullptr, 0},
+  };
+  return table;
+}
+
+const lws_http_mount* mount() {
+  static const lws_http_mount value = [] {
+    lws_http_mount result{};
+    result.mountpoint = kMountPoint;
+    result.mountpoint_len = sizeof kMountPoint - 1;
+    result.origin = "/tmp";
+    result.def = "test.html";
+    result.protocol = kProtocolName;
+    result.origin_protocol = LWSMPRO_CALLBACK;
+    return result;
+  }();
+  return &value;
+}
+
+bool is_service_thread(std::int32_t tsi) {
+  return tsi >= 0 && tsi < static_cast<std::int32_t>(WebsockServerWorker::kServiceThreads);
+}
+
+/// Length of a text for "%.*s".
+int printable(std::string_view text) { return static_cast<int>(std::min(text.size(), kIntMax)); }
+
+}  // namespace
+
+WebsockServerWorker::WebsockServerWorker(RRM* owner, const GlobalConfig* config)
+    : Worker("websock-server-worker", owner, kIdleWait_us, kCapacity, false),
+      config_(config),
+      parser_wakeup_fd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
+      last_flood_stop_s_(std::numeric_limits<std::int64_t>::min() / 2) {}
+
+WebsockServerWorker::~WebsockServerWorker() { close(parser_wakeup_fd_); }
+
+// --- connect and disconnect
+
+bool WebsockServerWorker::connect() {
+  if (context_ != nullptr) disconnect();
+  stop_ = false;
+  if (!create_context()) {
+    for (int step = 0; step < kRetrySteps && !is_stopped(); ++step) usleep(kRetryStep_us);
+    return false;
+  }
+  start_threads();
+  return true;
+}
+
+bool WebsockServerWorker::create_context() {
+  services_.clear();
+  loops_.clear();
+  services_.push_back(std::make_unique<ServiceThread>());
+  services_.back()->loop = ev_loop_new(EVFLAG_AUTO);
+  loops_.push_back(services_.back()->loop);
+
+  lws_context_creation_info info{};
+  info.port = config_->listen_port;
+  info.protocols = protocols();
+  info.mounts = mount();
+  info.gid = static_cast<decltype(info.gid)>(-1);
+  info.uid = static_cast<decltype(info.uid)>(-1);
+  info.count_threads = static_cast<unsigned int>(services_.size());
+  // 0 is the limit of the process: with a smaller one every look-up of a connection walks a list.
+  info.fd_limit_per_thread = 0;
+  info.pt_serv_buf_size = kServiceBuffer;
+  // The library's own poll() loop walks all sessions for every message; libev's does not.
+  info.options = LWS_SERVER_OPTION_DISABLE_IPV6 | LWS_SERVER_OPTION_LIBEV |
+                 LWS_SERVER_OPTION_FAIL_UPON_UNABLE_TO_BIND;
+  info.foreign_loops = loops_.data();
+  info.user = this;
+  update_library_log_level();
+
+  lws_context* context = lws_create_context(&info);
+  if (context == nullptr) {
+    destroy_context();
+    return false;
+  }
+  const std::lock_guard lock(context_mutex_);
+  context_ = context;
+  bound_port_ = lws_get_vhost_listen_port(lws_get_vhost_by_name(context, "default"));
+  return true;
+}
+
+/// Asking for every line makes libwebsockets format every line, so it is asked only when somebody
+/// takes them. The level is one for the process.
+void WebsockServerWorker::update_library_log_level() {
+  const bool debug = log_enabled(LogLevel::Debug);
+  library_debug_ = debug;
+  lws_set_log_level(debug ? kLibraryLogAll : 0, &WebsockServerWorker::logger_callback);
+}
+
+void WebsockServerWorker::start_threads() {
+  const auto count = static_cast<std::size_t>(lws_get_count_threads(context_));
+  RRM_LOG(Debug, "Starting %d lws threads", static_cast<int>(count));
+  for (std::size_t index = 0; index < count; ++index)
+    services_[index]->thread = std::thread([this, index] { serve(index); });
+  while (parsers_.size() < std::min(count, kMostParsers))
+    parsers_.emplace_back([this] { parse_messages(); });
+}
+
+void WebsockServerWorker::disconnect() {
+  Worker::disconnect();
+  stop_ = true;
+  join_threads();
+  for (auto& queues : outgoing_) {
+    queues.for_each([](lws*, const std::shared_ptr<Outgoing>& queue) { queue->closed = true; });
+    queues.clear();
+  }
+  sessions_.clear();
+  destroy_context();
+  Received discarded;
+  while (received_first_.try_pop(discarded) || received_.try_pop(discarded)) discarded = {};
+  backlog_ = 0;
+}
+
+void WebsockServerWorker::join_threads() {
+  {
+    const std::lock_guard lock(context_mutex_);
+    if (context_ != nullptr) lws_cancel_service(context_);
+  }
+  wake_parsers();
+  for (auto& service : services_)
+    if (service->thread.joinable()) service->thread.join();
+  for (std::thread& parser : parsers_) parser.join();
+  parsers_.clear();
+}
+
+void WebsockServerWorker::destroy_context() {
+  lws_context* context = nullptr;
+  {
+    const std::lock_guard lock(context_mutex_);
+    context = std::exchange(context_, nullptr);
+  }
+  bound_port_ = 0;
+  if (context != nullptr) lws_context_destroy(context);
+  for (auto& service : services_)
+    if (service->loop != nullptr) ev_loop_destroy(service->loop);
+  services_.clear();
+  loops_.clear();
+}
+
+void WebsockServerWorker::serve(std::size_t index) {
+  prctl(PR_SET_NAME, "lws-service");
+  struct ev_loop* const loop = services_[index]->loop;
+  while (!stop_) ev_run(loop, EVRUN_ONCE);
+}
+
+// --- parsing threads
+
+void WebsockServerWorker::wake_parsers() noexcept {
+  const std::uint64_t one = 1;
+  [[maybe_unused]] const auto written = write(parser_wakeup_fd_, &one, sizeof one);
+}
+
+void WebsockServerWorker::parse_messages() {
+  prctl(PR_SET_NAME, "jsonificator");
+  Received received;
+  while (!stop_) {
+    if (received_first_.try_pop(received) || received_.try_pop(received)) {
+      parse_message(received);
+      backlog_ -= received.first.size();
+      received = {};
+      continue;
+    }
+    pollfd wait{parser_wakeup_fd_, POLLIN, 0};
+    if (poll(&wait, 1, kParserWait_ms) > 0 && (wait.revents & POLLIN) != 0) {
+      std::uint64_t count = 0;
+      [[maybe_unused]] const auto taken = read(parser_wakeup_fd_, &count, sizeof count);
+    }
+  }
+}
+
+void WebsockServerWorker::parse_message(const Received& received) {
+  const auto& [text, address] = received;
+  if (!is_session_alive(address)) return;
+  const auto fail = [](const char* what) {
+    RRM_LOG(Error, "Exception at processing message on websock-server-worker: %s", what);
+    raise_event(EventCode::ParsingThreadThrew);
+  };
+  try {
+    owner()->process_incoming_message(JsonReader(text.c_str(), kParserArena), address);
+  } catch (const std::exception& error) {
+    fail(error.what());
+  } catch (...) {
+    fail("unknown");
+  }
+}
+
+// --- callbacks
+
+void WebsockServerWorker::logger_callback(int level, const char* text) {
+  std::string_view line(text);
+  while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.remove_suffix(1);
+  RRM_LOG(Debug, "libwebsocket-debug> %d: %.*s", level, printable(line), line.data());
+}
+
+int WebsockServerWorker::worker_lws_callback(lws* wsi, int reason, void* user, void* in,
+                                             std::size_t length) {
+  record_reason(reason);
+  lws_context* const context = wsi == nullptr ? nullptr : lws_get_context(wsi);
+  if (context == nullptr) return 0;
+  auto* const worker = static_cast<WebsockServerWorker*>(lws_context_user(context));
+  return worker->on_event(wsi, reason, user, static_cast<const char*>(in), length);
+}
+
+int WebsockServerWorker::on_event(lws* wsi, int reason, void* user, const char* in,
+                                  std::size_t length) {
+  switch (reason) {
+    case LWS_CALLBACK_ESTABLISHED:
+      on_established(wsi, user);
+      return 0;
+    case LWS_CALLBACK_RECEIVE:
+      return on_receive(wsi, in, length);
+    case LWS_CALLBACK_RECEIVE_PONG:
+      on_pong(wsi);
+      return 0;
+    case LWS_CALLBACK_SERVER_WRITEABLE:
+      return on_writeable(wsi);
+    case LWS_CALLBACK_CLOSED:
+    case LWS_CALLBACK_CLOSED_HTTP:
+      on_closed(wsi);
+      return 0;
+    case LWS_CALLBACK_EVENT_WAIT_CANCELLED:
+      on_wait_cancelled(wsi);
+      return 0;
+    default:
+      return 0;
+  }
+}
+
+void WebsockServerWorker::on_established(lws* wsi, void* user) {
+  if (find_session(wsi) == nullptr) {
+    auto session = std::make_shared<WebsockSession>();
+    char peer[256] = "";
+    lws_get_peer_simple(wsi, peer, sizeof peer);
+    session->peer = peer;
+    session->last_activity_s = TimerList::now_seconds();
+    {
+      const std::lock_guard lock(id_mutex_);
+      session->address = {wsi, lws_get_tsi(wsi), next_id_++};
+    }
+    if (user != nullptr) *static_cast<WebsockSession**>(user) = session.get();
+    sessions_.insert(wsi, std::move(session));
+  }
+  lws_callback_on_writable(wsi);
+}
+
+void WebsockServerWorker::on_pong(lws* wsi) {
+  const Session session = find_session(wsi);
+  if (session == nullptr) return;
+  session->last_activity_s = TimerList::now_seconds();
+  if (!session->drop_due) lws_set_timeout(wsi, NO_PENDING_TIMEOUT, 0);
+}
+
+void WebsockServerWorker::on_closed(lws* wsi) {
+  Session session;
+  {
+    const std::lock_guard lock(sessions_.mutex());
+    const auto found = sessions_.map().find(wsi);
+    if (found == sessions_.map().end()) return;
+    session = std::move(found->second);
+    sessions_.map().erase(found);
+  }
+  backlog_ -= session->receive_buffer.size();
+  const SessionAddress& address = session->address;
+  if (is_service_thread(address.tsi)) {
+    auto& queues = outgoing_[static_cast<std::size_t>(address.tsi)];
+    if (const auto queue = queues.find(wsi)) queue->closed = true;
+    queues.erase(wsi);
+  } else {
+    RRM_LOG(Error, "process_closed: invalid lws tsi %d", address.tsi);
+  }
+  owner()->on_session_closed(address);
+}
+
+// --- receiving
+
+int WebsockServerWorker::on_receive(lws* wsi, const char* in, std::size_t length) {
+  const Session session = find_session(wsi);
+  if (session == nullptr) return 0;
+  const bool complete = lws_remaining_packet_payload(wsi) == 0 && lws_is_final_fragment(wsi) != 0;
+  std::string& buffer = session->receive_buffer;
+  if (length > kLongestMessage - std::min(buffer.size(), kLongestMessage) ||
+      length > kLargestBacklog - std::min(backlog_.load(), kLargestBacklog)) {
+    RRM_LOG(Error, "websocket message too long, %zu bytes and more; close session %u",
+            buffer.size() + length, session->address.id);
+    return -1;
+  }
+  buffer.append(in, length);
+  backlog_ += length;
+  return complete ? on_message(*session, wsi) : 0;
+}
+
+int WebsockServerWorker::on_message(WebsockSession& session, lws* wsi) {
+  const std::int64_t now_s = TimerList::now_seconds();
+  session.last_activity_s = now_s;
+  if (!session.drop_due) lws_set_timeout(wsi, NO_PENDING_TIMEOUT, 0);
+  std::string text = std::exchange(session.receive_buffer, std::string());
+  RRM_LOG(Debug, "Recv %.*s", printable(text), text.data());
+  count_message(session.address, now_s);
+  const std::size_t size = text.size();
+  if (!queue_for_parsing(std::move(text), session.address)) backlog_ -= size;
+  return 0;
+}
+
+/// Looks back at each second when the next one begins.
+void WebsockServerWorker::count_message(const SessionAddress& address, std::int64_t second) {
+  bool flooded = false;
+  {
+    const std::lock_guard lock(flood_mutex_);
+    if (second > flood_second_) {
+      flooded = flood_count_ >= kFlood && second - last_flood_stop_s_ > kFloodPause_s;
+      if (flooded) last_flood_stop_s_ = second;
+      flood_second_ = second;
+      flood_count_ = 0;
+    }
+    ++flood_count_;
+  }
+  if (flooded) owner()->stop_load_balancer_at_rrm_worker(address);
+}
+
+bool WebsockServerWorker::queue_for_parsing(std::string&& text, const SessionAddress& address) {
+  if (!push_with_backoff(received_, Received(std::move(text), address),
+                         [this] { return stop_.load(); })) {
+    if (stop_) return false;
+    RRM_LOG(Error, "jsonificator_queue overflow: message dropped from session %d",
+            static_cast<int>(address.id));
+    raise_event(EventCode::WebsocketOverflow);
+    return false;
+  }
+  wake_parsers();
+  return true;
+}
+
+// --- queueing for a session
+
+void WebsockServerWorker::enqueue_message(JsonReader&& document, const SessionAddress& address) {
+  enqueue(__func__, std::make_shared<QueueMessage>(std::move(document), address), false);
+}
+
+void WebsockServerWorker::enqueue_message_force(JsonReader&& document,
+                                                const SessionAddress& address) {
+  if (is_message(document, "rrm-internal", "drop-session"))
+    if (const Session session = find_session(address.wsi); session && session->address == address)
+      session->drop_due = true;
+  enqueue(__func__, std::make_shared<QueueMessage>(std::move(document), address), true);
+}
+
+void WebsockServerWorker::enqueue_serialized(std::string&& text, const SessionAddress& address) {
+  enqueue(__func__, std::make_shared<QueueMessage>(std::move(text), address), false);
+}
+
+void WebsockServerWorker::enqueue_text(const char* text, const SessionAddress& address) {
+  if (text != nullptr) enqueue_serialized(text, address);
+}
+
+void WebsockServerWorker::enqueue(const char* function, Message&& message, bool force) {
+  const SessionAddress address = message->address();
+  const auto queue = outgoing_queue(function, address);
+  if (queue == nullptr) return;
+  auto& ring = force ? queue->force : queue->normal;
+  const auto give_up = [&] { return queue->closed || queue->clogged || stop_; };
+  if (push_with_backoff(ring, std::move(message), give_up)) {
+    announce(*queue, address);
+    return;
+  }
+  if (queue->closed || stop_) return;
+  // Whoever takes nothing for a minute does not hold the next producers for another one each.
+  queue->clogged = true;
+  log_write(__FILE__, __LINE__, function, LogLevel::Error,
+            force ? "per-wsi force queue overflow: outgoing message dropped for session %d"
+                  : "per-wsi queue overflow: outgoing message dropped for session %d",
+            static_cast<int>(address.id));
+  raise_event(EventCode::WebsocketOverflow);
+}
+
+std::shared_ptr<WebsockServerWorker::Outgoing> WebsockServerWorker::outgoing_queue(
+    const char* function, const SessionAddress& address) {
+  const auto record = [function](const char* format, auto... values) {
+    if (log_enabled(LogLevel::Debug))
+      log_write(__FILE__, __LINE__, function, LogLevel::Debug, format, function, values...);
+  };
+  const std::lock_guard lock(sessions_.mutex());
+  const auto found = sessions_.map().find(address.wsi);
+  if (found == sessions_.map().end()) {
+    record("%s: no live websocket session for wsi (dropped id=%u)", address.id);
+    return nullptr;
+  }
+  const SessionAddress& live = found->second->address;
+  if (live.id != address.id || live.tsi != address.tsi) {
+    record("%s: BaseSession stale or mismatched (msg id=%u tsi=%d vs live id=%u tsi=%d)",
+           address.id, address.tsi, live.id, live.tsi);
+    return nullptr;
+  }
+  if (!is_service_thread(address.tsi)) {
+    record("%s: invalid lws tsi %d", address.tsi);
+    return nullptr;
+  }
+  auto& queues = outgoing_[static_cast<std::size_t>(address.tsi)];
+  const std::lock_guard queues_lock(queues.mutex());
+  auto& queue = queues.map()[address.wsi];
+  if (queue == nullptr) {
+    queue = std::make_shared<Outgoing>();
+    queue->tsi = address.tsi;
+  }
+  return queue;
+}
+
+/// Puts the session on its service thread's list and wakes that thread, once until it has looked.
+void WebsockServerWorker::announce(Outgoing& queue, const SessionAddress& address) {
+  if (queue.listed.exchange(true)) return;
+  const std::lock_guard lock(context_mutex_);
+  const auto index = static_cast<std::size_t>(address.tsi);
+  if (context_ == nullptr || index >= services_.size()) return;
+  ServiceThread& service = *services_[index];
+  bool first = false;
+  {
+    const std::lock_guard waiting_lock(service.waiting_mutex);
+    first = service.waiting.empty();
+    service.waiting.push_back(address);
+  }
+  if (first) lws_cancel_service(context_);
+}
+
+void WebsockServerWorker::on_wait_cancelled(lws* stand_in) {
+  const auto index = static_cast<std::size_t>(lws_get_tsi(stand_in));
+  if (index >= services_.size()) return;
+  if (library_debug_ != log_enabled(LogLevel::Debug)) update_library_log_level();
+  std::vector<SessionAddress> waiting;
+  {
+    const std::lock_guard lock(services_[index]->waiting_mutex);
+    waiting.swap(services_[index]->waiting);
+  }
+  for (const SessionAddress& address : waiting) {
+    const Session session = find_session(address.wsi);
+    if (session == nullptr || session->address != address) continue;
+    if (const auto queue = outgoing_[index].find(address.wsi)) queue->listed = false;
+    lws_callback_on_writable(address.wsi);
+    if (session->drop_due) lws_set_timeout(address.wsi, PENDING_TIMEOUT_USER_OK, kStuckPeer_s);
+  }
+}
+
+// --- sending
+
+int WebsockServerWorker::on_writeable(lws* wsi) {
+  const Session session = find_session(wsi);
+  if (session == nullptr) return 0;
+  const std::int32_t tsi = session->address.tsi;
+  if (!is_service_thread(tsi)) {
+    RRM_LOG(Error, "process_server_writeable: invalid lws tsi %d", tsi);
+    for (auto& queues : outgoing_) queues.erase(wsi);
+    return 0;
+  }
+  const auto queue = outgoing_[static_cast<std::size_t>(tsi)].find(wsi);
+  Message message;
+  if (queue == nullptr || !queue->try_pop(message)) return 0;
+  Sent sent = Sent::KeepOpen;
+  if (message->address().id != session->address.id)
+    RRM_LOG(Debug,
+            "process_server_writeable: session ID mismatch (msg_id=%u, current_id=%u); skipping "
+            "stale message",
+            message->address().id, session->address.id);
+  else
+    sent = send(*message, *session);
+  if (!queue->empty()) lws_callback_on_writable(wsi);
+  return sent == Sent::Close ? -1 : 0;
+}
+
+WebsockServerWorker::Sent WebsockServerWorker::send(const QueueMessage& message,
+                                                    const WebsockSession& session) {
+  if (!message.has_text()) return send_document(message, session);
+  const std::string_view text = message.text();
+  if (text.size() > kIntMax) {
+    RRM_LOG(Error, "serialized payload exceeds INT_MAX; drop session %u", session.address.id);
+    raise_event(EventCode::SendFailed);
+    return Sent::KeepOpen;
+  }
+  lws_send(session.address.wsi, text, LWS_WRITE_TEXT);
+  return Sent::KeepOpen;
+}
+
+WebsockServerWorker::Sent WebsockServerWorker::send_document(const QueueMessage& message,
+                                                             const WebsockSession& session) {
+  const JsonReader& document = message.document();
+  lws* const wsi = session.address.wsi;
+  if (document.is_null()) {
+    RRM_LOG(Error, "ws_send json null");
+    raise_event(EventCode::NullDocument);
+    return Sent::KeepOpen;
+  }
+  if (process_internal_ipc_msg(document)) return Sent::KeepOpen;
+  if (is_message(document, "rrm-internal", "drop-session")) {
+    RRM_LOG(Debug, "cmd:drop-session %d", static_cast<int>(session.address.id));
+    unsigned char reason[] = "done";
+    lws_close_reason(wsi, LWS_CLOSE_STATUS_NORMAL, reason, sizeof reason - 1);
+    return Sent::Close;
+  }
+  if (is_message(document, "rrm-internal", "ping-session")) {
+    send_ping(wsi);
+    return Sent::KeepOpen;
+  }
+  const std::string_view text = message.text();
+  if (text.size() > kIntMax) {
+    RRM_LOG(Error, "json serialized_view exceeds INT_MAX; drop session %u", session.address.id);
+    raise_event(EventCode::SendFailed);
+    return Sent::KeepOpen;
+  }
+  lws_send(wsi, text, LWS_WRITE_TEXT);
+  return Sent::KeepOpen;
+}
+
+void WebsockServerWorker::send_ping(lws* wsi) {
+  lws_send(wsi, "lws_ping", LWS_WRITE_PING);
+  lws_set_timeout(wsi, PENDING_TIMEOUT_WS_PONG_CHECK_GET_PONG, pong_timeout_s_);
+}
+
+void WebsockServerWorker::lws_send(lws* wsi, std::string_view data, int kind) {
+  if (data.data() == nullptr || data.empty()) return;
+  RRM_LOG(Debug, "Send %.*s", printable(data), data.data());
+  unsigned char stack[LWS_PRE + kStackMessage];
+  std::unique_ptr<unsigned char[]> heap;
+  unsigned char* start = stack;
+  if (data.size() > kStackMessage) {
+    heap.reset(new unsigned char[LWS_PRE + data.size()]);
+    start = heap.get();
+  }
+  std::memcpy(start + LWS_PRE, data.data(), data.size());
+  const int written =
+      lws_write(wsi, start + LWS_PRE, data.size(), static_cast<lws_write_protocol>(kind));
+  if (written >= static_cast<int>(data.size())) return;
+  RRM_LOG(Error, "Can't send msg type [%d] to websocket (ret=%d len=%d)", kind, written,
+          static_cast<int>(data.size()));
+  raise_event(EventCode::SendFailed);
+}
+
+// --- state
+
+std::vector<WebsockServerWorker::Session> WebsockServerWorker::sessions() const {
+  std::vector<Session> result;
+  const std::lock_guard lock(sessions_.mutex());
+  result.reserve(sessions_.map().size());
+  for (const auto& [wsi, session] : sessions_.map()) result.push_back(session);
+  return result;
+}
+
+bool WebsockServerWorker::is_session_alive(const SessionAddress& address) const {
+  const Session session = find_session(address.wsi);
+  return session != nullptr && session->address == address;
+}
+
+void WebsockServerWorker::get_status(JsonWriter& writer) {
+  auto all = sessions();
+  std::sort(all.begin(), all.end(),
+            [](const Session& a, const Session& b) { return a->address.id < b->address.id; });
+  JsonWriter list = JsonWriter::array(writer, "websock-sessions");
+  for (const Session& session : all) {
+    JsonWriter entry = JsonWriter::object(list);
+    entry.add("id", session->address.id);
+    entry.add("peer", session->peer);
+  }
+}
+
+}  // namespace rrm

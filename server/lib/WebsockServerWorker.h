@@ -1,0 +1,163 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "server/lib/MessageRing.h"
+#include "server/lib/SafeMap.h"
+#include "server/lib/SafeQueue.h"
+#include "server/lib/WebsockSession.h"
+#include "server/lib/Worker.h"
+
+struct ev_loop;
+struct lws_context;
+struct lws_protocols;
+
+namespace rrm {
+
+class GlobalConfig;
+
+/// Websocket server of the access points.
+///
+/// Purpose:   joins received frames to messages and hands them to parsing ("jsonificator") threads,
+///            which pass them to the dispatcher; sends what other threads queue for a session. Its
+///            own worker thread only connects, waits and disconnects.
+/// Threading: enqueue_* and sessions() from any thread. Callbacks of libwebsockets run on its
+/// service
+///            threads; foreign threads call nothing of it but lws_cancel_service.
+///            Lock order: session map, then an outgoing-queue map; the id, flood and waiting
+///            mutexes are taken alone. No lock is held while pushing into a ring or calling the
+///            dispatcher.
+/// Ownership: sessions and queues are shared with whoever works on one at the moment.
+/// Errors:    what cannot be delivered is logged and dropped; the sender is not told.
+class WebsockServerWorker : public Worker {
+ public:
+  /// Longest message taken from an access point, and what all sessions together may have in the
+  /// making; a session that exceeds either is closed. Bytes.
+  static constexpr std::size_t kLongestMessage = std::size_t{16} << 20;
+  static constexpr std::size_t kLargestBacklog = std::size_t{256} << 20;
+  static constexpr int kPongTimeout_s = 40;
+  static constexpr std::size_t kServiceThreads = 8;  ///< that a session address can name
+
+  /// @param config read at every connect; outlives the worker
+  WebsockServerWorker(RRM* owner, const GlobalConfig* config);
+  ~WebsockServerWorker() override;
+
+  void process_message(const JsonReader&, const SessionAddress&) override {}
+  /// Queues a document for sending to the session. A full queue holds the caller for up to about a
+  /// minute; it gives up at once when the session closes.
+  void enqueue_message(JsonReader&& document, const SessionAddress& address) override;
+  void enqueue_message_force(JsonReader&& document, const SessionAddress& address) override;
+  void disconnect() override;
+  bool connect() override;
+  void get_status(JsonWriter& writer) override;
+  void get_status_full(JsonWriter& writer) override { get_status(writer); }
+
+  /// Queues a serialized text.
+  void enqueue_serialized(std::string&& text, const SessionAddress& address);
+  /// Copies the text; null is ignored.
+  void enqueue_text(const char* text, const SessionAddress& address);
+
+  using Session = std::shared_ptr<WebsockSession>;
+  std::vector<Session> sessions() const;
+  bool is_session_alive(const SessionAddress& address) const;
+  std::size_t session_count() const { return sessions_.size(); }
+
+  /// Lets go of every producer that waits on a full queue, until the next connect(): the controller
+  /// is about to join them.
+  void release_producers() noexcept { stop_ = true; }
+  /// Takes effect with the next ping.
+  void set_pong_timeout(int seconds) noexcept { pong_timeout_s_ = seconds; }
+  /// The port listened on; differs from the configured one when that is 0. 0 when not connected.
+  int port() const noexcept { return bound_port_; }
+
+  /// Log sink of libwebsockets.
+  static void logger_callback(int level, const char* text);
+  /// Protocol callback of libwebsockets; finds its worker through the context.
+  static int worker_lws_callback(lws* wsi, int reason, void* user, void* in, std::size_t length);
+
+ private:
+  using Message = std::shared_ptr<QueueMessage>;
+  using Outgoing = _SafeQueue<Message>;
+  using Received = std::pair<std::string, SessionAddress>;
+
+  /// Service threads' view of one of them: its loop and the sessions that have something to send.
+  struct ServiceThread {
+    ev_loop* loop = nullptr;
+    std::thread thread;
+    std::mutex waiting_mutex;
+    std::vector<SessionAddress> waiting;  ///< guarded by waiting_mutex
+  };
+
+  bool create_context();
+  void destroy_context();
+  void start_threads();
+  void join_threads();
+  void update_library_log_level();
+  void serve(std::size_t index);
+  void parse_messages();
+  void parse_message(const Received& received);
+
+  int on_event(lws* wsi, int reason, void* user, const char* in, std::size_t length);
+  void on_established(lws* wsi, void* user);
+  int on_receive(lws* wsi, const char* in, std::size_t length);
+  int on_message(WebsockSession& session, lws* wsi);
+  void on_pong(lws* wsi);
+  int on_writeable(lws* wsi);
+  void on_closed(lws* wsi);
+  void on_wait_cancelled(lws* wsi);
+
+  Session find_session(lws* wsi) const { return sessions_.find(wsi); }
+  void count_message(const SessionAddress& address, std::int64_t second);
+  bool queue_for_parsing(std::string&& text, const SessionAddress& address);
+
+  void enqueue(const char* function, Message&& message, bool force);
+  std::shared_ptr<Outgoing> outgoing_queue(const char* function, const SessionAddress& address);
+  void announce(Outgoing& queue, const SessionAddress& address);
+  void wake_parsers() noexcept;
+
+  /// What sending one message asks for afterwards.
+  enum class Sent { KeepOpen, Close };
+  Sent send(const QueueMessage& message, const WebsockSession& session);
+  Sent send_document(const QueueMessage& message, const WebsockSession& session);
+  void send_ping(lws* wsi);
+  static void lws_send(lws* wsi, std::string_view data, int kind);
+
+  const GlobalConfig* const config_;
+  std::atomic<int> bound_port_{0};
+  std::atomic<int> pong_timeout_s_{kPongTimeout_s};
+
+  std::uint32_t next_id_ = 1;  ///< guarded by id_mutex_
+  std::mutex id_mutex_;
+  SafeUnorderedMap<lws*, WebsockSession> sessions_;
+  std::array<SafeUnorderedMap<lws*, Outgoing>, kServiceThreads> outgoing_;
+
+  std::vector<std::unique_ptr<ServiceThread>> services_;
+  std::vector<std::thread> parsers_;
+  MessageRing<Received> received_{kCapacity};
+  MessageRing<Received> received_first_{kCapacity};  ///< drained first; nothing fills it so far
+  int parser_wakeup_fd_;
+  std::atomic<std::size_t> backlog_{0};  ///< bytes received and not yet parsed
+
+  std::mutex context_mutex_;  ///< guards context_ against its end while a producer wakes it
+  lws_context* context_ = nullptr;
+  std::vector<void*> loops_;       ///< as libwebsockets wants them
+  std::atomic<bool> stop_{false};  ///< ends the service and parsing loops
+  std::atomic<bool> library_debug_{false};
+
+  std::mutex flood_mutex_;
+  std::int64_t flood_second_ = 0;  ///< guarded by flood_mutex_, as the next two
+  std::uint32_t flood_count_ = 0;  ///< messages in that second
+  std::int64_t last_flood_stop_s_;
+};
+
+}  // namespace rrm
