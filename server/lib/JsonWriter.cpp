@@ -1,6 +1,8 @@
 #include "server/lib/JsonWriter.h"
 
+#undef NDEBUG  // the slot assertion stops release builds too
 #include <cassert>
+
 #include <utility>
 
 #include "json/JsonSerializer.h"
