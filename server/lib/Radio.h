@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "server/lib/AssocMap.h"
+#include "server/lib/ChannelPlan.h"
 #include "server/lib/Config.h"
 #include "server/lib/JsonReader.h"
 #include "server/lib/JsonWriter.h"
@@ -18,18 +19,6 @@
 #include "server/lib/VapMap.h"
 
 namespace rrm {
-
-/// 2 for channels 1..14, 5 for 36..165, 6 for 166..233, 0 (unknown) for any other. GHz.
-std::int32_t infer_band(std::int32_t channel) noexcept;
-
-/// Position of the primary 20 MHz channel in a wider one; the lower ones first.
-namespace PrimaryChannel {
-inline constexpr std::int32_t kNone = 0;
-inline constexpr std::int32_t kLower = 256;        ///< "lower", at 80 MHz "ll"
-inline constexpr std::int32_t kUpper = 512;        ///< "upper", at 80 MHz "lu"
-inline constexpr std::int32_t kUpperLower = 768;   ///< at 80 MHz "ul"
-inline constexpr std::int32_t kUpperUpper = 1024;  ///< at 80 MHz "uu"
-}  // namespace PrimaryChannel
 
 /// Channel numbers that a round has seen, indexed by band number; only 2, 5 and 6 are ever filled.
 using ChannelSets = std::array<std::unordered_set<std::int32_t>, 7>;
@@ -52,7 +41,7 @@ class Radio {
   std::int32_t locked_for_dca = 0;
   std::int32_t locked_for_balancer = 0;
   std::int32_t locked_for_80211v = 0;
-  bool power_initialised = false;    ///< the access point's own power was taken while TPC manages it
+  bool power_initialised = false;  ///< the access point's own power was taken while TPC manages it
   bool channel_initialised = false;  ///< the same for the channel while DCA manages it
   std::unordered_set<std::int32_t> available_channels;
   VapMap vaps;
@@ -98,7 +87,8 @@ class Radio {
   std::int32_t get_band() const noexcept { return band; }
   /// The band that messages carry: from the channel, with this radio's band deciding below 166.
   std::int32_t band_for_channel(std::int32_t for_channel) const noexcept;
-  /// dBm of this radio's band: threshold + hysteresis (mode 0), - hysteresis (mode 2), bare otherwise.
+  /// dBm of this radio's band: threshold + hysteresis (mode 0), - hysteresis (mode 2), bare
+  /// otherwise.
   std::int32_t rssi_threshold(int mode) const noexcept;
   const char* primary_channel_name() const noexcept;
   void normalize_primary_channel() noexcept;
@@ -118,12 +108,32 @@ class Radio {
   bool over_low_load() const noexcept;
   std::int32_t high_load_limit() const noexcept { return config->load_balance_sta_high; }
 
-  /// One element of an access point's "radios". `channel_sets` collects the available channels by band.
+  /// One element of an access point's "radios". `channel_sets` collects the available channels by
+  /// band.
   void from_json(const JsonReader& reader, ChannelSets& channel_sets, bool parse_vaps, bool is_new,
                  bool changed_flag);
   void restore(const JsonReader& reader, ChannelSets& channel_sets);
   void to_json(JsonWriter& object) const;         ///< status form: management, backups
   void config_to_json(JsonWriter& object) const;  ///< what the access point is told
+  /// Appends {"id", "probe-list": [{"ssid", "mac", "timeout"}]}: a question about one client.
+  void probe_list_to_json(JsonWriter& radios, const std::string& ssid, const MacAddress& client,
+                          std::int32_t timeout_s) const;
+  /// Appends {"id", "diassoc-list": [{"mac", "ssid", "timeout"}]} with the kicked clients that were
+  /// not listed before and marks them as sent; nothing when there is none.
+  /// @return whether an object was appended
+  bool disassoc_list_to_json(JsonWriter& radios);
+  /// Appends {"id", "blacklist": [{"mac", "action", "timeout" (with "block")}]} with the pending
+  /// changes; nothing when there is none. @return whether an object was appended
+  bool blacklist_to_json(JsonWriter& radios) const;
+
+ private:
+  void power_from_json(const JsonReader& reader);
+  void eirp_from_json(const JsonReader& reader);
+  void mac_pool_from_json(const JsonReader& reader, bool is_new);
+  void available_channels_from_text(const char* text, ChannelSets& channel_sets);
+  void add_available_channel(std::int32_t number, ChannelSets& channel_sets);
+  void eirp_to_json(JsonWriter& object) const;
+  void antenna_to_json(JsonWriter& object) const;
 };
 
 /// Rule of a "band" member: 2, 5 and 6 are taken, otherwise the channel decides (and is logged with
@@ -151,7 +161,8 @@ class RadioList {
 
   void set_mac(const MacAddress& base);
   void set_validate_power(const RadioList& limits);
-  /// Steps every enabled radio of the band down; the largest change. Band 0 is inferred from channel.
+  /// Steps every enabled radio of the band down; the largest change. Band 0 is inferred from
+  /// channel.
   std::int32_t apply_power_step_for_band(std::int32_t channel, std::int32_t band, std::int32_t a,
                                          std::int32_t b);
 
