@@ -12,7 +12,8 @@ namespace rrm {
 
 /// Access points of a domain by base MAC, with the index that resolves heard BSSIDs to them.
 ///
-/// Purpose:   a domain keeps three: the subscribed ones, those that did not answer the running round,
+/// Purpose:   a domain keeps three: the subscribed ones, those that did not answer the running
+/// round,
 ///            and those whose session is gone. Moves keep both indexes in step.
 /// Threading: the domain worker's thread only; snapshot() gives the optimisation deep copies.
 /// Errors:    get() throws std::out_of_range.
@@ -21,7 +22,7 @@ class ApMap {
   using Entry = std::shared_ptr<ApEntry>;
   using Map = std::unordered_map<MacAddress, Entry>;
 
-  void insert(const Entry& entry);        ///< into the map only; index_ap() makes it findable by BSSID
+  void insert(const Entry& entry);  ///< into the map only; index_ap() makes it findable by BSSID
   Entry find(const MacAddress& mac) const;  ///< by base MAC; empty when absent
   void erase(const MacAddress& mac);        ///< from index and map
   void erase_node(const MacAddress& mac);   ///< from the map only
@@ -57,12 +58,12 @@ class ApMap {
   void update_rf_environment(ApEntry& ap, const JsonReader& scans) const;
   /// The BSSID under which others (or `observer`) hear a radio; its radio MAC when nobody does.
   MacAddress heard_bssid(const ApEntry& ap, std::int32_t radio_id, const ApEntry* observer) const;
-  /// Rewrites the channel of a BSSID wherever it is heard; the channel count of the last access point
-  /// visited stays in `neighbour_channel_count`.
+  /// Rewrites the channel of a BSSID wherever it is heard; the channel count of the last access
+  /// point visited stays in `neighbour_channel_count`.
   void set_channel_for_bssid(const MacAddress& bssid, std::int32_t channel,
                              std::int32_t& neighbour_channel_count);
 
-  void to_json(JsonWriter& array) const;               ///< status form of every access point
+  void to_json(JsonWriter& array) const;                  ///< status form of every access point
   void list_to_json(JsonWriter& array, bool full) const;  ///< factory data and VAPs only
 
   /// 802.11k neighbour entries for `receiver`, from what it hears or from all access points.
@@ -78,6 +79,10 @@ class ApMap {
   const ApStorage& storage() const noexcept { return storage_; }
 
  private:
+  void add_all_ap_neighbours(const ApEntry& receiver, JsonWriter& array) const;
+  void add_heard_neighbours(const ApEntry& receiver, JsonWriter& array,
+                            const NeighbourMap& heard) const;
+
   Map aps_;
   ApStorage storage_;
 };

@@ -3,13 +3,15 @@
 #include <cstdint>
 #include <memory>
 #include <unordered_map>
+#include <vector>
 
 #include "server/lib/ApEntry.h"
 
 namespace rrm {
 
 /// Index from every radio MAC and VAP BSSID of enabled radios to the access point that owns it.
-/// Look-ups also try the MAC with its locally administered bit inverted.
+/// Look-ups also try the MAC with its locally administered bit inverted. A MAC that is indexed for
+/// one access point cannot be taken over by another.
 ///
 /// Threading: the domain worker's thread only.
 class ApStorage {
@@ -29,7 +31,11 @@ class ApStorage {
 
  private:
   std::unordered_map<MacAddress, Owner> owners_;
-  std::unordered_map<const ApEntry*, std::vector<MacAddress>> macs_of_;  ///< for cheap erasing
+  /// What each access point (by base MAC) has in owners_, so that erasing walks only that.
+  std::unordered_map<MacAddress, std::vector<MacAddress>> macs_of_;
+
+  void erase_macs(const MacAddress& base_mac);
+  void claim(const MacAddress& mac, const Owner& owner, std::vector<MacAddress>& claimed);
 };
 
 }  // namespace rrm

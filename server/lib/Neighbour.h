@@ -38,6 +38,22 @@ void restore_neighbours(NeighbourMap& map, const JsonReader& array);
 /// BSSID, everything else comes from the latest of them.
 void merge_neighbours(NeighbourMap& target, const std::vector<NeighbourMap>& scans);
 
+/// The same while the scans come in one by one, so that only what differs between them is held.
+class NeighbourMerger {
+ public:
+  /// Takes the next scan, later than all before it.
+  void add(const NeighbourMap& scan);
+  /// Replaces `target` by the merged entries.
+  void finish(NeighbourMap& target) const;
+
+ private:
+  struct Group {
+    Neighbour latest;
+    std::vector<std::int32_t> signals;  ///< dBm, of every scan that holds the BSSID
+  };
+  std::unordered_map<MacAddress, Group> groups_;
+};
+
 /// Mean that leaves out samples far from the rest; 0 for no values. Integer divisions truncate.
 std::int32_t robust_mean(const std::vector<std::int32_t>& values);
 
