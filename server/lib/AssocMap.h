@@ -59,8 +59,9 @@ class AssocMap {
   const std::unordered_map<MacAddress, AssocClient>& associated() const { return associated_; }
   const std::unordered_map<MacAddress, ExpectedClient>& expected() const { return expected_; }
 
-  void dump() const;                     ///< Debug records
-  void to_json(JsonWriter& array) const;  ///< {"mac", "dbm-signal", "ssid", "no-balance"} per client
+  void dump() const;  ///< Debug records
+  void to_json(
+      JsonWriter& array) const;  ///< {"mac", "dbm-signal", "ssid", "no-balance"} per client
   /// {"dbm-signal", "ssid", "no-balance"} of one client into an object.
   static void client_to_json(const AssocClient& client, JsonWriter& object);
 
