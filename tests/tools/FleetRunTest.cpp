@@ -126,10 +126,43 @@ TEST_F(FleetRunOfFour, ClosesAfterARefusalAndTriesAgain) {
   EXPECT_EQ(connections.opened, (std::vector<std::uint32_t>{0}));
 }
 
+TEST_F(FleetRunOfFour, SumsUpTheAirWhenARoundHasFinished) {
+  subscribe_all();
+  EXPECT_EQ(run.air().radios[0], 0u);
+  for (const char* text : {R"({"service":"rrm","cmd":"rrm-request-mode"})",
+                           R"({"service":"rrm","cmd":"rrm-update","rrm-scan-delay":0})",
+                           R"({"service":"rrm","cmd":"rrm-info","config":{}})"}) {
+    all_hear(text);
+    run_to(now + 5100);
+  }
+  EXPECT_EQ(run.air().radios[0], 4u);
+  EXPECT_LT(run.air().before_dbm[0], -20);
+  EXPECT_EQ(run.air().before_dbm, run.air().after_dbm) << "nothing was changed";
+}
+
+TEST(FleetRun, RestartsSoManyAccessPointsPerMinute) {
+  World world(Scenario::of_size(50, 1, 1));
+  FakeConnections connections;
+  FleetRun run(world, {.rate = 1000, .max_opening = 1000, .churn = 6, .timing = {}}, connections,
+               0);
+  Millis now = 0;
+  for (; now < 1000; now += 10) run.advance(now);
+  for (const std::uint32_t ap : connections.opened) {
+    run.on_open(now, ap);
+    run.on_text(now, ap, kAccepted);
+  }
+  for (; now < 61000; now += 10) run.advance(now);
+  ASSERT_EQ(connections.closed.size(), 6u);
+  EXPECT_EQ(run.counters().restarts, 6u);
+  run.on_closed(now, connections.closed[0]);
+  EXPECT_EQ(run.counters().lost, 0u) << "it went by itself";
+  EXPECT_EQ(run.subscribed(), 49u);
+}
+
 TEST(FleetRun, StartsConnectionsAtItsRate) {
   World world(Scenario::of_size(100, 1, 1));
   FakeConnections connections;
-  FleetRun run(world, {.rate = 50, .max_opening = 1000, .timing = {}}, connections, 0);
+  FleetRun run(world, {.rate = 50, .max_opening = 1000, .churn = 0, .timing = {}}, connections, 0);
   for (Millis now = 0; now <= 1000; now += 10) run.advance(now);
   EXPECT_GE(connections.opened.size(), 50u);
   EXPECT_LE(connections.opened.size(), 52u);
@@ -138,7 +171,7 @@ TEST(FleetRun, StartsConnectionsAtItsRate) {
 TEST(FleetRun, DoesNotCatchUpWithABurstAfterAStall) {
   World world(Scenario::of_size(100, 1, 1));
   FakeConnections connections;
-  FleetRun run(world, {.rate = 50, .max_opening = 1000, .timing = {}}, connections, 0);
+  FleetRun run(world, {.rate = 50, .max_opening = 1000, .churn = 0, .timing = {}}, connections, 0);
   run.advance(10000);
   EXPECT_LE(connections.opened.size(), 5u);
 }
@@ -146,7 +179,7 @@ TEST(FleetRun, DoesNotCatchUpWithABurstAfterAStall) {
 TEST(FleetRun, KeepsOnlySoManyConnectionsUnderWay) {
   World world(Scenario::of_size(100, 1, 1));
   FakeConnections connections;
-  FleetRun run(world, {.rate = 10000, .max_opening = 8, .timing = {}}, connections, 0);
+  FleetRun run(world, {.rate = 10000, .max_opening = 8, .churn = 0, .timing = {}}, connections, 0);
   for (Millis now = 0; now <= 1000; now += 10) run.advance(now);
   EXPECT_EQ(connections.opened.size(), 8u);
   run.on_open(1000, connections.opened[0]);

@@ -3,17 +3,39 @@
 #include <algorithm>
 
 namespace rrm::fleet {
+namespace {
+
+AirSummary summarize(const std::vector<DomainRun>& domains) {
+  AirSample before;
+  AirSample after;
+  for (const DomainRun& domain : domains) {
+    if (!domain.before || !domain.after) continue;
+    merge(before, *domain.before);
+    merge(after, *domain.after);
+  }
+  AirSummary air;
+  for (std::size_t band = 0; band < air.radios.size(); ++band) {
+    air.radios[band] = after[band].radios();
+    air.before_dbm[band] = mean(before[band].interference_dbm);
+    air.after_dbm[band] = mean(after[band].interference_dbm);
+  }
+  return air;
+}
+
+}  // namespace
 
 FleetRun::FleetRun(World& world, const RunOptions& options, Connections& connections, Millis now)
     : world_(world),
       options_(options),
       connections_(connections),
       started_(now),
-      last_advance_(now) {
+      last_advance_(now),
+      random_(hash({world.scenario().seed, 0x43757263})) {
   const auto count = static_cast<std::uint32_t>(world.aps().size());
   agents_.reserve(count);
   for (std::uint32_t i = 0; i < count; ++i) agents_.emplace_back(world, i, options_.timing);
   wires_.assign(count, Wire::Down);
+  restarting_.assign(count, false);
   for (const Site& site : world.sites()) domains_.emplace_back(site.ap_count);
   // The sites take turns, so that all of them fill up together.
   for (std::uint32_t i = 0; waiting_.size() < count; ++i) {
@@ -36,6 +58,7 @@ bool FleetRun::every_domain_planned() const noexcept {
 
 void FleetRun::advance(Millis now) {
   run_due(now);
+  restart_some(now);
   start_connections(now);
   finish_rounds(now);
 }
@@ -54,6 +77,18 @@ void FleetRun::start_connections(Millis now) {
     ++counters_.attempts;
     wires_[ap] = Wire::Opening;
     connections_.open(ap);
+  }
+}
+
+void FleetRun::restart_some(Millis now) {
+  if (options_.churn <= 0) return;
+  restarts_due_ += options_.churn * static_cast<double>(now - last_advance_) / 60000;
+  for (; restarts_due_ >= 1; restarts_due_ -= 1) {
+    const std::uint32_t ap = random_.below(static_cast<std::uint32_t>(agents_.size()));
+    if (agents_[ap].state() != ApAgent::State::Subscribed || restarting_[ap]) continue;
+    restarting_[ap] = true;
+    ++counters_.restarts;
+    connections_.close(ap);
   }
 }
 
@@ -99,10 +134,11 @@ void FleetRun::on_closed(Millis now, std::uint32_t ap) {
   if (wires_[ap] == Wire::Open) --open_;
   wires_[ap] = Wire::Down;
   if (agents_[ap].state() == ApAgent::State::Subscribed) {
-    ++counters_.lost;
+    if (!restarting_[ap]) ++counters_.lost;
     const std::uint32_t site = world_.ap(ap).site;
     domains_[site].round.on_lost(ap - world_.sites()[site].first_ap);
   }
+  restarting_[ap] = false;
   due_.push({now + agents_[ap].on_closed(), ap, true});
 }
 
@@ -160,9 +196,13 @@ void FleetRun::follow(Millis now, std::uint32_t ap, ApEvent event) {
 }
 
 void FleetRun::finish_rounds(Millis now) {
+  bool changed = false;
   for (std::size_t i = 0; i < domains_.size(); ++i) {
-    if (domains_[i].round.finished(now)) domains_[i].after = sample_site(world_, world_.sites()[i]);
+    if (!domains_[i].round.finished(now)) continue;
+    domains_[i].after = sample_site(world_, world_.sites()[i]);
+    changed = true;
   }
+  if (changed) air_ = summarize(domains_);
 }
 
 }  // namespace rrm::fleet

@@ -11,6 +11,7 @@
 #include "tools/fleet/ApAgent.h"
 #include "tools/fleet/DomainRound.h"
 #include "tools/fleet/Figures.h"
+#include "tools/fleet/Random.h"
 #include "tools/fleet/World.h"
 
 namespace rrm::fleet {
@@ -30,6 +31,7 @@ class Connections {
 struct RunOptions {
   double rate = 200;                ///< connections started per second
   std::uint32_t max_opening = 256;  ///< connections under way at once
+  double churn = 0;                 ///< access points that restart per minute
   AgentTiming timing;
 };
 
@@ -38,6 +40,7 @@ struct Counters {
   std::uint64_t attempts = 0;       ///< connections started
   std::uint64_t failed = 0;         ///< connections that never opened
   std::uint64_t lost = 0;           ///< subscribed access points whose connection closed
+  std::uint64_t restarts = 0;       ///< access points that closed by themselves, see churn
   std::uint64_t rejected = 0;       ///< subscriptions refused
   std::uint64_t subscriptions = 0;  ///< accepted
   std::uint64_t sent = 0, received = 0, sent_bytes = 0, received_bytes = 0;
@@ -51,6 +54,13 @@ struct DomainRun {
   DomainRound round;
   std::optional<AirSample> before;
   std::optional<AirSample> after;
+};
+
+/// Mean interference before and after, dBm, over the domains that have both; no radios: not known.
+struct AirSummary {
+  std::array<std::size_t, 3> radios{};
+  std::array<double, 3> before_dbm{};
+  std::array<double, 3> after_dbm{};
 };
 
 /// Runs a fleet: starts connections at a rate, feeds the access points, keeps their timers,
@@ -80,6 +90,8 @@ class FleetRun {
   /// True when every domain has finished at least one round.
   bool every_domain_planned() const noexcept;
   Millis started() const noexcept { return started_; }
+  /// Made anew whenever a round has finished.
+  const AirSummary& air() const noexcept { return air_; }
 
  private:
   struct Due {
@@ -96,6 +108,7 @@ class FleetRun {
   void count(ApEvent event);
   void follow(Millis now, std::uint32_t ap, ApEvent event);
   void finish_rounds(Millis now);
+  void restart_some(Millis now);
 
   World& world_;
   RunOptions options_;
@@ -107,6 +120,10 @@ class FleetRun {
   std::priority_queue<Due, std::vector<Due>, std::greater<>> due_;
   std::vector<ApAgent> agents_;
   std::vector<Wire> wires_;
+  std::vector<bool> restarting_;
+  double restarts_due_ = 0;
+  Random random_;
+  AirSummary air_;
   std::vector<DomainRun> domains_;
   std::uint32_t opening_ = 0;
   std::uint32_t open_ = 0;

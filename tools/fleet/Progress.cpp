@@ -69,6 +69,20 @@ std::string fleet_line(const FleetRun& run, Millis now) {
   return text;
 }
 
+/// What the plans have done so far; empty before the first one.
+std::string air_line(const AirSummary& air) {
+  constexpr std::array<const char*, 3> kNames{"2.4 GHz", "5 GHz", "6 GHz"};
+  std::string line;
+  for (std::size_t band = 0; band < kNames.size(); ++band) {
+    if (air.radios[band] == 0) continue;
+    char text[64];
+    std::snprintf(text, sizeof text, "%s %s %.1f -> %.1f", line.empty() ? "" : ",", kNames[band],
+                  air.before_dbm[band], air.after_dbm[band]);
+    line += text;
+  }
+  return line.empty() ? line : "interference, mean dBm:" + line;
+}
+
 /// The domains that have no line of their own, by stage.
 std::string rest_line(const FleetRun& run, std::size_t first) {
   std::array<int, kStages> counts{};
@@ -99,6 +113,7 @@ std::vector<std::string> status_lines(const FleetRun& run, Millis now, std::size
     lines.push_back(domain_line(run.world().sites()[i].domain, run.domains()[i].round));
   }
   if (shown < run.domains().size()) lines.push_back(rest_line(run, shown));
+  if (std::string air = air_line(run.air()); !air.empty()) lines.push_back(std::move(air));
   for (std::string& line : lines) line.resize(std::min(line.size(), columns));
   return lines;
 }

@@ -41,6 +41,7 @@ void summary(std::string& text, const Report& r) {
   }
   line(text, "Connections   %llu started, %llu failed, %llu lost; %llu subscriptions refused",
        big(c.attempts), big(c.failed), big(c.lost), big(c.rejected));
+  if (c.restarts > 0) line(text, "Restarts      %llu access points", big(c.restarts));
   line(text, "Messages      %llu sent (%.1f MB), %llu received (%.1f MB)", big(c.sent),
        megabytes(c.sent_bytes), big(c.received), megabytes(c.received_bytes));
   line(text, "Plans         %llu channels and %llu powers changed", big(c.channel_changes),
@@ -130,6 +131,7 @@ void write_counters(JsonWriter& parent, const Counters& c) {
   object.add("connections_started", c.attempts);
   object.add("connections_failed", c.failed);
   object.add("sessions_lost", c.lost);
+  object.add("restarts", c.restarts);
   object.add("subscriptions", c.subscriptions);
   object.add("subscriptions_refused", c.rejected);
   object.add("messages_sent", c.sent);

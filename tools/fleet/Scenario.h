@@ -58,7 +58,7 @@ struct Scenario {
 
   /// `domains` sites named "site-1", "site-2" ... that share `aps` access points evenly.
   static Scenario of_size(int aps, int domains, std::uint64_t seed);
-  /// Reads docs/fleet-scenario.md's format; throws ScenarioError.
+  /// Reads the format of docs/fleet.md; throws ScenarioError.
   static Scenario from_json(const std::string& text);
 };
 

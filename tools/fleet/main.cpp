@@ -23,6 +23,7 @@ struct Options {
   double rate = 200;
   double duration = 0;
   double scan_time = 4;
+  double churn = 0;
   std::string scenario;
   bool json = false;
   bool quiet = false;
@@ -37,13 +38,12 @@ void define(CLI::App& app, Options& options) {
   app.add_option("--domains", options.domains, "Domains, named site-1, site-2 ...")
       ->check(CLI::Range(1, 10000))
       ->capture_default_str();
-  auto* seed =
-      app.add_option("--seed", options.seed, "Same seed, same fleet")->capture_default_str();
+  app.add_option("--seed", options.seed, "Same seed, same fleet; overrides a scenario's")
+      ->capture_default_str();
   app.add_option("--scenario", options.scenario, "JSON file with sites, buildings and SSIDs")
       ->check(CLI::ExistingFile)
       ->excludes("--aps")
       ->excludes("--domains");
-  seed->description("Same seed, same fleet; overrides a scenario's");
   app.add_option("--host", options.simulation.endpoint.host, "Controller")->capture_default_str();
   app.add_option("--port", options.simulation.endpoint.port, "Its access-point port")
       ->check(CLI::Range(1, 65535))
@@ -53,6 +53,9 @@ void define(CLI::App& app, Options& options) {
       ->capture_default_str();
   app.add_option("--scan-time", options.scan_time, "Seconds that a scan takes")
       ->check(CLI::Range(0.0, 3600.0))
+      ->capture_default_str();
+  app.add_option("--churn", options.churn, "Access points that restart per minute")
+      ->check(CLI::NonNegativeNumber)
       ->capture_default_str();
   app.add_option("--duration", options.duration, "Seconds to run; 0: until Ctrl-C")
       ->check(CLI::NonNegativeNumber)
@@ -78,6 +81,7 @@ int run(Options& options, bool seed_given) {
   World world(scenario_of(options, seed_given));
   SimulationOptions& simulation = options.simulation;
   simulation.run.rate = options.rate;
+  simulation.run.churn = options.churn;
   simulation.run.timing.scan = static_cast<Millis>(options.scan_time * 1000);
   simulation.duration = static_cast<Millis>(options.duration * 1000);
   simulation.progress = !options.quiet;
