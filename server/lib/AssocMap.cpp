@@ -1,21 +1,11 @@
 #include "server/lib/AssocMap.h"
 
-#include <ctime>
 #include <iterator>
 
+#include "server/lib/Clock.h"
 #include "server/lib/Hooks.h"
 
 namespace rrm {
-namespace {
-
-std::uint64_t monotonic_seconds() {
-  std::timespec now{};
-  ::clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<std::uint64_t>(now.tv_sec);
-}
-
-}  // namespace
-
 void AssocMap::from_json(const JsonReader& assoclist) {
   if (assoclist.is_null()) return;
   associated_.clear();
@@ -33,7 +23,8 @@ void AssocMap::from_json(const JsonReader& assoclist) {
 void AssocMap::add_client(const MacAddress& mac, std::int32_t rssi_dbm, const std::string& ssid,
                           bool no_balance, bool flag) {
   if (ssid.empty()) return;
-  replace_client(mac, {rssi_dbm, monotonic_seconds(), ssid, no_balance, flag});
+  const auto since = static_cast<std::uint64_t>(monotonic_seconds());
+  replace_client(mac, {rssi_dbm, since, ssid, no_balance, flag});
 }
 
 void AssocMap::replace_client(const MacAddress& mac, const AssocClient& client) {
