@@ -188,8 +188,9 @@ void RRM::enqueue_everywhere(const char* document, const SessionAddress& address
 
 std::shared_ptr<Worker> RRM::make_rrm_worker(const std::string& name, std::size_t) {
   try {
-    return std::make_shared<RrmWorker>(config_, config_->get_domain_config(name), this, name,
-                                       kDomainCapacity, config_->get_time_zone(name));
+    const DomainConfig settings = config_->get_domain_config(name);
+    return std::make_shared<RrmWorker>(config_, settings, this, name, kDomainCapacity,
+                                       config_->get_time_zone(name));
   } catch (const std::exception& error) {
     RRM_LOG(Error, "Exception at processing message for domain '%s': %s", name.c_str(),
             error.what());

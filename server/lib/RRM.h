@@ -2,7 +2,9 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 
@@ -14,6 +16,7 @@
 namespace rrm {
 
 class DefaultWorker;
+struct DomainConfig;
 class GlobalConfig;
 class PingWorker;
 class WebsockServerWorker;
@@ -128,8 +131,9 @@ class RRM {
   void start_worker(const std::string& name, const std::shared_ptr<Worker>& worker);
   void drop_sessions_of(Worker& worker);
   void enqueue_everywhere(const char* document, const SessionAddress& address);
-  void delete_old_reports();
-  void delete_reports_of_unknown_domains();
+  void delete_old_reports(const std::string& domain, std::int32_t days, const std::string& path);
+  static void delete_reports_of_unknown_domains(const std::string& path,
+                                                const std::map<std::string, DomainConfig>& domains);
 
   SafeUnorderedMap<std::string, Worker> workers_;
   const GlobalConfig* const config_;

@@ -1,0 +1,511 @@
+#include "server/lib/RRM.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <ctime>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "server/lib/Config.h"
+#include "server/lib/Envelope.h"
+#include "server/lib/RrmWorker.h"
+#include "server/lib/WebsockServerWorker.h"
+#include "server/lib/report_alarm.h"
+#include "tests/support/CapturedLog.h"
+#include "tests/support/RecordingWorker.h"
+#include "tests/support/TempFolder.h"
+#include "tests/support/WebsockClients.h"
+
+namespace rrm {
+namespace {
+
+using test::RecordingWorker;
+using test::wait_until;
+using Texts = std::vector<std::string>;
+
+constexpr char kConfig[] = R"({"domains":[{"domain":"site","pattern":"common","time_zone":"00:00"},)"
+                           R"({"domain":"other","pattern":"common","time_zone":"03:00"}]})";
+
+const SessionAddress kSession{reinterpret_cast<lws*>(0x1000), 0, 5};
+
+std::string subscription(const std::string& domain) {
+  return R"({"service":"rrm","cmd":"subscribe-request","domain":")" + domain +
+         R"(","ap-mac":"02:00:00:00:00:01","version":"2.4"})";
+}
+
+class RRMTest : public testing::Test {
+ protected:
+  RRMTest() { config_.listen_port = 0; }
+
+  std::shared_ptr<RecordingWorker> add_worker(const std::string& name) {
+    auto worker = std::make_shared<RecordingWorker>(name, &rrm_);
+    rrm_.workers().insert(name, worker);
+    return worker;
+  }
+  void receive(const std::string& text, const SessionAddress& address = kSession) {
+    rrm_.process_incoming_message(JsonReader(text.c_str()), address);
+  }
+  std::size_t created(const std::string& name = "site") const {
+    return log_.count(LogLevel::Debug, "Created new worker '" + name + "'.");
+  }
+
+  test::CapturedLog log_;
+  GlobalConfig config_{"", kConfig};
+  RRM rrm_{&config_};
+};
+
+// --- routing
+
+TEST_F(RRMTest, RoutesAMessageWithItsSessionToTheWorkerOfItsDomain) {
+  const auto site = add_worker("site");
+  const auto other = add_worker("other");
+  receive(R"({"domain":"other","cmd":"x"})");
+  EXPECT_EQ(site->queue_size(), 0U);
+  ASSERT_EQ(other->queue_size(), 1U);
+  other->process_queues();
+  EXPECT_EQ(other->records(),
+            (std::vector<RecordingWorker::Record>{{R"({"domain":"other","cmd":"x"})", kSession}}));
+}
+
+TEST_F(RRMTest, AResponseForADomainWithoutWorkerIsDroppedAndCreatesNone) {
+  receive(R"({"service":"rrm","cmd":"rrm-response","domain":"site","ap-mac":"02:00:00:00:00:01"})");
+  EXPECT_EQ(rrm_.workers().size(), 0U);
+  EXPECT_TRUE(log_.records().empty());
+  EXPECT_TRUE(log_.events().empty());
+}
+
+TEST_F(RRMTest, ASubscriptionBringsItsDomainToLife) {
+  receive(subscription("site"));
+  EXPECT_EQ(created(), 1U);
+  const auto worker = rrm_.find_worker("site");
+  ASSERT_NE(worker, nullptr);
+  EXPECT_EQ(worker->name(), "site");
+  EXPECT_EQ(worker->queue_capacity(), 2048U);
+  EXPECT_TRUE(worker->is_started());
+  EXPECT_TRUE(wait_until([&] { return worker->queue_size() == 0; }));
+}
+
+TEST_F(RRMTest, SubscriptionsOfANewDomainAtOnceOnSeveralThreadsCreateExactlyOneWorker) {
+  for (int round = 1; round <= 20; ++round) {
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) threads.emplace_back([&] { receive(subscription("site")); });
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(created(), static_cast<std::size_t>(round));
+    ASSERT_TRUE(rrm_.remove_worker("site"));
+  }
+}
+
+TEST_F(RRMTest, MessagesThatMeetAnExistingWorkerAtOnceAllReachIt) {
+  const auto site = add_worker("site");
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([&] {
+      for (int i = 0; i < 100; ++i) receive(subscription("site"));
+    });
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(site->queue_size(), 400U);
+  EXPECT_EQ(created(), 0U);
+}
+
+class NoDomain : public RRMTest, public testing::WithParamInterface<const char*> {};
+
+TEST_P(NoDomain, IsDroppedSilently) {
+  receive(GetParam());
+  EXPECT_EQ(rrm_.workers().size(), 0U);
+  EXPECT_TRUE(log_.records().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Messages, NoDomain,
+                         testing::Values(R"({"cmd":"subscribe-request"})",
+                                         R"({"cmd":"subscribe-request","domain":""})",
+                                         R"({"cmd":"subscribe-request","domain":7})",
+                                         R"({"cmd":"subscribe-request","domain":["site"]})",
+                                         R"({"domain":"site"})", R"({"domain":"site","cmd":{}})",
+                                         "[]", "[1,2]", "7", "\"text\"", "true"));
+
+TEST_F(RRMTest, WithTheControllerDisabledNoMessageIsRoutedAtAll) {
+  config_.enabled = false;
+  const auto site = add_worker("site");
+  receive(R"({"domain":"site","cmd":"rrm-response"})");
+  receive(subscription("other"));
+  EXPECT_EQ(site->queue_size(), 0U);
+  EXPECT_EQ(rrm_.workers().size(), 1U);
+}
+
+TEST_F(RRMTest, AnUnparsableTextIsReportedAndDropped) {
+  receive("{broken");
+  EXPECT_EQ(log_.texts(LogLevel::Error),
+            (Texts{"process_incoming_message: json parse failed or null root"}));
+  EXPECT_EQ(log_.events(),
+            (std::vector<std::pair<EventCode, std::string>>{{EventCode::TextDoesNotParse, ""}}));
+}
+
+TEST_F(RRMTest, ADomainThatIsNotConfiguredCreatesNoWorker) {
+  receive(subscription("nowhere"));
+  EXPECT_EQ(rrm_.workers().size(), 0U);
+  EXPECT_EQ(log_.texts(LogLevel::Error),
+            (Texts{"Exception at processing message for domain 'nowhere': Domain not found"}));
+  ASSERT_EQ(log_.events().size(), 1U);
+  EXPECT_EQ(log_.events()[0].first, EventCode::WorkerNotCreated);
+}
+
+TEST_F(RRMTest, ALongHostileDomainNameIsOnlyAnUnknownOne) {
+  receive(subscription(std::string(100000, '%') + "../../etc/passwd"));
+  EXPECT_EQ(rrm_.workers().size(), 0U);
+}
+
+// --- sessions
+
+TEST_F(RRMTest, AClosedSessionIsForgottenByEveryDomainThroughTheirForceQueues) {
+  const auto site = add_worker("site");
+  const auto other = add_worker("other");
+  receive(R"({"domain":"site","cmd":"earlier"})");
+  rrm_.on_session_closed(kSession);
+  for (const auto& worker : {site, other}) {
+    worker->process_queues();
+    ASSERT_EQ(worker->records().size(), 1U);
+    EXPECT_EQ(worker->records()[0].first, R"({"service":"rrm-internal","cmd":"drop-session"})");
+    EXPECT_EQ(worker->records()[0].second, kSession);
+  }
+}
+
+TEST_F(RRMTest, ALoadBalancerStopReachesEveryDomain) {
+  const auto site = add_worker("site");
+  const auto other = add_worker("other");
+  rrm_.stop_load_balancer_at_rrm_worker(kSession);
+  EXPECT_TRUE(log_.has(LogLevel::Info, "rrm: stop-load-balancer:"));
+  for (const auto& worker : {site, other}) {
+    worker->process_queues();
+    EXPECT_EQ(worker->texts(), (Texts{R"({"service":"rrm-internal","cmd":"stop-load-balancer"})"}));
+  }
+}
+
+TEST_F(RRMTest, DroppingASessionIsRecordedWithItsForce) {
+  rrm_.drop_session_at_websock_worker(kSession, true);
+  rrm_.drop_session_at_websock_worker(kSession, false);
+  EXPECT_TRUE(log_.has(LogLevel::Debug, "drop_session_at_websock_worker: 5 force: 1"));
+  EXPECT_TRUE(log_.has(LogLevel::Debug, "drop_session_at_websock_worker: 5 force: 0"));
+  EXPECT_TRUE(log_.has(LogLevel::Debug,
+                       "enqueue_message_force: no live websocket session for wsi (dropped id=5)"));
+  EXPECT_TRUE(log_.has(LogLevel::Debug,
+                       "enqueue_message: no live websocket session for wsi (dropped id=5)"));
+}
+
+TEST_F(RRMTest, SendingToASessionThatIsNotThereIsDropped) {
+  rrm_.send_text("{}", kSession);
+  EXPECT_EQ(log_.count(LogLevel::Debug,
+                       "enqueue_serialized: no live websocket session for wsi (dropped id=5)"),
+            1U);
+  rrm_.send_serialized("{}", kSession);
+  EXPECT_EQ(log_.count(LogLevel::Debug,
+                       "enqueue_serialized: no live websocket session for wsi (dropped id=5)"),
+            2U);
+  rrm_.send_text(nullptr, kSession);
+  EXPECT_EQ(log_.records().size(), 2U);
+  EXPECT_FALSE(rrm_.is_session_alive(kSession));
+}
+
+TEST_F(RRMTest, AnOutgoingTextThatDoesNotParseIsReportedAndNotSent) {
+  rrm_.send_message("{nope", kSession);
+  EXPECT_EQ(log_.texts(LogLevel::Error), (Texts{"send_message json null"}));
+  EXPECT_EQ(log_.texts(LogLevel::Debug), (Texts{"send_message str: {nope"}));
+  EXPECT_TRUE(log_.has_event(EventCode::TextDoesNotParse));
+  log_.clear();
+  rrm_.send_message("{}", kSession);
+  EXPECT_TRUE(log_.texts(LogLevel::Error).empty());
+  EXPECT_TRUE(log_.has(LogLevel::Debug,
+                       "enqueue_message: no live websocket session for wsi (dropped id=5)"));
+}
+
+// --- life
+
+TEST_F(RRMTest, StartsTheServiceWorkersAsMaster) {
+  rrm_.start();
+  EXPECT_TRUE(log_.has(LogLevel::Debug, "Wavelom version 1.9.1.323-amd64 start\n"));
+  EXPECT_TRUE(rrm_.websock_server().is_started());
+  EXPECT_TRUE(wait_until([&] { return rrm_.websock_server().port() != 0; }));
+  rrm_.stop();
+  EXPECT_FALSE(rrm_.websock_server().is_started());
+  EXPECT_EQ(rrm_.websock_server().port(), 0);
+}
+
+TEST_F(RRMTest, StartsNothingWhenDisabled) {
+  config_.enabled = false;
+  rrm_.start();
+  EXPECT_EQ(log_.texts(LogLevel::Debug), (Texts{"Wavelom version 1.9.1.323-amd64 disabled\n"}));
+  EXPECT_FALSE(rrm_.websock_server().is_started());
+}
+
+TEST_F(RRMTest, StopCancelsEveryDomainAndForgetsIt) {
+  const auto site = add_worker("site");
+  site->start();
+  rrm_.stop();
+  EXPECT_EQ(rrm_.workers().size(), 0U);
+  EXPECT_FALSE(site->is_started());
+  EXPECT_EQ(site->disconnects, 1);
+  const auto records = log_.records();
+  const auto cancel = std::find_if(records.begin(), records.end(), [](const auto& record) {
+    return record.text == "Cancel domain site";
+  });
+  ASSERT_NE(cancel, records.end());
+  EXPECT_EQ(cancel->function, "operator()");
+  EXPECT_EQ(cancel->level, LogLevel::Debug);
+}
+
+TEST_F(RRMTest, NoDomainComesToLifeOnceItIsStopped) {
+  rrm_.stop();
+  receive(subscription("site"));
+  EXPECT_EQ(rrm_.workers().size(), 0U);
+  EXPECT_EQ(created(), 0U);
+}
+
+TEST_F(RRMTest, RestartServesAgainWithTheConfigurationAsItIsNow) {
+  rrm_.start();
+  ASSERT_TRUE(wait_until([&] { return rrm_.websock_server().port() != 0; }));
+  rrm_.restart();
+  EXPECT_EQ(log_.count(LogLevel::Debug, "Wavelom version 1.9.1.323-amd64 start\n"), 2U);
+  EXPECT_TRUE(wait_until([&] { return rrm_.websock_server().port() != 0; }));
+  receive(subscription("site"));
+  EXPECT_EQ(created(), 1U);
+  config_.enabled = false;
+  rrm_.restart();
+  EXPECT_FALSE(rrm_.websock_server().is_started());
+  EXPECT_EQ(rrm_.workers().size(), 0U);
+}
+
+TEST_F(RRMTest, StoppingWhileSubscriptionsArriveLeavesNoWorkerBehind) {
+  rrm_.start();
+  std::atomic<bool> done{false};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 2; ++t)
+    threads.emplace_back([&] {
+      while (!done) {
+        receive(subscription("site"));
+        receive(subscription("other"));
+      }
+    });
+  ASSERT_TRUE(wait_until([&] { return created() > 0 && created("other") > 0; }));
+  rrm_.stop();
+  done = true;
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(rrm_.workers().size(), 0U);
+}
+
+// --- removing
+
+TEST_F(RRMTest, RemovingAnUnknownWorkerStillWritesTheErasedRecord) {
+  EXPECT_FALSE(rrm_.remove_worker("nowhere"));
+  EXPECT_EQ(log_.texts(LogLevel::Debug), (Texts{"Worker with domain 'nowhere' erased."}));
+}
+
+TEST_F(RRMTest, RemovingAWorkerStopsItAndLeavesTheOthers) {
+  const auto site = add_worker("site");
+  const auto other = add_worker("other");
+  site->start();
+  EXPECT_TRUE(rrm_.remove_worker("site"));
+  EXPECT_FALSE(site->is_started());
+  EXPECT_EQ(rrm_.find_worker("site"), nullptr);
+  EXPECT_EQ(rrm_.find_worker("other"), other);
+  EXPECT_TRUE(log_.has(LogLevel::Debug, "Worker with domain 'site' erased."));
+}
+
+TEST_F(RRMTest, ARemovedDomainComesBackWithItsNextSubscription) {
+  receive(subscription("site"));
+  rrm_.remove_worker("site");
+  receive(subscription("site"));
+  EXPECT_EQ(created(), 2U);
+}
+
+TEST_F(RRMTest, TheEndOfAWorkerThatTheMapNoLongerHoldsChangesNothing) {
+  const auto site = add_worker("site");
+  const RecordingWorker stranger("site", &rrm_);
+  rrm_.stop_domain_event("site", &stranger);
+  rrm_.stop_domain_event("nowhere", site.get());
+  EXPECT_EQ(rrm_.find_worker("site"), site);
+  rrm_.stop_domain_event("site", site.get());
+  EXPECT_EQ(rrm_.find_worker("site"), nullptr);
+}
+
+// --- restoring
+
+TEST_F(RRMTest, RestoresEveryDomainOfTheBackups) {
+  rrm_.restore_domains(R"([{"name":"site"},{"name":"other","aps":[]}])");
+  EXPECT_EQ(rrm_.workers().size(), 2U);
+  EXPECT_EQ(created("site"), 1U);
+  EXPECT_EQ(created("other"), 1U);
+  EXPECT_TRUE(rrm_.find_worker("site")->is_started());
+}
+
+TEST_F(RRMTest, ADomainThatAlreadyHasAWorkerIsNotRestored) {
+  const auto site = add_worker("site");
+  rrm_.restore_domains(R"([{"name":"site"}])");
+  EXPECT_EQ(rrm_.find_worker("site"), site);
+  EXPECT_EQ(created(), 0U);
+}
+
+TEST_F(RRMTest, AnUnknownDomainAmongTheBackupsDoesNotKeepTheOthersFromComingBack) {
+  rrm_.restore_domains(R"([{"name":"nowhere"},{},7,null,{"name":"site"}])");
+  EXPECT_EQ(rrm_.workers().size(), 1U);
+  EXPECT_EQ(created(), 1U);
+}
+
+TEST_F(RRMTest, NothingToRestoreIsNoError) {
+  for (const char* text : {static_cast<const char*>(nullptr), "", "{broken", "[]", "{}", "7"})
+    rrm_.restore_domains(text);
+  EXPECT_EQ(rrm_.workers().size(), 0U);
+  EXPECT_TRUE(log_.records().empty());
+}
+
+// --- VRRP
+
+TEST_F(RRMTest, WithVrrpItStartsAsBackupAndServesNobodyUntilItIsMaster) {
+  config_.vrrp_enabled = true;
+  EXPECT_EQ(rrm_.get_vrrp_role(), VrrpRole::Master);
+  rrm_.start();
+  EXPECT_EQ(log_.texts(LogLevel::Debug),
+            (Texts{"Wavelom version 1.9.1.323-amd64 start\n", "Wavelom start in vrrp mode\n"}));
+  EXPECT_EQ(rrm_.get_vrrp_role(), VrrpRole::Backup);
+  EXPECT_FALSE(rrm_.websock_server().is_started());
+
+  rrm_.update_vrrp_role(VrrpRole::Master, R"([{"name":"site"}])");
+  EXPECT_TRUE(log_.has(LogLevel::Info, "VRRP role: backup -> master"));
+  EXPECT_EQ(rrm_.get_vrrp_role(), VrrpRole::Master);
+  EXPECT_TRUE(rrm_.websock_server().is_started());
+  EXPECT_EQ(created(), 1U);
+
+  rrm_.update_vrrp_role(VrrpRole::Master, nullptr);
+  EXPECT_EQ(log_.texts(LogLevel::Warning),
+            (Texts{"try to switch VRRP role to the same: master -> master"}));
+
+  rrm_.update_vrrp_role(VrrpRole::Backup, nullptr);
+  EXPECT_TRUE(log_.has(LogLevel::Info, "VRRP role: master -> backup"));
+  EXPECT_FALSE(rrm_.websock_server().is_started());
+  EXPECT_EQ(rrm_.workers().size(), 0U);
+}
+
+TEST_F(RRMTest, RestartInVrrpModeKeepsTheRole) {
+  config_.vrrp_enabled = true;
+  rrm_.start();
+  rrm_.update_vrrp_role(VrrpRole::Master, nullptr);
+  log_.clear();
+  rrm_.restart();
+  EXPECT_TRUE(log_.has(LogLevel::Debug, "Wavelom start in vrrp mode, preserving role: master\n"));
+  EXPECT_EQ(rrm_.get_vrrp_role(), VrrpRole::Master);
+  EXPECT_TRUE(rrm_.websock_server().is_started());
+}
+
+TEST_F(RRMTest, RoleNames) {
+  EXPECT_STREQ(vrrp_role_name(VrrpRole::Backup), "backup");
+  EXPECT_STREQ(vrrp_role_name(VrrpRole::Master), "master");
+  EXPECT_STREQ(vrrp_role_name(static_cast<VrrpRole>(9)), "unknown");
+}
+
+// --- reports
+
+class RRMReportsTest : public RRMTest {
+ protected:
+  RRMReportsTest() {
+    config_.reports_path = folder_.path();
+    config_.report_delete_at_time_utc = std::string("00:00");  // at any time of the day it has come
+    reports::reset_report_alarm();
+  }
+  ~RRMReportsTest() override { reports::reset_report_alarm(); }
+
+  void write_reports(const std::string& domain) {
+    for (const char* kind : {"report_", "report_cfg_", "report_idx_"})
+      folder_.write(kind + domain + ".txt", "\n");
+  }
+
+  test::TempFolder folder_;
+};
+
+TEST_F(RRMReportsTest, TheCheckBeginsWithARecordOfItsSettings) {
+  config_.report_delete_at_time_utc = std::string("x");
+  rrm_.check_old_reports();
+  ASSERT_FALSE(log_.texts(LogLevel::Debug).empty());
+  EXPECT_EQ(log_.texts(LogLevel::Debug)[0],
+            "RRM::check_old_reports entered: report_delete_at_time_utc=\"x\", reports_path=\"" +
+                folder_.path() + "\".");
+  EXPECT_FALSE(log_.has(LogLevel::Info, "Check old reports."));
+}
+
+TEST_F(RRMReportsTest, RunsOnceADayForActiveAndInactiveDomains) {
+  const auto site = add_worker("site");
+  rrm_.check_old_reports();
+  EXPECT_EQ(log_.count(LogLevel::Info, "Check old reports."), 1U);
+  EXPECT_TRUE(log_.has(LogLevel::Debug, "Active domain: site"));
+  EXPECT_TRUE(log_.has(LogLevel::Debug, "Inactive domain: other\n"));
+  rrm_.check_old_reports();
+  EXPECT_EQ(log_.count(LogLevel::Info, "Check old reports."), 1U);
+}
+
+TEST_F(RRMReportsTest, DeletesTheFilesOfDomainsThatAreNotConfigured) {
+  write_reports("gone");
+  folder_.write("report_idx_half.txt", "");
+  folder_.write("report_idx_.txt", "");
+  folder_.write("report_idx_x.csv", "");
+  rrm_.check_old_reports();
+  EXPECT_TRUE(log_.has(LogLevel::Info, "Delete report files for domain: gone"));
+  EXPECT_TRUE(log_.has(LogLevel::Info, "Delete report files for domain: half"));
+  for (const char* kind : {"report_", "report_cfg_", "report_idx_"})
+    EXPECT_FALSE(folder_.has(std::string(kind) + "gone.txt"));
+  EXPECT_FALSE(folder_.has("report_idx_half.txt"));
+  EXPECT_TRUE(folder_.has("report_idx_.txt"));
+  EXPECT_TRUE(folder_.has("report_idx_x.csv"));
+  EXPECT_TRUE(log_.texts(LogLevel::Error).empty());
+}
+
+TEST_F(RRMReportsTest, AFileThatCannotBeDeletedIsReportedAndRaisedOnce) {
+  // A folder in the place of a file: remove() refuses it while something is inside.
+  std::filesystem::create_directories(folder_.file("report_idx_gone.txt/inside"));
+  std::filesystem::create_directories(folder_.file("report_gone.txt/inside"));
+  rrm_.check_old_reports();
+  const std::string head = "Error while delete \"" + folder_.path();
+  EXPECT_EQ(log_.texts(LogLevel::Error),
+            (Texts{head + "/report_gone.txt\", errno = 39: Directory not empty",
+                   head + "/report_idx_gone.txt\", errno = 39: Directory not empty"}));
+  EXPECT_EQ(log_.events().size(), 1U);
+  EXPECT_EQ(log_.events()[0].first, EventCode::ReportCheckFailed);
+}
+
+TEST_F(RRMReportsTest, AMissingFolderIsReported) {
+  config_.reports_path = folder_.file("missing");
+  rrm_.check_old_reports();
+  EXPECT_TRUE(log_.has(LogLevel::Error, "Could not open directory: " + folder_.file("missing")));
+  EXPECT_EQ(log_.events().back().first, EventCode::ReportCheckFailed);
+}
+
+TEST_F(RRMReportsTest, AFailureIsReportedForActiveAndInactiveDomainsApart) {
+  const auto site = add_worker("site");
+  config_.reports_path = std::string("");  // no path is a bad argument
+  rrm_.check_old_reports();
+  EXPECT_TRUE(log_.has(LogLevel::Error,
+                       "Error call delete_old_reports_in_domain for active domain: site. Error "
+                       "code = 22"));
+  EXPECT_TRUE(log_.has(LogLevel::Error,
+                       "Error call delete_old_reports_in_domain for inactive domain: other. Error "
+                       "code = 22"));
+  EXPECT_TRUE(log_.has_event(EventCode::ReportCheckFailed, "site"));
+  EXPECT_TRUE(log_.has_event(EventCode::ReportCheckInactive, "other"));
+}
+
+TEST_F(RRMReportsTest, AnActiveDomainsReportsAreDeletedBetweenTwoOfItsMessages) {
+  const auto site = add_worker("site");
+  std::atomic<bool> busy{false};
+  std::atomic<bool> checked{false};
+  site->on_message = [&](const JsonReader&) {
+    busy = true;
+    wait_until([&] { return log_.has(LogLevel::Debug, "Active domain: site"); });
+    EXPECT_FALSE(checked);
+  };
+  site->start();
+  site->enqueue_message(JsonReader("{}"), kNoSession);
+  ASSERT_TRUE(wait_until([&] { return busy.load(); }));
+  rrm_.check_old_reports();
+  checked = true;
+}
+
+}  // namespace
+}  // namespace rrm
