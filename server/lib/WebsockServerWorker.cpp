@@ -34,6 +34,7 @@ constexpr std::size_t kIntMax = 2147483647;
 constexpr std::uint32_t kFlood = 1024;      ///< messages in one second
 constexpr std::int64_t kFloodPause_s = 29;  ///< between two load-balancer stops
 constexpr int kStuckPeer_s = 5;             ///< until a session to be dropped is cut off
+constexpr double kTick_s = 1;
 constexpr int kLibraryLogAll = 0x3ff;
 constexpr useconds_t kRetryStep_us = 100000;
 constexpr int kRetrySteps = 10;  ///< about a second between two attempts to listen
@@ -98,6 +99,10 @@ const lws_http_mount* mount() {
     return result;
   }();
   return &value;
+}
+
+void wake_library(struct ev_loop*, ev_timer* tick, int) {
+  lws_cancel_service(static_cast<lws_context*>(tick->data));
 }
 
 bool is_service_thread(std::int32_t tsi) {
@@ -226,7 +231,13 @@ void WebsockServerWorker::destroy_context() {
 void WebsockServerWorker::serve(std::size_t index) {
   prctl(PR_SET_NAME, "lws-service");
   struct ev_loop* const loop = services_[index]->loop;
+  // On libev the library looks at its time-outs only after traffic, so a quiet server needs a tick.
+  ev_timer tick;
+  ev_timer_init(&tick, wake_library, kTick_s, kTick_s);
+  tick.data = context_;
+  ev_timer_start(loop, &tick);
   while (!stop_) ev_run(loop, EVRUN_ONCE);
+  ev_timer_stop(loop, &tick);
 }
 
 // --- parsing threads

@@ -85,6 +85,7 @@ class Worker : public std::enable_shared_from_this<Worker> {
   }
 
   std::size_t queue_size() const noexcept { return normal_.size() + force_.size(); }
+  std::size_t queue_capacity() const noexcept { return normal_.capacity(); }  ///< of each queue
   std::uint64_t dropped_count() const noexcept { return dropped_; }
   /// Called after every successful enqueue, on the producer's thread. Set before anyone enqueues.
   void set_enqueue_hook(std::function<void()> hook) { enqueue_hook_ = std::move(hook); }
