@@ -74,7 +74,7 @@ class RRM {
   /// Sends a websocket ping; without a pong the session closes after 40 s.
   void ping_session(const SessionAddress& address);
   /// Asks the websocket server to close the session.
-  void drop_session_at_websock_worker(const SessionAddress& address, bool force);
+  virtual void drop_session_at_websock_worker(const SessionAddress& address, bool force);
 
   // --- session events
 

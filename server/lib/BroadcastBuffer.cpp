@@ -1,0 +1,30 @@
+#include "server/lib/BroadcastBuffer.h"
+
+#include <utility>
+
+#include "server/lib/Hooks.h"
+#include "server/lib/RRM.h"
+
+namespace rrm {
+
+void BroadcastBuffer::add(const char* text, const SessionAddress& session) {
+  if (text == nullptr) {
+    RRM_LOG(Error, "broadcast_buffer_add msg null");
+    return;
+  }
+  add(std::string(text), session);
+}
+
+void BroadcastBuffer::add(std::string&& text, const SessionAddress& session) {
+  messages_.push_back({std::move(text), session});
+}
+
+void BroadcastBuffer::flush(RRM& dispatcher) {
+  while (!messages_.empty()) {
+    Message message = std::move(messages_.front());
+    messages_.pop_front();
+    dispatcher.send_serialized(std::move(message.text), message.session);
+  }
+}
+
+}  // namespace rrm

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <deque>
+#include <string>
+
+#include "server/lib/SessionAddress.h"
+
+namespace rrm {
+
+class RRM;
+
+/// Outgoing messages of a domain in the order they were made.
+///
+/// Purpose:   sub-workers collect what access points are to be sent; one flush hands it over.
+/// Threading: the domain worker's thread.
+class BroadcastBuffer {
+ public:
+  /// Appends a message for a session; kNoSession stands for every session of the server. A null
+  /// text is an Error record.
+  void add(const char* text, const SessionAddress& session);
+  void add(std::string&& text, const SessionAddress& session);
+  /// Hands everything to the dispatcher, which may hold the caller while a session's queue is full.
+  void flush(RRM& dispatcher);
+  bool empty() const noexcept { return messages_.empty(); }
+
+ private:
+  struct Message {
+    std::string text;
+    SessionAddress session;
+  };
+
+  std::deque<Message> messages_;
+};
+
+}  // namespace rrm

@@ -1,0 +1,83 @@
+#include "server/lib/RadioBlacklist.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "server/lib/Hooks.h"
+
+namespace rrm {
+
+const char* RadioBlacklist::action_name(Action action) noexcept {
+  return action == Action::Block ? "block" : "unblock";
+}
+
+/// @return whether the client was no member and now is one
+bool RadioBlacklist::add_member(const MacAddress& client, std::int32_t timeout_s) {
+  const auto member = members.find(client);
+  if (member != members.end()) {
+    member->second = timeout_s;
+    return false;
+  }
+  if (members.size() >= kMaxMembers) {
+    RRM_LOG(Warning, "Blacklist is full, client %s left out", client.upper().c_str());
+    return false;
+  }
+  members.emplace(client, timeout_s);
+  return true;
+}
+
+void RadioBlacklist::block(const MacAddress& client, std::int32_t timeout_s) {
+  if (add_member(client, timeout_s)) changes[client] = {Action::Block, timeout_s};
+}
+
+void RadioBlacklist::unblock(const MacAddress& client) {
+  const auto member = members.find(client);
+  if (member == members.end()) return;
+  if (kicked.erase(client) == 0) changes[client] = {Action::Unblock, 0};
+  members.erase(member);
+}
+
+void RadioBlacklist::kick(const MacAddress& client, std::int32_t timeout_s,
+                          const std::string& ssid) {
+  if (ssid.empty()) return;
+  if (add_member(client, timeout_s)) kicked.emplace(client, Kicked{ssid, false});
+}
+
+void RadioBlacklist::forget(const MacAddress& client) {
+  members.erase(client);
+  changes.erase(client);
+  kicked.erase(client);
+}
+
+void RadioBlacklist::tick() {
+  if (members.empty()) return;
+  std::vector<MacAddress> over;
+  for (auto& [client, seconds] : members) {
+    if (--seconds <= 0) over.push_back(client);
+  }
+  for (const MacAddress& client : over) unblock(client);
+}
+
+bool RadioBlacklist::has_unsent_kicks() const {
+  return std::any_of(kicked.begin(), kicked.end(),
+                     [](const auto& entry) { return !entry.second.sent; });
+}
+
+void RadioBlacklist::to_json(JsonWriter& object) const {
+  {
+    JsonWriter array = JsonWriter::array(object, "members");
+    for (const auto& [client, seconds] : members) {
+      JsonWriter entry = JsonWriter::object(array);
+      entry.add("mac", client.upper().c_str());
+      entry.add("counter", seconds);
+    }
+  }
+  JsonWriter array = JsonWriter::array(object, "changes");
+  for (const auto& [client, change] : changes) {
+    JsonWriter entry = JsonWriter::object(array);
+    entry.add("mac", client.upper().c_str());
+    entry.add("action", action_name(change.action));
+  }
+}
+
+}  // namespace rrm

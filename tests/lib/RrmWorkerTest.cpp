@@ -1,0 +1,654 @@
+#include "server/lib/RrmWorker.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "server/lib/Envelope.h"
+#include "server/lib/TpcDcaSubworker.h"
+#include "tests/support/Engine.h"
+
+namespace rrm::test {
+namespace {
+
+using Drops = std::vector<RecordingRrm::Drop>;
+using Texts = std::vector<std::string>;
+
+/// The radio part of what access points are told, for RadioSpec's defaults.
+std::string told_radio(int id = 0, int channel = 36, int band = 5, int power = 15) {
+  return "{\"id\":" + std::to_string(id) + ",\"channel\":" + std::to_string(channel) +
+         ",\"band\":" + std::to_string(band) + ",\"power\":" + std::to_string(power) +
+         ",\"bandwidth\":20,\"primary-channel\":\"none\",\"tavro-sta-rssi-thr-low\":-75,"
+         "\"tavro-sta-rssi-thr-high\":-65,\"tavro-roam-attempt-timeout\":600,"
+         "\"tavro-client-rssi-renew\":15,\"tavro-client-max-age\":20,\"tavro-try-no-balance\":2,"
+         "\"no-balance-enterprise\":0}";
+}
+
+std::string success(const std::string& mac, const std::string& radios) {
+  return "{\"service\":\"rrm\",\"version\":\"2.4\",\"cmd\":\"subscribe-response\","
+         "\"status\":\"success\",\"domain\":\"site\",\"ap-mac\":\"" +
+         mac +
+         "\",\"config\":{\"use-tpc\":1,\"use-dca\":1,\"use-load-balance\":0,\"use-80211r\":0,"
+         "\"use-80211v\":0,\"radios\":[" +
+         radios + "]}}";
+}
+
+std::string fail(int code, const std::string& mac) {
+  return "{\"service\":\"rrm\",\"version\":\"2.4\",\"cmd\":\"subscribe-response\","
+         "\"status\":\"fail\",\"code\":" +
+         std::to_string(code) + ",\"ap-mac\":\"" + mac + "\"}";
+}
+
+std::string only(const std::vector<RecordingRrm::Sent>& sent) {
+  return sent.size() == 1 ? sent.front().text : std::to_string(sent.size()) + " messages";
+}
+
+// --- subscription
+// ---------------------------------------------------------------------------------
+
+TEST(RrmWorkerSubscription, AnswersANewAccessPointWithItsSettings) {
+  Engine engine;
+  engine.subscribe(1, {RadioSpec{}});
+  const auto sent = engine.rrm().take();
+  EXPECT_EQ(only(sent), success("00:11:22:00:01:00", told_radio()));
+  EXPECT_EQ(sent.at(0).session, 101u);
+  EXPECT_TRUE(
+      engine.log().has(LogLevel::Debug, "process_message subscribe-request for " + ap_mac(1)));
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "NEW subscribe request"));
+  EXPECT_TRUE(engine.log().has_event(EventCode::DomainChanged, "site"));
+  EXPECT_EQ(engine.worker().aps().size(), 1u);
+  EXPECT_TRUE(engine.rrm().take_drops().empty());
+}
+
+TEST(RrmWorkerSubscription, GivesAnAccessPointWithoutMacCount48) {
+  Engine engine;
+  engine.subscribe(1, {RadioSpec{}});
+  EXPECT_EQ(engine.ap(1)->ap_mac_count, 48);
+  engine.subscribe(2, {RadioSpec{}}, 0, ",\"ap-mac-count\":64");
+  EXPECT_EQ(engine.ap(2)->ap_mac_count, 64);
+}
+
+TEST(RrmWorkerSubscription, ReadsTheWildcardFlag) {
+  Engine engine;
+  engine.subscribe(1, {RadioSpec{}});
+  EXPECT_FALSE(engine.ap(1)->use_wildcard_80211r);
+  engine.subscribe(2, {RadioSpec{}}, 0, ",\"use-wildcard-80211r\":1");
+  EXPECT_TRUE(engine.ap(2)->use_wildcard_80211r);
+}
+
+TEST(RrmWorkerSubscription, RefusesEveryoneWith404WhenTheServiceIsDisabled) {
+  Engine engine;
+  engine.global().enabled = false;
+  engine.subscribe(1, {RadioSpec{}});
+  EXPECT_EQ(only(engine.rrm().take()), fail(404, "00:11:22:00:01:00"));
+  EXPECT_EQ(engine.rrm().take_drops(), (Drops{{101, false}}));
+  EXPECT_TRUE(engine.worker().aps().empty());
+}
+
+class SubscribeVersion : public testing::TestWithParam<std::pair<const char*, bool>> {};
+
+TEST_P(SubscribeVersion, IsAnsweredWith503UnlessItIsThisOneOrALowerMinor) {
+  Engine engine;
+  const auto& [version, accepted] = GetParam();
+  engine.receive("{\"service\":\"rrm\",\"cmd\":\"subscribe-request\"," + std::string(version) +
+                     "\"ap-mac\":\"" + ap_mac(1) +
+                     "\",\"factory\":{\"board\":\"b\",\"hw\":\"h\",\"serial\":\"s\",\"mac\":\"m\"},"
+                     "\"radios\":[]}",
+                 7);
+  if (accepted) {
+    EXPECT_EQ(only(engine.rrm().take()), success("00:11:22:00:01:00", ""));
+    EXPECT_TRUE(engine.rrm().take_drops().empty());
+  } else {
+    EXPECT_EQ(only(engine.rrm().take()), fail(503, "00:11:22:00:01:00"));
+    EXPECT_EQ(engine.rrm().take_drops(), (Drops{{7, false}}));
+  }
+  EXPECT_FALSE(engine.log().has(LogLevel::Warning, "Incoming message version failed"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Version, SubscribeVersion,
+                         testing::Values(std::pair{"\"version\":\"2.4\",", true},
+                                         std::pair{"\"version\":\"2.0\",", true},
+                                         std::pair{"\"version\":\"2.5\",", false},
+                                         std::pair{"\"version\":\"9.9\",", false},
+                                         std::pair{"\"version\":\"1.9\",", false},
+                                         std::pair{"\"version\":\"2\",", false},
+                                         std::pair{"\"version\":24,", false},
+                                         std::pair{"", false}));
+
+class SubscribeFactory : public testing::TestWithParam<const char*> {};
+
+TEST_P(SubscribeFactory, IsAnsweredWith503WhenAPartIsMissing) {
+  Engine engine;
+  engine.receive("subscribe-request", 1, 7, GetParam());
+  EXPECT_EQ(only(engine.rrm().take()), fail(503, "00:11:22:00:01:00"));
+  EXPECT_EQ(engine.rrm().take_drops(), (Drops{{7, false}}));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Factory, SubscribeFactory,
+    testing::Values("", R"("factory":null)", R"("factory":[])", R"("factory":"x")",
+                    R"("factory":{"board":"b","hw":"h","serial":"s"})",
+                    R"("factory":{"board":"b","hw":"h","serial":"s","mac":""})",
+                    R"("factory":{"board":"b","hw":"h","serial":7,"mac":"m"})",
+                    R"("factory":{"board":"","hw":"h","serial":"s","mac":"m"})",
+                    R"("factory":{"board":"b","hw":null,"serial":"s","mac":"m"})"));
+
+TEST(RrmWorkerSubscription, OfASessionThatHasClosedIsDropped) {
+  Engine engine;
+  engine.rrm().close(101);
+  engine.subscribe(1, {RadioSpec{}});
+  EXPECT_TRUE(engine.rrm().take().empty());
+  EXPECT_TRUE(engine.worker().aps().empty());
+}
+
+TEST(RrmWorkerSubscription, FromANewSessionDropsTheOldOneWithForce) {
+  Engine engine;
+  engine.subscribe(1, {RadioSpec{}}, 7);
+  engine.rrm().take();
+  engine.subscribe(1, {RadioSpec{}}, 8);
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "To exists subscribe request"));
+  EXPECT_EQ(engine.rrm().take_drops(), (Drops{{7, true}}));
+  EXPECT_EQ(only(engine.rrm().take()), success("00:11:22:00:01:00", told_radio()));
+  EXPECT_EQ(engine.ap(1)->session.id, 8u);
+  EXPECT_EQ(engine.worker().aps().size(), 1u);
+}
+
+TEST(RrmWorkerSubscription, FromTheSameSessionDropsNothing) {
+  Engine engine;
+  engine.subscribe(1, {RadioSpec{}}, 7);
+  engine.subscribe(1, {RadioSpec{}}, 7);
+  EXPECT_TRUE(engine.rrm().take_drops().empty());
+}
+
+TEST(RrmWorkerSubscription, FindsAnAccessPointByAnyOfItsMacs) {
+  Engine engine;
+  engine.subscribe(1, {RadioSpec{.id = 1}});
+  // Radio 1 has the base MAC + 16.
+  engine.receive(
+      "{\"service\":\"rrm\",\"cmd\":\"subscribe-request\",\"version\":\"2.4\","
+      "\"ap-mac\":\"00:11:22:00:01:10\",\"factory\":{\"board\":\"b\",\"hw\":\"h\","
+      "\"serial\":\"s\",\"mac\":\"m\"},\"radios\":" +
+          radios_text({RadioSpec{.id = 1}}) + "}",
+      101);
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "To exists subscribe request"));
+  EXPECT_EQ(engine.worker().aps().size(), 1u);
+}
+
+// --- MAC parameters
+// -------------------------------------------------------------------------------
+
+struct MacCase {
+  const char* name;
+  const char* count;    ///< "ap-mac-count" member
+  const char* radio0;   ///< members of radio 0
+  const char* radio1;   ///< members of radio 1; null for no such radio
+  const char* warning;  ///< null when accepted
+};
+
+class MacParameters : public testing::TestWithParam<MacCase> {};
+
+TEST_P(MacParameters, AreCheckedAtSubscription) {
+  Engine engine;
+  const MacCase& test = GetParam();
+  std::vector<RadioSpec> radios = {RadioSpec{.extra = test.radio0}};
+  if (test.radio1 != nullptr) radios.push_back(RadioSpec{.id = 1, .extra = test.radio1});
+  engine.subscribe(1, radios, 7, test.count);
+  if (test.warning == nullptr) {
+    EXPECT_EQ(engine.log().texts(LogLevel::Warning), Texts{});
+    EXPECT_EQ(engine.worker().aps().size(), 1u);
+    return;
+  }
+  EXPECT_TRUE(engine.log().has(LogLevel::Warning, test.warning))
+      << testing::PrintToString(engine.log().texts(LogLevel::Warning));
+  EXPECT_TRUE(engine.log().has(LogLevel::Error,
+                               "Send subscribe-response 'fail' due to invalid MAC parameters"));
+  EXPECT_TRUE(engine.log().has_event(EventCode::AccessPointError, "00:11:22:00:01:00"));
+  EXPECT_EQ(only(engine.rrm().take()), fail(400, "00:11:22:00:01:00"));
+  EXPECT_EQ(engine.rrm().take_drops(), (Drops{{7, false}}));
+  EXPECT_TRUE(engine.worker().aps().empty());
+}
+
+constexpr const char* kWholePool = ",\"mac-offset\":0,\"radio-mac-count\":48";
+INSTANTIATE_TEST_SUITE_P(
+    Case, MacParameters,
+    testing::Values(
+        MacCase{"PoolOfTheWholeAccessPointPasses", "", kWholePool, nullptr, nullptr},
+        MacCase{"OneMoreFails", "", ",\"mac-offset\":0,\"radio-mac-count\":49", nullptr,
+                "Invalid one or more radio MAC parameters:  radio-mac-count(49), mac-offset(0), "
+                "ap-mac-count(48)"},
+        MacCase{"OffsetMinusOne", "", ",\"mac-offset\":-1,\"radio-mac-count\":4", nullptr,
+                "Invalid one or more radio MAC parameters:  radio-mac-count(4), mac-offset(-1), "
+                "ap-mac-count(48)"},
+        MacCase{"CountZero", "", ",\"mac-offset\":0,\"radio-mac-count\":0", nullptr,
+                "Invalid one or more radio MAC parameters:  radio-mac-count(0), mac-offset(0), "
+                "ap-mac-count(48)"},
+        MacCase{"SumBeyond32Bits", ",\"ap-mac-count\":2147483647",
+                ",\"mac-offset\":2147483647,\"radio-mac-count\":2147483647", nullptr,
+                "Invalid one or more radio MAC parameters:  radio-mac-count(2147483647), "
+                "mac-offset(2147483647), ap-mac-count(2147483647)"},
+        MacCase{"NoMacs", ",\"ap-mac-count\":0", "", nullptr, "Invalid ap-mac-count(0)"},
+        MacCase{"Overlap", "", ",\"mac-offset\":0,\"radio-mac-count\":17", "",
+                "MAC ranges overlapped: radio0 00:11:22:00:01:00 max_mac_count=17, radio1 "
+                "00:11:22:00:01:10"},
+        MacCase{"NeighbouringPoolsPass", "", "", "", nullptr}),
+    [](const auto& test) { return test.param.name; });
+
+TEST(RrmWorkerMacParameters, OfDisabledRadiosAreNotChecked) {
+  Engine engine;
+  engine.subscribe(1, {RadioSpec{.status = 0, .extra = ",\"mac-offset\":-1"}});
+  EXPECT_EQ(engine.worker().aps().size(), 1u);
+}
+
+TEST(RrmWorkerMacParameters, KeepBeingCheckedAfterAViolation) {
+  Engine engine;
+  engine.subscribe(1, {RadioSpec{.extra = ",\"radio-mac-count\":0,\"mac-offset\":0"},
+                       RadioSpec{.id = 1, .extra = ",\"radio-mac-count\":0,\"mac-offset\":16"}});
+  EXPECT_EQ(engine.log().texts(LogLevel::Warning).size(), 2u);
+}
+
+// --- envelope
+// -------------------------------------------------------------------------------------
+
+TEST(RrmWorkerMessages, ThatAreInvalidAreReportedAndDropped) {
+  Engine engine;
+  engine.receive(R"({"service":"rrm","cmd":"rrm-response","version":"2.4","ap-mac":""})", 7);
+  engine.receive(kPingSessionDocument, 7);
+  engine.receive(R"([])", 7);
+  EXPECT_EQ(engine.log().count(LogLevel::Warning, "Incoming message validation failed"), 3u);
+  EXPECT_TRUE(engine.log().has_event(EventCode::MessageInvalid, ""));
+}
+
+TEST(RrmWorkerMessages, OfAnAccessPointCannotStopTheDomain) {
+  Engine engine;
+  engine.receive(kStopDocument, 7);
+  EXPECT_FALSE(engine.worker().is_stopped());
+  EXPECT_TRUE(engine.log().has(LogLevel::Warning, "Incoming message validation failed"));
+}
+
+TEST(RrmWorkerMessages, OfAnotherVersionAreReportedAndDropped) {
+  Engine engine;
+  engine.subscribe(1, {RadioSpec{}});
+  engine.receive(R"({"service":"rrm","cmd":"unsubscribe-request","version":"2.5","ap-mac":")" +
+                     ap_mac(1) + "\"}",
+                 101);
+  EXPECT_TRUE(engine.log().has(LogLevel::Warning, "Incoming message version failed"));
+  EXPECT_TRUE(engine.log().has_event(EventCode::VersionIncompatible, ""));
+  EXPECT_EQ(engine.worker().aps().size(), 1u);
+}
+
+TEST(RrmWorkerMessages, WhoseHandlerThrowsAreLoggedAndTheWorkerGoesOn) {
+  Engine engine;
+  engine.receive("rrm-response", 1, 7, "");
+  EXPECT_TRUE(engine.log().has(LogLevel::Error,
+                               "Exception at processing message on worker 'site': AP not found"));
+  EXPECT_TRUE(engine.log().has_event(EventCode::MessageHandlerThrew, "AP not found"));
+  engine.subscribe(1, {RadioSpec{}}, 7);
+  engine.receive("rrm-mode-response", 1, 8, "");
+  EXPECT_TRUE(engine.log().has(
+      LogLevel::Error, "Exception at processing message on worker 'site': invalid session"));
+  engine.receive("rrm-config-changed", 1, 8, "");
+  EXPECT_TRUE(engine.log().has(
+      LogLevel::Error, "Exception at processing message on worker 'site': invalid exist session"));
+  EXPECT_EQ(engine.worker().aps().size(), 1u);
+}
+
+// --- leaving
+// --------------------------------------------------------------------------------------
+
+TEST(RrmWorkerUnsubscription, FromItsSessionErasesTheAccessPointAndItsIndex) {
+  Engine engine;
+  engine.subscribe(1, {RadioSpec{}});
+  engine.rrm().take();
+  engine.receive("unsubscribe-request", 1, 101, "");
+  EXPECT_TRUE(engine.worker().aps().empty());
+  EXPECT_FALSE(engine.worker().aps().contains_bssid(MacAddress::from_text(ap_mac(1).c_str())));
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Not event optimization dmain site"));
+  EXPECT_TRUE(engine.rrm().take().empty());
+}
+
+TEST(RrmWorkerUnsubscription, FromAnotherSessionErasesOnlyTheMapNode) {
+  Engine engine;
+  engine.subscribe(1, {RadioSpec{}});
+  engine.log().clear();
+  engine.receive("unsubscribe-request", 1, 8, "");
+  EXPECT_TRUE(engine.worker().aps().empty());
+  EXPECT_TRUE(engine.worker().aps().contains_bssid(MacAddress::from_text(ap_mac(1).c_str())));
+  EXPECT_FALSE(engine.log().has(LogLevel::Debug, "Not event optimization dmain site"));
+}
+
+TEST(RrmWorkerUnsubscription, OfAParkedAccessPointNeedsItsSession) {
+  Engine engine;
+  engine.subscribe(1, {RadioSpec{}});
+  engine.worker().aps().move_all(engine.worker().unanswered_aps());
+  engine.receive("unsubscribe-request", 1, 8, "");
+  EXPECT_EQ(engine.worker().unanswered_aps().size(), 1u);
+  engine.receive("unsubscribe-request", 1, 101, "");
+  EXPECT_TRUE(engine.worker().unanswered_aps().empty());
+}
+
+TEST(RrmWorkerSessionLoss, ParksTheAccessPointsOfTheSession) {
+  Engine engine;
+  engine.subscribe(1, {RadioSpec{}}, 7);
+  engine.subscribe(2, {RadioSpec{}}, 7);
+  engine.subscribe(3, {RadioSpec{}}, 8);
+  engine.log().clear();
+  engine.close_session(7);
+  EXPECT_EQ(engine.worker().aps().size(), 1u);
+  EXPECT_EQ(engine.worker().aps_to_delete().size(), 2u);
+  EXPECT_EQ(engine.ap(1)->countdown, 12);  // 120 s in ticks of 10 s
+  EXPECT_TRUE(engine.ap(1)->session_lost);
+  EXPECT_TRUE(engine.log().has_event(EventCode::DomainChanged, "site"));
+  EXPECT_FALSE(engine.worker().is_stopped());
+}
+
+TEST(RrmWorkerSessionLoss, ErasesTheSessionsUnansweredAccessPointsAndEndsAnEmptyDomain) {
+  Engine engine;
+  engine.subscribe(1, {RadioSpec{}}, 7);
+  engine.worker().aps().move_all(engine.worker().unanswered_aps());
+  engine.close_session(7);
+  EXPECT_TRUE(engine.worker().unanswered_aps().empty());
+  EXPECT_TRUE(engine.worker().aps_to_delete().empty());
+  EXPECT_TRUE(engine.worker().is_stopped());
+}
+
+TEST(RrmWorkerSessionLoss, DoesNotEndADomainThatHasMessagesWaiting) {
+  Engine engine;
+  engine.subscribe(1, {RadioSpec{}}, 7);
+  engine.worker().aps().move_all(engine.worker().unanswered_aps());
+  engine.worker().enqueue_message(JsonReader("{}"), Engine::address(9));
+  engine.close_session(7);
+  EXPECT_FALSE(engine.worker().is_stopped());
+}
+
+TEST(RrmWorkerSessionLoss, IsUndoneByAResubscription) {
+  Engine engine;
+  engine.subscribe(1, {RadioSpec{}}, 7);
+  engine.close_session(7);
+  engine.rrm().take();
+  engine.log().clear();
+  engine.subscribe(1, {RadioSpec{}}, 8);
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "To delete subscribe request, scan state 0"));
+  EXPECT_TRUE(engine.rrm().take_drops().empty());
+  EXPECT_EQ(only(engine.rrm().take()), success("00:11:22:00:01:00", told_radio()));
+  EXPECT_EQ(engine.worker().aps().size(), 1u);
+  EXPECT_TRUE(engine.worker().aps_to_delete().empty());
+  EXPECT_FALSE(engine.ap(1)->session_lost);
+  EXPECT_TRUE(engine.worker().aps().contains_bssid(MacAddress::from_text(ap_mac(1).c_str())));
+  EXPECT_TRUE(engine.log().has_event(EventCode::DomainChanged, "site"));
+}
+
+TEST(RrmWorkerSubscription, OfAnUnansweredAccessPointLeavesItParked) {
+  Engine engine;
+  engine.subscribe(1, {RadioSpec{}}, 7);
+  engine.worker().aps().move_all(engine.worker().unanswered_aps());
+  engine.rrm().take();
+  engine.subscribe(1, {RadioSpec{}}, 8);
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "To unanswered subscribe request"));
+  EXPECT_EQ(engine.rrm().take_drops(), (Drops{{7, true}}));
+  EXPECT_EQ(only(engine.rrm().take()), success("00:11:22:00:01:00", told_radio()));
+  EXPECT_EQ(engine.worker().unanswered_aps().size(), 1u);
+  EXPECT_TRUE(engine.worker().aps().empty());
+}
+
+// --- changed settings
+// -----------------------------------------------------------------------------
+
+std::string info(const std::string& mac, const std::string& radios) {
+  return "{\"service\":\"rrm\",\"version\":\"2.4\",\"cmd\":\"rrm-info\",\"ap-mac\":\"" + mac +
+         "\",\"config\":{\"use-tpc\":1,\"use-dca\":1,\"use-load-balance\":0,\"use-80211v\":0,"
+         "\"radios\":[" +
+         radios + "]}}";
+}
+
+TEST(RrmWorkerConfigChanged, IsAnsweredWithTheSettingsInForce) {
+  Engine engine;
+  engine.subscribe(1, {RadioSpec{}});
+  engine.rrm().take();
+  // DCA and TPC manage the radio: the channel is taken from the message, the power is not.
+  engine.receive("rrm-config-changed", 1, 101,
+                 "\"radios\":" + radios_text({RadioSpec{.channel = 40, .power = 11}}));
+  const auto sent = engine.rrm().take();
+  EXPECT_EQ(only(sent), info("00:11:22:00:01:00", told_radio(0, 40)));
+  EXPECT_EQ(sent.at(0).session, 101u);
+  EXPECT_FALSE(engine.log().has(LogLevel::Debug, "Not-equivalent or force (0) subscribe request"));
+}
+
+TEST(RrmWorkerConfigChanged, WithOtherSettingsForgetsTheNeighboursAndPlans) {
+  Engine engine;
+  engine.subscribe(1, {RadioSpec{}});
+  engine.ap(1)->visible_rogue[MacAddress::from_text(client_mac(1).c_str())] = {};
+  engine.log().clear();
+  engine.receive("rrm-config-changed", 1, 101,
+                 "\"radios\":" + radios_text({RadioSpec{.channels = "36,40"}}));
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Not-equivalent or force (0) subscribe request"));
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Not event optimization dmain site"));
+  EXPECT_TRUE(engine.log().has_event(EventCode::DomainChanged, "site"));
+  EXPECT_TRUE(engine.ap(1)->visible_rogue.empty());
+}
+
+TEST(RrmWorkerConfigChanged, OfOtherPowerLimitsIsAChangeOfSettings) {
+  Engine engine;
+  engine.subscribe(1, {RadioSpec{}});
+  engine.receive("rrm-config-changed", 1, 101,
+                 "\"radios\":[{\"id\":0,\"status\":1,\"channel\":36,\"band\":5,\"power\":15,"
+                 "\"power-max\":12,\"power-min\":5,\"bandwidth\":20,\"available-channels\":"
+                 "\"36,40,44,48\"}]");
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Not-equivalent or force (0) subscribe request"));
+  EXPECT_EQ(engine.ap(1)->radios.find(0)->power, 12);
+}
+
+TEST(RrmWorkerConfigChanged, ReachesParkedAccessPoints) {
+  Engine engine;
+  engine.subscribe(1, {RadioSpec{}});
+  engine.worker().aps().move_all(engine.worker().unanswered_aps());
+  engine.rrm().take();
+  engine.receive("rrm-config-changed", 1, 101, "\"radios\":" + radios_text({RadioSpec{}}));
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "To unanswered rrm change request"));
+  EXPECT_EQ(only(engine.rrm().take()), info("00:11:22:00:01:00", told_radio()));
+}
+
+TEST(RrmWorkerConfigChanged, FromADeletedAccessPointNeedsItsSession) {
+  Engine engine;
+  engine.subscribe(1, {RadioSpec{}});
+  engine.close_session(101);
+  engine.rrm().take();
+  engine.receive("rrm-config-changed", 1, 101, "\"radios\":" + radios_text({RadioSpec{}}));
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "To deleted rrm change request"));
+  EXPECT_TRUE(engine.rrm().take().empty());
+}
+
+TEST(RrmWorkerConfigChanged, OfAnUnknownAccessPointIsIgnored) {
+  Engine engine;
+  engine.receive("rrm-config-changed", 1, 101, "\"radios\":" + radios_text({RadioSpec{}}));
+  EXPECT_TRUE(engine.rrm().take().empty());
+  EXPECT_TRUE(engine.log().texts(LogLevel::Error).empty());
+}
+
+TEST(RrmWorkerConfigChanged, LogsWhatItMeansForRoamingLists) {
+  DomainConfig config = Engine::quiet_config();
+  config.use_80211k = true;
+  config.use_80211r = true;
+  Engine engine(config);
+  engine.subscribe(1, {RadioSpec{.vaps = {{.k = true}}}});
+  engine.log().clear();
+  engine.receive(
+      "rrm-config-changed", 1, 101,
+      "\"radios\":" + radios_text({RadioSpec{.vaps = {{.k = true}, {.id = 1, .ssid = "lab"}}}}));
+  EXPECT_TRUE(engine.log().has(LogLevel::Info, "process_exists_ap update_802dot11k 1 (1/0)"));
+  EXPECT_TRUE(engine.log().has(LogLevel::Info, "process_exists_ap update_802dot11r 0"));
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Update  domain site"));
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Planning update 802dot11k domain site"));
+}
+
+// --- ageing
+// ---------------------------------------------------------------------------------------
+
+TEST(RrmWorkerTick, ErasesAccessPointsThatStayAwayAndEndsTheDomain) {
+  Engine engine;
+  ASSERT_TRUE(engine.worker().connect());
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Start worker site"));
+  engine.subscribe(1, {RadioSpec{}}, 7);
+  engine.close_session(7);
+  engine.pass(119);
+  EXPECT_EQ(engine.worker().aps_to_delete().size(), 1u);
+  EXPECT_FALSE(engine.worker().is_stopped());
+  engine.log().clear();
+  engine.pass(1);
+  EXPECT_TRUE(engine.worker().aps_to_delete().empty());
+  EXPECT_TRUE(engine.log().has_event(EventCode::DomainChanged, "site"));
+  EXPECT_TRUE(engine.worker().is_stopped());
+}
+
+TEST(RrmWorkerTick, PlansAnewWhenTheLastAbsentAccessPointIsForgotten) {
+  Engine engine;
+  ASSERT_TRUE(engine.worker().connect());
+  engine.subscribe(1, {RadioSpec{}}, 7);
+  engine.subscribe(2, {RadioSpec{}}, 8);
+  engine.close_session(7);
+  engine.log().clear();
+  engine.pass(120);
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Not event optimization dmain site"));
+  EXPECT_FALSE(engine.worker().is_stopped());
+}
+
+TEST(RrmWorkerTick, EndsADomainThatNeverGotAnAccessPoint) {
+  Engine engine;
+  ASSERT_TRUE(engine.worker().connect());
+  engine.pass(9);
+  EXPECT_FALSE(engine.worker().is_stopped());
+  engine.pass(1);
+  EXPECT_TRUE(engine.worker().is_stopped());
+}
+
+TEST(RrmWorkerTick, StopsWithTheWorker) {
+  Engine engine;
+  ASSERT_TRUE(engine.worker().connect());
+  engine.worker().disconnect();
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Stop worker site"));
+  engine.pass(20);
+  EXPECT_FALSE(engine.worker().is_stopped());
+}
+
+TEST(RrmWorkerLoadBalancerPause, LastsSixTicksOfTenSeconds) {
+  Engine engine;
+  ASSERT_TRUE(engine.worker().connect());
+  engine.subscribe(1, {RadioSpec{}});
+  engine.receive(kStopLoadBalancerDocument, 101);
+  EXPECT_TRUE(engine.worker().load_balancer_stop());
+  EXPECT_EQ(engine.worker().counter(), 6);
+  engine.pass(59);
+  EXPECT_TRUE(engine.worker().load_balancer_stop());
+  EXPECT_EQ(engine.worker().counter(), 1);
+  engine.pass(1);
+  EXPECT_FALSE(engine.worker().load_balancer_stop());
+  EXPECT_EQ(engine.worker().counter(), 0);
+}
+
+// --- outgoing
+// -------------------------------------------------------------------------------------
+
+TEST(RrmWorkerBroadcastBuffer, KeepsTheOrderUntilItIsFlushed) {
+  Engine engine;
+  engine.worker().broadcast_buffer_add("one", Engine::address(7));
+  engine.worker().broadcast_buffer_add(std::string("two"), Engine::address(8));
+  engine.worker().broadcast_buffer_add(nullptr, Engine::address(8));
+  EXPECT_TRUE(engine.log().has(LogLevel::Error, "broadcast_buffer_add msg null"));
+  EXPECT_TRUE(engine.rrm().take().empty());
+  engine.worker().broadcast_buffer_flush();
+  EXPECT_EQ(engine.rrm().take(), (std::vector<RecordingRrm::Sent>{{7, "one"}, {8, "two"}}));
+  engine.worker().broadcast_buffer_flush();
+  EXPECT_TRUE(engine.rrm().take().empty());
+}
+
+TEST(RrmWorkerSessions, AreThoseOfAllAccessPointsThatHaveOne) {
+  Engine engine;
+  engine.subscribe(1, {RadioSpec{}}, 7);
+  engine.subscribe(2, {RadioSpec{}}, 8);
+  engine.close_session(8);
+  const auto sessions = engine.worker().ap_sessions();
+  ASSERT_EQ(sessions.size(), 1u);
+  EXPECT_EQ(sessions[0].address.id, 7u);
+  EXPECT_EQ(sessions[0].mac.lower().str(), ap_mac(1));
+}
+
+// --- hostile input
+// --------------------------------------------------------------------------------
+
+TEST(RrmWorkerHostileInput, OfEveryKindInEveryFieldLeavesTheWorkerWhole) {
+  const Texts values = {"null",  "true", "-1", "99999999999999999999", "1.5e300",    "\"\"",
+                        "\"x\"", "[]",   "{}", "[[],[{}],null,\"a\"]", "{\"a\":[1]}"};
+  const Texts members = {"ap-mac-count", "use-wildcard-80211r",
+                         "radios",       "factory",
+                         "vaps",         "rf-environment",
+                         "radio",        "rssi",
+                         "sta-mac",      "ssid",
+                         "state",        "no-balance",
+                         "need-ack",     "target-mac",
+                         "cmd",          "version",
+                         "domain",       "service",
+                         "ap-mac"};
+  const Texts fields = {"id",
+                        "status",
+                        "channel",
+                        "band",
+                        "power",
+                        "power-max",
+                        "power-min",
+                        "bandwidth",
+                        "mac-offset",
+                        "eirp",
+                        "eirp-min",
+                        "eirp-max",
+                        "antenna-configuration",
+                        "radio-mac-count",
+                        "primary-channel",
+                        "available-channels",
+                        "vaps",
+                        "assoclist",
+                        "probe-list",
+                        "locked-for-80211v"};
+  DomainConfig config;
+  config.use_80211v = true;
+  config.use_rrm_report = false;
+  Engine engine(config);
+  engine.subscribe(1, {RadioSpec{.vaps = {{.k = true, .r = true, .v = true}}}});
+  for (const char* cmd :
+       {"subscribe-request", "rrm-config-changed", "rrm-mode-response", "rrm-response",
+        "rrm-sta-roam", "rrm-assoc-state-changed", "rrm-client-disassoc", "rrm-client-assoc",
+        "rrm-probe-response", "rrm-disassoc-all-clients"}) {
+    for (const std::string& value : values) {
+      for (const std::string& member : members) {
+        engine.receive(cmd, 1, 101, "\"" + member + "\":" + value);
+      }
+      for (const std::string& field : fields) {
+        engine.receive(
+            cmd, 1, 101,
+            "\"radios\":[{\"id\":0,\"status\":1,\"channel\":36,\"" + field + "\":" + value + "}]");
+        engine.receive(cmd, 1, 101,
+                       "\"factory\":{\"board\":\"b\",\"hw\":\"h\",\"serial\":\"s\",\"mac\":\"m\"},"
+                       "\"radios\":[{\"id\":0,\"status\":1,\"channel\":36,\"" +
+                           field + "\":" + value + "}]");
+      }
+    }
+  }
+  engine.pass(30);
+  engine.subscribe(2, {RadioSpec{}});
+  EXPECT_NE(engine.ap(2), nullptr);
+}
+
+TEST(RrmWorkerHostileInput, FromUnknownAccessPointsIsDropped) {
+  DomainConfig config = Engine::quiet_config();
+  config.use_balance = true;
+  Engine engine(config);
+  for (const char* cmd : {"rrm-sta-roam", "rrm-assoc-state-changed", "rrm-client-disassoc",
+                          "rrm-client-assoc", "rrm-probe-response", "rrm-disassoc-all-clients",
+                          "unsubscribe-request", "rrm-config-changed"}) {
+    engine.receive(cmd, 9, 7, "\"radio\":0,\"sta-mac\":\"02:00:00:00:00:01\",\"ssid\":\"office\"");
+  }
+  EXPECT_TRUE(engine.rrm().take().empty());
+  EXPECT_TRUE(engine.log().texts(LogLevel::Error).empty());
+}
+
+}  // namespace
+}  // namespace rrm::test

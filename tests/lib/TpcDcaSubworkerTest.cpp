@@ -1,0 +1,738 @@
+#include "server/lib/TpcDcaSubworker.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/Engine.h"
+#include "tests/support/TempFolder.h"
+
+namespace rrm::test {
+namespace {
+
+using Texts = std::vector<std::string>;
+
+/// Rounds start after events; nothing is distributed between them.
+DomainConfig round_config() {
+  DomainConfig config = Engine::quiet_config();
+  config.use_optimization_event = true;
+  return config;
+}
+
+std::string status_text(int state) {
+  return "{\"location\":\"site\", \"status\":" + std::to_string(state) + "}";
+}
+
+/// A heard BSS of a scan.
+std::string heard(const std::string& bssid, int rssi, int channel) {
+  return "{\"bssid\":\"" + bssid + "\",\"rssi\":" + std::to_string(rssi) +
+         ",\"channel\":" + std::to_string(channel) +
+         ",\"band\":5,\"bandwidth\":20,\"tx-power\":15}";
+}
+
+void answer_scan(Engine& engine, int ap, const std::vector<RadioSpec>& radios,
+                 const std::string& scan = "") {
+  engine.receive("rrm-response", ap, static_cast<std::uint32_t>(ap + 100),
+                 "\"radios\":" + radios_text(radios) + ",\"rf-environment\":[[" + scan + "]]");
+}
+
+/// Leaves every radio as it is.
+OptimisationResult plan_nothing(ApMap&, const DomainConfig&, const OptimisationSwitches&,
+                                std::int64_t, const std::atomic<bool>&) {
+  OptimisationResult result;
+  result.ok = true;
+  return result;
+}
+
+/// Brings a domain of access points 1..count to the running scan.
+void start_scan(Engine& engine, int count) {
+  for (int n = 1; n <= count; ++n) engine.subscribe(n, {RadioSpec{}});
+  engine.pass(20 + 15);
+  ASSERT_EQ(engine.state(), 3);
+  engine.rrm().take();
+  engine.log().clear();
+}
+
+std::vector<std::string> statuses(const CapturedLog& log) {
+  std::vector<std::string> texts;
+  for (const auto& [code, text] : log.events()) {
+    if (code == EventCode::PlannerStatus) texts.push_back(text);
+  }
+  return texts;
+}
+
+// --- a whole round
+// --------------------------------------------------------------------------------
+
+TEST(TpcDcaRound, LeadsThreeAccessPointsFromSubscriptionToTheirPlan) {
+  Engine engine(round_config());
+  const RadioSpec radio{.channels = "36,40,44"};
+  for (int n = 1; n <= 3; ++n) engine.subscribe(n, {radio});
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Force optimization dmain site"));
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Planning domain site update 0 after 20 sec"));
+  EXPECT_EQ(engine.state(), 4);
+  engine.rrm().take();
+
+  // The planning delay starts again with every subscription.
+  engine.pass(19);
+  EXPECT_TRUE(engine.rrm().take().empty());
+  engine.pass(1);
+  EXPECT_EQ(engine.state(), 2);
+  EXPECT_TRUE(engine.worker().load_balancer_lock());
+  auto sent = engine.rrm().take();
+  ASSERT_EQ(sent.size(), 3u);
+  for (const auto& message : sent) {
+    EXPECT_EQ(message.text,
+              "{\"service\":\"rrm\",\"version\":\"2.4\",\"cmd\":\"rrm-request-mode\",\"domain\":"
+              "\"site\",\"ap-mac\":\"00:11:22:00:0" +
+                  std::to_string(message.session - 100) + ":00\"}");
+  }
+
+  for (int n = 1; n <= 3; ++n) {
+    engine.receive("rrm-mode-response", n, static_cast<std::uint32_t>(n + 100),
+                   "\"radios\":" + radios_text({radio}));
+  }
+  engine.pass(14);
+  EXPECT_TRUE(engine.rrm().take().empty());
+  engine.pass(1);
+  EXPECT_EQ(engine.state(), 3);
+  sent = engine.rrm().take();
+  ASSERT_EQ(sent.size(), 3u);
+  for (const auto& message : sent) {
+    EXPECT_EQ(message.text,
+              "{\"service\":\"rrm\",\"version\":\"2.4\",\"cmd\":\"rrm-update\",\"domain\":\"site\","
+              "\"ap-mac\":\"00:11:22:00:0" +
+                  std::to_string(message.session - 100) +
+                  ":00\",\"rrm-scan-delay\":0,\"rrm-scan-channels\":\"36 40 44 \","
+                  "\"rrm-scan-channels-list\":{\"2\":\"\",\"5\":\"36 40 44 \",\"6\":\"\"},"
+                  "\"tavro-rrm-scanning\":1}");
+  }
+
+  // All hear each other on channel 36; 1 and 3 also hear a loud stranger on 40.
+  for (int n = 1; n <= 3; ++n) {
+    std::string scan;
+    for (int other = 1; other <= 3; ++other) {
+      if (other != n) scan += heard(ap_mac(other), -50, 36) + ",";
+    }
+    scan += n == 2 ? "null" : heard("66:00:00:00:00:01", -40, 40);
+    answer_scan(engine, n, {radio}, scan);
+  }
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Start optimize now on domain site"));
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Start optimization on domain site size 3 drop 0"));
+  EXPECT_EQ(engine.state(), 5);
+  EXPECT_EQ(engine.ap(1)->visible_members.size(), 2u);
+  EXPECT_EQ(engine.ap(1)->visible_rogue.size(), 1u);
+
+  engine.finish_optimisation();
+  EXPECT_EQ(engine.log().count(LogLevel::Debug, "Optimization on domain site finished"), 1u);
+  EXPECT_EQ(engine.state(), 0);
+  EXPECT_FALSE(engine.worker().load_balancer_lock());
+  sent = engine.rrm().take();
+  ASSERT_EQ(sent.size(), 3u);
+  std::vector<int> channels;
+  for (const auto& message : sent) {
+    const Radio* planned = engine.ap(static_cast<int>(message.session - 100))->radios.find(0);
+    channels.push_back(planned->channel);
+    EXPECT_EQ(message.text,
+              "{\"service\":\"rrm\",\"version\":\"2.4\",\"cmd\":\"rrm-info\",\"ap-mac\":"
+              "\"00:11:22:00:0" +
+                  std::to_string(message.session - 100) +
+                  ":00\",\"config\":{\"use-tpc\":1,\"use-dca\":1,\"use-load-balance\":0,"
+                  "\"use-80211v\":0,\"radios\":[{\"id\":0,\"channel\":" +
+                  std::to_string(planned->channel) +
+                  ",\"band\":5,\"power\":" + std::to_string(planned->power) +
+                  ",\"bandwidth\":20,\"primary-channel\":\"none\",\"tavro-sta-rssi-thr-low\":-75,"
+                  "\"tavro-sta-rssi-thr-high\":-65,\"tavro-roam-attempt-timeout\":600,"
+                  "\"tavro-client-rssi-renew\":15,\"tavro-client-max-age\":20,"
+                  "\"tavro-try-no-balance\":2,\"no-balance-enterprise\":0}]}}");
+  }
+  // Three access points find the three channels; the stranger's goes to the one that cannot hear
+  // it.
+  EXPECT_EQ(engine.ap(2)->radios.find(0)->channel, 40);
+  std::sort(channels.begin(), channels.end());
+  EXPECT_EQ(channels, (std::vector<int>{36, 40, 44}));
+  EXPECT_EQ(statuses(engine.log()),
+            (Texts{status_text(4), status_text(4), status_text(4), status_text(2), status_text(2),
+                   status_text(2), status_text(2), status_text(3), status_text(3), status_text(3),
+                   status_text(3), status_text(5), status_text(0), status_text(0)}));
+}
+
+// --- planning
+// -------------------------------------------------------------------------------------
+
+TEST(TpcDcaPlanning, NeverStartsARoundWithoutTimeAndEventUnlessTheApiForcesIt) {
+  Engine engine(Engine::quiet_config());
+  engine.subscribe(1, {RadioSpec{}});
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Not event optimization dmain site"));
+  engine.pass(2 * 86400);
+  EXPECT_EQ(engine.state(), 0);
+  engine.rrm().take();
+  EXPECT_TRUE(engine.worker().force_optimization());
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Force optimization from api dmain site"));
+  engine.pass(20);
+  EXPECT_EQ(engine.rrm().take("rrm-request-mode").size(), 1u);
+}
+
+TEST(TpcDcaPlanning, PublishesTheStateAndTheDomainWhenNothingIsPlanned) {
+  Engine engine(Engine::quiet_config());
+  engine.log().clear();
+  engine.subscribe(1, {RadioSpec{}});
+  const auto events = engine.log().events();
+  ASSERT_EQ(events.size(), 3u);
+  EXPECT_EQ(events[0], std::pair(EventCode::DomainChanged, std::string("site")));
+  EXPECT_EQ(events[1], std::pair(EventCode::PlannerStatus, status_text(0)));
+  EXPECT_EQ(events[2], std::pair(EventCode::DomainChanged, std::string("site")));
+}
+
+TEST(TpcDcaPlanning, StartsAgainWithEveryEvent) {
+  Engine engine(round_config());
+  engine.subscribe(1, {RadioSpec{}});
+  engine.pass(19);
+  engine.subscribe(2, {RadioSpec{}});
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Planning domain site update 4 after 20 sec"));
+  engine.pass(19);
+  EXPECT_EQ(engine.state(), 4);
+  engine.pass(1);
+  EXPECT_EQ(engine.state(), 2);
+}
+
+TEST(TpcDcaPlanning, NeedsARadioWithAChannel) {
+  Engine engine(round_config());
+  engine.subscribe(1, {RadioSpec{.channel = 0}});
+  EXPECT_EQ(engine.state(), 0);
+  engine.subscribe(2, {RadioSpec{.status = 0}});
+  EXPECT_EQ(engine.state(), 0);
+}
+
+struct TimeOfDay {
+  const char* name;
+  int optimization_s;
+  int zone_s;
+  int now_s;
+  int delay_s;
+};
+
+class OptimizationTime : public testing::TestWithParam<TimeOfDay> {};
+
+TEST_P(OptimizationTime, IsReachedInTheDomainsLocalTime) {
+  const TimeOfDay& test = GetParam();
+  DomainConfig config = Engine::quiet_config();
+  config.use_optimization_time = true;
+  config.optimization_time_s = test.optimization_s;
+  config.optimization_time = "the time";
+  Engine engine(config, test.zone_s);
+  engine.clock().set_time_of_day(test.now_s);
+  engine.subscribe(1, {RadioSpec{}});
+  EXPECT_EQ(engine.state(), 1);
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Optimization time " +
+                                                    std::to_string(test.optimization_s) +
+                                                    " sec the time time_zone_offset " +
+                                                    std::to_string(test.zone_s) + " sec"));
+  EXPECT_TRUE(
+      engine.log().has(LogLevel::Debug, "Optimization interval " + std::to_string(test.delay_s)));
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Planning domain site update 0 after " +
+                                                    std::to_string(test.delay_s) + " sec"));
+  engine.clock().advance(test.delay_s - 1);
+  engine.worker().on_loop();
+  EXPECT_EQ(engine.state(), 1);
+  engine.pass(1);
+  EXPECT_EQ(engine.state(), 2);
+}
+
+INSTANTIATE_TEST_SUITE_P(Delay, OptimizationTime,
+                         testing::Values(TimeOfDay{"LaterToday", 7200, 0, 3600, 3600},
+                                         TimeOfDay{"RightNowMeansTomorrow", 3600, 0, 3600, 86400},
+                                         TimeOfDay{"Tomorrow", 3600, 0, 7200, 82800},
+                                         TimeOfDay{"EastOfUtc", 3600, 7200, 0, 82800},
+                                         TimeOfDay{"WestOfUtc", 3600, -7200, 0, 10800},
+                                         TimeOfDay{"TwoDaysAhead", 0, 43200, 80000, 49600}),
+                         [](const auto& test) { return test.param.name; });
+
+TEST(TpcDcaPlanning, WithoutEventsKeepsTheTimeOfDay) {
+  DomainConfig config = Engine::quiet_config();
+  config.use_optimization_time = true;
+  config.optimization_time_s = 3600;
+  Engine engine(config);
+  engine.subscribe(1, {RadioSpec{}});
+  engine.pass(100);
+  engine.log().clear();
+  engine.subscribe(2, {RadioSpec{}});
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Not event optimization dmain site"));
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Planning domain site update 1 after 3500 sec"));
+  EXPECT_EQ(engine.state(), 1);
+}
+
+TEST(TpcDcaPlanning, RefusesTheApiFromThePlannedRoundOn) {
+  Engine engine(round_config());
+  engine.subscribe(1, {RadioSpec{}});
+  for (const int state : {4, 2, 3}) {
+    if (state == 2) engine.pass(20);
+    if (state == 3) engine.pass(15);
+    ASSERT_EQ(engine.state(), state);
+    EXPECT_FALSE(engine.worker().force_optimization());
+    EXPECT_TRUE(engine.log().has(
+        LogLevel::Debug, "NOT Planning optimization domain site status " + std::to_string(state)));
+  }
+  engine.worker().tpc_dca().set_optimiser(plan_nothing);
+  answer_scan(engine, 1, {RadioSpec{}});
+  ASSERT_EQ(engine.state(), 5);
+  EXPECT_FALSE(engine.worker().force_optimization());
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "NOT Planning optimization domain site status 5"));
+}
+
+TEST(TpcDcaPlanning, OfADomainThatIgnoresEveryAnswerStartsNoRound) {
+  DomainConfig config = round_config();
+  config.use_dca = false;
+  config.use_tpc = false;
+  Engine engine(config);
+  engine.subscribe(1, {RadioSpec{}});
+  EXPECT_EQ(engine.state(), 0);
+  EXPECT_FALSE(engine.worker().force_optimization());
+  engine.pass(1000);
+  EXPECT_TRUE(engine.rrm().take("rrm-request-mode").empty());
+}
+
+TEST(TpcDcaPlanning, OfADailyRoundThatNobodyCanAnswerDoesNotRepeatItself) {
+  DomainConfig config = Engine::quiet_config();
+  config.use_dca = false;
+  config.use_tpc = false;
+  config.use_optimization_time = true;
+  config.optimization_time_s = 60;
+  Engine engine(config);
+  engine.subscribe(1, {RadioSpec{}});
+  engine.pass(86000);
+  EXPECT_EQ(engine.rrm().take("rrm-request-mode").size(), 1u);
+  EXPECT_EQ(engine.state(), 1);
+}
+
+TEST(TpcDcaPlanning, CountsForBalancingOnlyWhileNotAllAccessPointsAreNeighbours) {
+  for (const bool all : {false, true}) {
+    DomainConfig config = round_config();
+    config.use_dca = false;
+    config.use_tpc = false;
+    config.use_80211k = true;
+    config.use_all_ap_balance = all;
+    Engine engine(config);
+    engine.subscribe(1, {RadioSpec{}});
+    EXPECT_EQ(engine.state(), all ? 0 : 4);
+  }
+}
+
+// --- measuring
+// ------------------------------------------------------------------------------------
+
+TEST(TpcDcaScan, IsRequested15SecondsAfterTheLastModeAnswer) {
+  Engine engine(round_config());
+  engine.subscribe(1, {RadioSpec{}});
+  engine.pass(20 + 14);
+  engine.receive("rrm-mode-response", 1, 101, "\"radios\":" + radios_text({RadioSpec{}}));
+  engine.pass(14);
+  EXPECT_EQ(engine.state(), 2);
+  engine.pass(1);
+  EXPECT_EQ(engine.state(), 3);
+  EXPECT_TRUE(
+      engine.log().has(LogLevel::Debug, "Send rrm-update messages on domain site size 1 drop 0"));
+}
+
+TEST(TpcDcaScan, CollectsTheChannelsThatTheModeAnswersAnnounce) {
+  Engine engine(round_config());
+  engine.subscribe(1, {RadioSpec{.channels = "36,40"}});
+  engine.pass(20);
+  engine.rrm().take();
+  engine.receive(
+      "rrm-mode-response", 1, 101,
+      "\"radios\":" +
+          radios_text({RadioSpec{.channels = "44,36"},
+                       RadioSpec{.id = 1, .channel = 1, .band = 2, .channels = "11,1,300,20"},
+                       RadioSpec{.id = 2, .channel = 5, .band = 6, .channels = "5,37,229"}}));
+  engine.pass(15);
+  const auto sent = engine.rrm().take("rrm-update");
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_NE(sent[0].find("\"rrm-scan-channels\":\"1 11 20 36 44 5 37 229 \","
+                         "\"rrm-scan-channels-list\":{\"2\":\"1 11 20 \",\"5\":\"36 44 \","
+                         "\"6\":\"5 37 229 \"},\"tavro-rrm-scanning\":1}"),
+            std::string::npos)
+      << sent[0];
+}
+
+TEST(TpcDcaScan, WithoutTavroScanNamesTheAccessPointsOwnChannels) {
+  DomainConfig config = round_config();
+  config.use_tavro_rrm_scan = false;
+  Engine engine(config);
+  engine.subscribe(1, {RadioSpec{.channels = "40,36,180,20"}});
+  engine.pass(20 + 15);
+  const auto sent = engine.rrm().take("rrm-update");
+  ASSERT_EQ(sent.size(), 1u);
+  // 180 needs a 6 GHz radio; 20 belongs to the radio's band.
+  EXPECT_NE(sent[0].find("\"rrm-scan-channels\":\"20 36 40 \",\"rrm-scan-channels-list\":"
+                         "{\"2\":\"\",\"5\":\"20 36 40 \",\"6\":\"\"},\"tavro-rrm-scanning\":0}"),
+            std::string::npos)
+      << sent[0];
+}
+
+TEST(TpcDcaScan, WithoutDcaRunsOneAccessPointAfterTheOther) {
+  DomainConfig config = round_config();
+  config.use_dca = false;
+  Engine engine(config);
+  for (int n = 1; n <= 3; ++n) engine.subscribe(n, {RadioSpec{}});
+  engine.pass(20 + 15);
+  const auto sent = engine.rrm().take("rrm-update");
+  ASSERT_EQ(sent.size(), 3u);
+  for (std::size_t k = 0; k < sent.size(); ++k) {
+    EXPECT_NE(sent[k].find("\"rrm-scan-delay\":" + std::to_string(k * 6) + ","), std::string::npos);
+  }
+}
+
+struct ScanTime {
+  const char* name;
+  bool tavro;
+  int channels;  ///< 5 GHz channels announced
+  int wait_s;    ///< 3 x scan time + 1
+};
+
+class ScanWait : public testing::TestWithParam<ScanTime> {};
+
+TEST_P(ScanWait, IsThreeScanTimesAndASecond) {
+  const ScanTime& test = GetParam();
+  DomainConfig config = round_config();
+  config.use_tavro_rrm_scan = test.tavro;
+  Engine engine(config);
+  std::string channels;
+  for (int i = 0; i < test.channels; ++i) channels += std::to_string(36 + i) + ",";
+  engine.subscribe(1, {RadioSpec{}});
+  engine.subscribe(2, {RadioSpec{}});
+  engine.pass(20);
+  engine.receive("rrm-mode-response", 1, 101,
+                 "\"radios\":" + radios_text({RadioSpec{.channels = channels}}));
+  engine.pass(15);
+  ASSERT_EQ(engine.state(), 3);
+  EXPECT_TRUE(engine.log().has(
+      LogLevel::Debug,
+      "Start optimize after " + std::to_string(test.wait_s) + " sec on domain site"));
+  engine.pass(test.wait_s - 1);
+  answer_scan(engine, 1, {RadioSpec{}});
+  EXPECT_EQ(engine.state(), 3);
+  engine.pass(test.wait_s - 1);
+  EXPECT_EQ(engine.state(), 3);
+  engine.pass(1);
+  EXPECT_EQ(engine.state(), 5);
+}
+
+INSTANTIATE_TEST_SUITE_P(Time, ScanWait,
+                         testing::Values(ScanTime{"TavroScan", true, 4, 19},
+                                         ScanTime{"AtLeast14Channels", false, 4, 151},
+                                         ScanTime{"Of25Channels", false, 25, 271}),
+                         [](const auto& test) { return test.param.name; });
+
+TEST(TpcDcaScan, DropsAccessPointsThatAnswerModesButNotTheScan) {
+  Engine engine(round_config());
+  engine.subscribe(1, {RadioSpec{}});
+  engine.subscribe(2, {RadioSpec{}});
+  engine.pass(20);
+  engine.receive("rrm-mode-response", 2, 102, "\"radios\":" + radios_text({RadioSpec{}}));
+  engine.pass(15);
+  answer_scan(engine, 1, {RadioSpec{}});
+  engine.pass(19);
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Start optimization on domain site size 1 drop 1"));
+  EXPECT_EQ(engine.worker().unanswered_aps().size(), 1u);
+  EXPECT_EQ(engine.ap(2)->countdown, 12);
+  engine.rrm().take();
+  engine.finish_optimisation();
+  // It returns when the round ends, and hears nothing of the plan.
+  EXPECT_TRUE(engine.worker().unanswered_aps().empty());
+  EXPECT_EQ(engine.worker().aps().size(), 2u);
+  EXPECT_EQ(engine.rrm().take("rrm-info").size(), 1u);
+}
+
+TEST(TpcDcaScan, PlansANewRoundAtOnceWhenEveryoneDropsOut) {
+  Engine engine(round_config());
+  start_scan(engine, 2);
+  engine.pass(19);
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Start optimization on domain site size 0 drop 2"));
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Optimization on domain site delayed"));
+  EXPECT_EQ(engine.state(), 4);
+  EXPECT_FALSE(engine.worker().load_balancer_lock());
+  EXPECT_EQ(engine.worker().aps().size(), 2u);
+  EXPECT_EQ(statuses(engine.log()), (Texts{status_text(0), status_text(4)}));
+}
+
+TEST(TpcDcaScan, LeavesOutAccessPointsWithoutAPlannedRadio) {
+  Engine engine(round_config());
+  engine.subscribe(1, {RadioSpec{}});
+  engine.subscribe(2, {RadioSpec{.channel = 0}});
+  engine.pass(20);
+  EXPECT_EQ(engine.rrm().take("rrm-request-mode").size(), 1u);
+  EXPECT_EQ(engine.worker().unanswered_aps().size(), 1u);
+  EXPECT_EQ(engine.ap(2)->countdown, 12);
+}
+
+TEST(TpcDcaScan, IsGivenUpWhenNobodyCanTakePart) {
+  Engine engine(round_config());
+  engine.subscribe(1, {RadioSpec{}});
+  engine.ap(1)->radios.find(0)->channel = 0;
+  engine.pass(20);
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "not optimization scan on domain site"));
+  EXPECT_EQ(engine.state(), 0);
+  EXPECT_EQ(engine.worker().aps().size(), 1u);
+  EXPECT_FALSE(engine.worker().load_balancer_lock());
+}
+
+TEST(TpcDcaScan, IsDelayedWhenEverybodyHasLeftBeforeIt) {
+  Engine engine(round_config());
+  engine.subscribe(1, {RadioSpec{}});
+  engine.pass(20);
+  engine.close_session(101);
+  engine.pass(15);
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Optimization scan on domain site delayed"));
+  EXPECT_EQ(engine.state(), 4);
+}
+
+TEST(TpcDcaScan, IgnoresAnswersThatComeAtTheWrongTime) {
+  Engine engine(round_config());
+  engine.subscribe(1, {RadioSpec{}});
+  answer_scan(engine, 1, {RadioSpec{.channel = 44}});
+  engine.receive("rrm-mode-response", 1, 101,
+                 "\"radios\":" + radios_text({RadioSpec{.channel = 44}}));
+  EXPECT_EQ(engine.ap(1)->radios.find(0)->channel, 36);
+  EXPECT_FALSE(engine.ap(1)->active);
+  EXPECT_EQ(engine.worker().tpc_dca().times().response.count(), 0u);
+  EXPECT_EQ(engine.worker().tpc_dca().times().mode_response.count(), 0u);
+}
+
+TEST(TpcDcaScan, AnswersLeaveTheVapsAlone) {
+  DomainConfig config = round_config();
+  config.use_80211k = true;
+  Engine engine(config);
+  engine.subscribe(1, {RadioSpec{.vaps = {{.k = true}}}});
+  engine.subscribe(2, {RadioSpec{}});
+  engine.pass(20);
+  engine.receive("rrm-mode-response", 1, 101, "\"radios\":" + radios_text({RadioSpec{}}));
+  EXPECT_EQ(engine.ap(1)->radios.find(0)->vaps.size(), 1u);
+  engine.pass(15);
+  answer_scan(engine, 1, {RadioSpec{}});
+  EXPECT_EQ(engine.ap(1)->radios.find(0)->vaps.size(), 1u);
+  EXPECT_TRUE(engine.ap(1)->radios.received);
+}
+
+TEST(TpcDcaScan, SeesReturningAccessPointsOnlyInAFlaggedState) {
+  Engine engine(round_config());
+  engine.subscribe(1, {RadioSpec{}});
+  engine.subscribe(2, {RadioSpec{}});
+  engine.close_session(102);
+  engine.pass(20);
+  ASSERT_EQ(engine.state(), 2);
+  engine.subscribe(2, {RadioSpec{}});
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "To delete subscribe request, scan state 1"));
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Not-equivalent or force (1) subscribe request"));
+  EXPECT_EQ(engine.state(), 4);
+  EXPECT_FALSE(engine.worker().load_balancer_lock());
+}
+
+// --- results
+// --------------------------------------------------------------------------------------
+
+/// The plan: channel 44 and 9 dBm for every radio.
+OptimisationResult plan_44(ApMap& snapshot, const DomainConfig&, const OptimisationSwitches&,
+                           std::int64_t, const std::atomic<bool>&) {
+  OptimisationResult result;
+  for (const auto& [mac, ap] : snapshot.aps()) {
+    RadioList radios = ap->radios;
+    for (Radio& radio : radios.radios) {
+      radio.channel = 44;
+      radio.power = 9;
+      radio.power_changed = -6;
+    }
+    result.radios.emplace(mac, radios);
+  }
+  result.ok = true;
+  return result;
+}
+
+TEST(TpcDcaResult, IsAppliedToTheEnabledRadiosAndSent) {
+  Engine engine(round_config());
+  engine.worker().tpc_dca().set_optimiser(plan_44);
+  start_scan(engine, 1);
+  answer_scan(engine, 1, {RadioSpec{}});
+  engine.finish_optimisation();
+  EXPECT_EQ(engine.ap(1)->radios.find(0)->channel, 44);
+  EXPECT_EQ(engine.ap(1)->radios.find(0)->power, 9);
+  EXPECT_EQ(engine.ap(1)->radios.find(1)->channel, 0);
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Post tpc-results"));
+  const auto sent = engine.rrm().take("rrm-info");
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_NE(sent[0].find("{\"id\":0,\"channel\":44,\"band\":5,\"power\":9,"), std::string::npos);
+}
+
+TEST(TpcDcaResult, LeavesARadioAloneThatWasTakenOutWhileItWasPlanned) {
+  Engine engine(round_config());
+  engine.worker().tpc_dca().set_optimiser(plan_44);
+  start_scan(engine, 2);
+  answer_scan(engine, 1, {RadioSpec{}});
+  answer_scan(engine, 2, {RadioSpec{}});
+  engine.receive("rrm-config-changed", 1, 101, "\"radios\":[]");
+  engine.receive("rrm-config-changed", 2, 102,
+                 "\"radios\":" + radios_text({RadioSpec{.extra = ",\"locked-for-dca\":1"}}));
+  engine.finish_optimisation();
+  EXPECT_EQ(engine.ap(1)->radios.find(0)->channel, 0);
+  EXPECT_EQ(engine.ap(2)->radios.find(0)->channel, 36);
+}
+
+TEST(TpcDcaResult, SurvivesAccessPointsThatLeaveWhileItIsMade) {
+  Engine engine(round_config());
+  engine.worker().tpc_dca().set_optimiser(plan_44);
+  start_scan(engine, 2);
+  answer_scan(engine, 1, {RadioSpec{}});
+  answer_scan(engine, 2, {RadioSpec{}});
+  engine.close_session(101);
+  engine.receive("unsubscribe-request", 2, 102, "");
+  engine.finish_optimisation();
+  EXPECT_EQ(engine.log().count(LogLevel::Debug, "Optimization on domain site finished"), 1u);
+  EXPECT_TRUE(engine.rrm().take().empty());
+}
+
+struct Failure {
+  const char* name;
+  TpcDcaSubworker::Optimiser optimiser;
+  const char* warning;
+};
+
+class FailedOptimisation : public testing::TestWithParam<Failure> {};
+
+TEST_P(FailedOptimisation, LeavesTheRadiosAloneAndPlansTheNextRound) {
+  Engine engine(round_config());
+  engine.worker().tpc_dca().set_optimiser(GetParam().optimiser);
+  start_scan(engine, 1);
+  answer_scan(engine, 1, {RadioSpec{}});
+  engine.finish_optimisation();
+  EXPECT_TRUE(engine.log().has(LogLevel::Warning, GetParam().warning));
+  EXPECT_EQ(engine.ap(1)->radios.find(0)->channel, 36);
+  EXPECT_FALSE(engine.ap(1)->active);
+  EXPECT_EQ(engine.state(), 0);
+  EXPECT_FALSE(engine.worker().load_balancer_lock());
+  EXPECT_TRUE(engine.rrm().take().empty());
+  EXPECT_EQ(statuses(engine.log()).back(), status_text(0));
+}
+
+OptimisationResult fail_with(const std::string& message) {
+  OptimisationResult result;
+  result.message = message;
+  return result;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Kind, FailedOptimisation,
+    testing::Values(
+        Failure{"ThatThrows",
+                [](auto&&...) -> OptimisationResult { throw std::runtime_error("boom"); },
+                "Optimization thread completed on domain site but no result was produced"},
+        Failure{"ThatThrowsAnything", [](auto&&...) -> OptimisationResult { throw 7; },
+                "Optimization thread completed on domain site but no result was produced"},
+        Failure{"WithAMessage", [](auto&&...) { return fail_with("cancelled before DCA"); },
+                "Optimization cancelled or failed: cancelled before DCA"},
+        Failure{"WithoutAMessage", [](auto&&...) { return fail_with(""); },
+                "Optimization on domain site finished unsuccessfully with no error message"}),
+    [](const auto& test) { return test.param.name; });
+
+TEST(TpcDcaResult, IsFollowedByAWishedRoundOnly) {
+  for (const bool ok : {true, false}) {
+    Engine engine(round_config());
+    engine.worker().tpc_dca().set_optimiser([ok](auto&&...) {
+      OptimisationResult result;
+      result.ok = ok;
+      return result;
+    });
+    start_scan(engine, 1);
+    answer_scan(engine, 1, {RadioSpec{}});
+    ASSERT_EQ(engine.state(), 5);
+    engine.subscribe(2, {RadioSpec{}});
+    EXPECT_EQ(engine.state(), 5);
+    engine.finish_optimisation();
+    EXPECT_EQ(engine.state(), 4);
+    engine.pass(20 + 15);
+    answer_scan(engine, 1, {RadioSpec{}});
+    answer_scan(engine, 2, {RadioSpec{}});
+    engine.finish_optimisation();
+    EXPECT_EQ(engine.state(), 0);
+  }
+}
+
+TEST(TpcDcaResult, IsFollowedByTheNextDailyRound) {
+  DomainConfig config = round_config();
+  config.use_optimization_time = true;
+  config.optimization_time_s = 7200;
+  Engine engine(config);
+  engine.worker().tpc_dca().set_optimiser(plan_nothing);
+  start_scan(engine, 1);
+  answer_scan(engine, 1, {RadioSpec{}});
+  engine.finish_optimisation();
+  EXPECT_EQ(engine.state(), 1);
+}
+
+TEST(TpcDcaResult, IsWaitedForWithoutBlocking) {
+  std::atomic<bool> release{false};
+  Engine engine(round_config());
+  engine.worker().tpc_dca().set_optimiser([&](auto&&...) {
+    while (!release) std::this_thread::yield();
+    OptimisationResult result;
+    result.ok = true;
+    return result;
+  });
+  start_scan(engine, 1);
+  answer_scan(engine, 1, {RadioSpec{}});
+  engine.pass(50);
+  EXPECT_EQ(engine.state(), 5);
+  EXPECT_EQ(engine.worker().tpc_dca().times().optimize.count(), 51u);
+  release = true;
+  engine.finish_optimisation();
+  EXPECT_EQ(engine.state(), 0);
+}
+
+TEST(TpcDcaStop, CancelsTheOptimisationAndWaitsForIt) {
+  std::atomic<bool> cancelled{false};
+  Engine engine(round_config());
+  engine.worker().tpc_dca().set_optimiser([&](ApMap&, const DomainConfig&,
+                                              const OptimisationSwitches&, std::int64_t,
+                                              const std::atomic<bool>& cancel) {
+    while (!cancel) std::this_thread::yield();
+    cancelled = true;
+    return OptimisationResult{};
+  });
+  start_scan(engine, 1);
+  answer_scan(engine, 1, {RadioSpec{}});
+  engine.worker().disconnect();
+  EXPECT_TRUE(cancelled);
+  engine.pass(5);
+  EXPECT_EQ(engine.state(), 5);
+}
+
+TEST(TpcDcaReport, IsAppendedWhenTheResultIsTaken) {
+  const TempFolder folder;
+  DomainConfig config = round_config();
+  config.use_rrm_report = true;
+  Engine engine(config, 0, ("{\"global\":{\"reports_path\":\"" + folder.path() + "\"}}").c_str());
+  start_scan(engine, 1);
+  answer_scan(engine, 1, {RadioSpec{}});
+  engine.finish_optimisation();
+  EXPECT_EQ(folder.read("report_idx_site.txt"), "1.1,2024-05-01,00:00:35\n");
+  EXPECT_EQ(folder.read("report_site.txt").substr(0, 59),
+            "1.1,2024-05-01,00:00:35,00:11:22:00:01:00,00:11:22:00:01:00");
+  EXPECT_TRUE(folder.has("report_cfg_site.txt"));
+}
+
+TEST(TpcDcaReport, ThatCannotBeSavedRaisesAnEvent) {
+  DomainConfig config = round_config();
+  config.use_rrm_report = true;
+  Engine engine(config, 0, R"({"global":{"reports_path":"/nowhere/at/all"}})");
+  start_scan(engine, 1);
+  answer_scan(engine, 1, {RadioSpec{}});
+  engine.finish_optimisation();
+  EXPECT_TRUE(engine.log().has_event(EventCode::ReportSaveFailed, "site"));
+  EXPECT_EQ(engine.log().count(LogLevel::Debug, "Optimization on domain site finished"), 1u);
+}
+
+}  // namespace
+}  // namespace rrm::test
