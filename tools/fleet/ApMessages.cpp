@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-#include "tools/fleet/ApSteering.h"
+#include "server/lib/JsonWriter.h"
 
 namespace rrm::fleet {
 namespace {
@@ -37,11 +37,8 @@ void write_antenna(JsonWriter& radio, const Hardware& hardware) {
   antenna.add("cable-loss", hardware.cable_loss_db);
 }
 
-/// How much of a radio a message tells.
-enum class Depth { Settings, Everything };
-
-void write_radio(JsonWriter& radios, const AccessPoint& ap, const RadioUnit& radio, Depth depth,
-                 const Crowd* crowd) {
+void write_radio(JsonWriter& radios, const AccessPoint& ap, const RadioUnit& radio,
+                 bool with_vaps) {
   JsonWriter object = JsonWriter::object(radios);
   object.add("id", radio.id);
   object.add("status", 1);
@@ -60,16 +57,23 @@ void write_radio(JsonWriter& radios, const AccessPoint& ap, const RadioUnit& rad
   object.add("locked-for-balancer", 0);
   object.add("locked-for-80211v", 0);
   write_antenna(object, *ap.hardware);
-  if (depth == Depth::Settings) return;
+  if (!with_vaps) return;
   JsonWriter vaps = JsonWriter::array(object, "vaps");
   for (const Vap& vap : radio.vaps) write_vap(vaps, vap);
-  if (crowd != nullptr) ApSteering::write_clients(*crowd, {ap.index, radio.id}, object);
 }
 
-void write_radios(JsonWriter& message, const AccessPoint& ap, Depth depth,
-                  const Crowd* crowd = nullptr) {
+/// The envelope of this access point's messages.
+class Message : public JsonWriter {
+ public:
+  Message(const World& world, const AccessPoint& ap, const char* cmd) : JsonWriter("rrm", cmd) {
+    add("domain", world.site_of(ap).domain);
+    add("ap-mac", ap.mac.upper().c_str());
+  }
+};
+
+void write_radios(JsonWriter& message, const AccessPoint& ap, bool with_vaps) {
   JsonWriter radios = JsonWriter::array(message, "radios");
-  for (const RadioUnit& radio : ap.radios) write_radio(radios, ap, radio, depth, crowd);
+  for (const RadioUnit& radio : ap.radios) write_radio(radios, ap, radio, with_vaps);
 }
 
 void write_scan(JsonWriter& scans, const std::vector<Heard>& heard) {
@@ -108,13 +112,7 @@ std::size_t count_neighbours(const JsonReader& list) {
 
 }  // namespace
 
-Message::Message(const World& world, const AccessPoint& ap, const char* cmd)
-    : JsonWriter("rrm", cmd) {
-  add("domain", world.site_of(ap).domain);
-  add("ap-mac", ap.mac.upper().c_str());
-}
-
-std::string subscribe_request(const World& world, std::uint32_t index, const Crowd* crowd) {
+std::string subscribe_request(const World& world, std::uint32_t index) {
   const AccessPoint& ap = world.ap(index);
   Message message(world, ap, "subscribe-request");
   {
@@ -126,20 +124,20 @@ std::string subscribe_request(const World& world, std::uint32_t index, const Cro
   }
   message.add("ap-mac-count", kMacsPerAp);
   message.add("use-wildcard-80211r", 0);
-  write_radios(message, ap, Depth::Everything, crowd);
+  write_radios(message, ap, true);
   return message.str();
 }
 
 std::string mode_response(const World& world, std::uint32_t ap) {
   Message message(world, world.ap(ap), "rrm-mode-response");
-  write_radios(message, world.ap(ap), Depth::Settings);
+  write_radios(message, world.ap(ap), false);
   return message.str();
 }
 
 std::string scan_response(const World& world, std::uint32_t ap, std::uint32_t round,
                           const std::optional<ChannelFilter>& filter) {
   Message message(world, world.ap(ap), "rrm-response");
-  write_radios(message, world.ap(ap), Depth::Settings);
+  write_radios(message, world.ap(ap), false);
   JsonWriter scans = JsonWriter::array(message, "rf-environment");
   for (int scan = 0; scan < world.scenario().scans; ++scan) {
     write_scan(scans, world.scan(ap, round, static_cast<std::uint32_t>(scan), filter));
@@ -147,9 +145,9 @@ std::string scan_response(const World& world, std::uint32_t ap, std::uint32_t ro
   return message.str();
 }
 
-std::string config_changed(const World& world, std::uint32_t ap, const Crowd* crowd) {
+std::string config_changed(const World& world, std::uint32_t ap) {
   Message message(world, world.ap(ap), "rrm-config-changed");
-  write_radios(message, world.ap(ap), Depth::Everything, crowd);
+  write_radios(message, world.ap(ap), true);
   return message.str();
 }
 

@@ -1,0 +1,200 @@
+#include "server/VrrpWorker.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <string_view>
+#include <utility>
+
+#include "json/JsonError.h"
+#include "json/JsonParser.h"
+#include "server/ProcessLog.h"
+#include "server/lib/ConfigFile.h"
+#include "server/lib/RRM.h"
+
+using rrm::JsonReader;
+using rrm::JsonWriter;
+
+namespace {
+
+constexpr std::uint32_t kBackupTimer = 1;
+
+bool is_folder(const std::string& path) {
+  struct stat state {};
+  return ::stat(path.c_str(), &state) == 0;
+}
+
+/// Whether the folder exists, after creating it where it does not.
+bool provide_folder(const std::string& path) {
+  if (path.empty()) return false;
+  if (is_folder(path)) return true;
+  return ::mkdir(path.c_str(), 0777) == 0 && is_folder(path);
+}
+
+/// The whole file; false when it cannot be opened, with errno telling why.
+bool read_file(const std::string& path, std::string& text) {
+  const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (file < 0) return false;
+  char piece[4096];
+  ssize_t length = 0;
+  while ((length = ::read(file, piece, sizeof(piece))) > 0 || (length < 0 && errno == EINTR))
+    if (length > 0) text.append(piece, static_cast<std::size_t>(length));
+  ::close(file);
+  return true;
+}
+
+}  // namespace
+
+VrrpWorker::VrrpWorker(rrm::RRM* dispatcher, rrm::GlobalConfig* config)
+    : Api(*dispatcher, *config) {}
+
+void VrrpWorker::on_domain_changed(const std::string& domain) {
+  const std::lock_guard lock(mutex_);
+  if (!config().vrrp_enabled) return;
+  pending_.insert(domain);
+  timers_.rearm([this] { backup_due_ = true; }, kBackupTimer,
+                static_cast<std::uint32_t>(config().vrrp_timeout.load()));
+}
+
+void VrrpWorker::poll_timers() {
+  {
+    const std::lock_guard lock(mutex_);
+    timers_.poll();
+    if (!std::exchange(backup_due_, false)) return;
+  }
+  make_domains_backup();
+}
+
+void VrrpWorker::make_domains_backup() {
+  const std::string path = config().vrrp_backup_path;
+  if (!provide_folder(path)) {
+    PROCESS_LOG(Error) << "backup_path " << path << " invalid";
+    return;
+  }
+  std::set<std::string> domains;
+  {
+    const std::lock_guard lock(mutex_);
+    domains.swap(pending_);
+  }
+  for (const std::string& domain : domains) {
+    // A name is no path: it must not lead out of the folder.
+    if (domain.find('/') != std::string::npos) continue;
+    JsonWriter document;
+    if (make_backup(domain, document))
+      rrm::replace_file(path + "/" + domain + ".json", document.str());
+  }
+}
+
+JsonReader VrrpWorker::ask(const JsonWriter& command) {
+  const std::lock_guard lock(command_mutex());
+  const Reply reply = process_rrm_command(JsonReader(command.c_str()));
+  JsonReader answer(reply ? reply->c_str() : "");
+  const std::string_view status = answer.get_str("status");
+  if (status == "error" || status == "failure") return {};
+  return answer;
+}
+
+bool VrrpWorker::make_backup(const std::string& domain, JsonWriter& document) {
+  JsonWriter request;
+  request.add("domain", domain);
+  const JsonReader reply = ask(request);
+  const JsonReader details = reply.child("details");
+  if (details.is_null()) return false;
+  document.add("name", domain);
+  for (const char* key : {"rrm-status", "fbt-status"})
+    if (details.has(key)) document.add(key, *details.child(key).value());
+  for (const char* key : {"aps", "unanswered-aps", "deleted-aps"}) {
+    JsonWriter array = JsonWriter::array(document, key);
+    const JsonReader list = details.child(key);
+    for (std::size_t i = 0; i < list.size(); ++i)
+      if (!back_up_access_point(domain, list.child(static_cast<int>(i)), array)) return false;
+  }
+  return true;
+}
+
+bool VrrpWorker::back_up_access_point(const std::string& domain, const JsonReader& listed,
+                                      JsonWriter& array) {
+  JsonWriter request;
+  request.add("domain", domain);
+  request.add("ap", listed.get_str("mac"));
+  const JsonReader reply = ask(request);
+  for (const char* key : {"active-ap", "unanswered-ap", "deleted-ap"}) {
+    if (!reply.has(key)) continue;
+    JsonWriter entry = JsonWriter::object(array);
+    const JsonReader access_point = reply.child(key);
+    for (const auto& member : access_point.value()->as_object())
+      entry.add(member.key(), member.value);
+    for (const char* text : {"board", "hw", "serial"}) entry.add(text, listed.get_str(text));
+    return true;
+  }
+  return false;
+}
+
+void VrrpWorker::restore_domains_from_backup(JsonWriter& array) {
+  const std::string path = config().vrrp_backup_path;
+  if (!provide_folder(path)) {
+    PROCESS_LOG(Error) << "backup_path " << path << " invalid";
+    return;
+  }
+  const std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir(path.c_str()), ::closedir);
+  if (!folder) return;
+  while (const dirent* entry = ::readdir(folder.get())) {
+    const std::string file = path + "/" + entry->d_name;
+    struct stat state {};
+    if (::stat(file.c_str(), &state) != 0 || !S_ISREG(state.st_mode)) continue;
+    std::string text;
+    if (!read_file(file, text)) {
+      PROCESS_LOG(Error) << "Opening backup file " << file << " failed with error code: " << errno
+                         << " (" << std::strerror(errno) << ").";
+      continue;
+    }
+    try {
+      array.add({}, yajson::parse(text));
+    } catch (const yajson::ParseError& error) {
+      PROCESS_LOG(Error) << "Reading backup file " << file << " failed: " << error.what();
+    }
+  }
+}
+
+void VrrpWorker::set_vrrp_role_on_start() {
+  if (!config().vrrp_enabled) return;
+  bool master = true;
+  const std::string path = config().vrrp_state_file;
+  std::ifstream file(path);
+  if (file.is_open()) {
+    std::string line;
+    std::getline(file, line);
+    master = line != "BACKUP";
+  } else {
+    PROCESS_LOG(Error) << "Error opening VRRP state file " << path;
+  }
+  const std::lock_guard lock(command_mutex());
+  if (!switch_role(master))
+    PROCESS_LOG(Error) << "Api request to set VRRP role " << (master ? "master" : "backup")
+                       << " failed.";
+}
+
+rrm::Api::Reply VrrpWorker::switch_role(bool master) {
+  JsonWriter request;
+  request.add("role", master ? "master" : "backup");
+  if (master) {
+    JsonWriter domains = JsonWriter::array(request, "domains");
+    restore_domains_from_backup(domains);
+  }
+  return process_vrrp_command(JsonReader(request.c_str()));
+}
+
+rrm::Api::Reply VrrpWorker::handle_request(const std::string& command) {
+  const JsonReader request(command.c_str());
+  if (std::string_view(request.get_str("role")) != "master" || request.has("domains"))
+    return process_vrrp_command(request);
+  // The other controller may have changed the shared configuration while it was master.
+  config().reload();
+  return switch_role(true);
+}

@@ -1,0 +1,117 @@
+// The controller process: sets up logging, loads the configuration, creates the dispatcher and the
+// management front-ends, and serves until SIGINT.
+
+#include <pthread.h>
+#include <sys/resource.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <iostream>
+#include <memory>
+#include <thread>
+
+#include "server/ApiCli.h"
+#include "server/ApiWeb.h"
+#include "server/LibraryHooks.h"
+#include "server/Logger.h"
+#include "server/ProcessLog.h"
+#include "server/VrrpWorker.h"
+#include "server/lib/Config.h"
+#include "server/lib/RRM.h"
+
+namespace {
+
+constexpr char kDefaultConfigFile[] = "/etc/tavro-wavelom/wavelom.conf";
+constexpr rlim_t kMostFiles = 12288;
+
+// Destroyed in the reverse order at exit.
+std::unique_ptr<rrm::GlobalConfig> config;
+std::unique_ptr<rrm::RRM> dispatcher;
+std::unique_ptr<RRM_Logger> logger;
+std::thread api_cli_thread;
+std::unique_ptr<ApiCli> api_cli;
+std::unique_ptr<ApiWeb> api_web;
+std::unique_ptr<VrrpWorker> vrrp_worker;
+
+void increase_max_fds() {
+  errno = 0;
+  const rlimit limit{kMostFiles, kMostFiles};
+  if (::setrlimit(RLIMIT_NOFILE, &limit) != 0)
+    PROCESS_LOG(Debug) << "setrlimit() failed with errno=" << errno << " " << std::strerror(errno);
+}
+
+void change_sigint(int how) {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  ::pthread_sigmask(how, &signals, nullptr);
+}
+
+void stop_api_cli() {
+  if (api_cli) api_cli->stop();
+  if (api_cli_thread.joinable()) api_cli_thread.join();
+}
+
+// Ends everything in the signal context. That is sound because every thread has SIGINT blocked and
+// only the main thread lets it in, between two passes of its loop, when it holds no lock.
+void on_sigint(int) {
+  stop_api_cli();
+  set_domain_listener(nullptr);
+  dispatcher.reset();
+  logger.reset();
+  std::exit(0);
+}
+
+void let_sigint_in() {
+  change_sigint(SIG_UNBLOCK);
+  change_sigint(SIG_BLOCK);
+}
+
+void serve(const char* config_file) {
+  set_old_log_aside({});
+  logger.reset();
+  logger = std::make_unique<RRM_Logger>();
+  install_library_hooks();
+  config = std::make_unique<rrm::GlobalConfig>(config_file);
+  increase_max_fds();
+  dispatcher = std::make_unique<rrm::RRM>(config.get());
+  vrrp_worker = std::make_unique<VrrpWorker>(dispatcher.get(), config.get());
+  set_domain_listener(vrrp_worker.get());
+  api_cli = std::make_unique<ApiCli>(dispatcher.get(), vrrp_worker.get());
+  api_web = std::make_unique<ApiWeb>(dispatcher.get(), vrrp_worker.get());
+  std::signal(SIGINT, on_sigint);
+  dispatcher->start();
+  vrrp_worker->set_vrrp_role_on_start();
+  api_cli_thread = std::thread([] { api_cli->run(); });
+  api_web->set_between_passes(let_sigint_in);
+  api_web->run();
+}
+
+void report(const std::exception& failure) {
+  const int code = errno;
+  static constexpr char kFunction[] = "main";
+  std::cerr << "wavelom: " << kFunction << ": " << failure.what();
+  if (code != 0) std::cerr << ", errno=" << code << ": " << std::strerror(code);
+  std::cerr << std::endl;
+  el::base::Writer record(el::Level::Error, __FILE__, __LINE__, kFunction);
+  record.construct(1, el::base::consts::kDefaultLoggerId) << failure.what();
+  if (code != 0) record << ", errno=" << code << ": " << std::strerror(code);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  change_sigint(SIG_BLOCK);
+  int status = 0;
+  try {
+    serve(argc > 1 ? argv[1] : kDefaultConfigFile);
+  } catch (const std::exception& failure) {
+    report(failure);
+    status = 1;
+  }
+  stop_api_cli();
+  return status;
+}

@@ -1,0 +1,149 @@
+#include "server/ApiCli.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "server/VrrpWorker.h"
+#include "server/lib/Config.h"
+#include "server/lib/RRM.h"
+#include "tests/server/CapturedProcessLog.h"
+#include "tests/support/HttpClient.h"
+
+namespace {
+
+using rrm::test::TcpClient;
+
+constexpr char kError[] = R"({"status":"error"})";
+constexpr char kGetGlobal[] = R"({"cfg":{"operation":"get","level":"global"}})";
+
+class TcpApi : public testing::Test {
+ protected:
+  TcpApi() {
+    thread_ = std::thread([this] { api_.run(); });
+  }
+  ~TcpApi() override { end(); }
+  void end() {
+    api_.stop();
+    if (thread_.joinable()) thread_.join();
+  }
+  /// One request and its reply.
+  static std::string ask(TcpClient& client, const std::string& request) {
+    std::string reply;
+    if (!client.send(request) || !client.receive(reply)) return "closed";
+    return reply;
+  }
+  bool has_debug(const std::string& text) const { return log_.has(el::Level::Debug, text); }
+
+  CapturedProcessLog log_;
+  rrm::GlobalConfig config_{"", R"({"global":{"cli_api_port":0}})"};
+  rrm::RRM rrm_{&config_};
+  VrrpWorker vrrp_{&rrm_, &config_};
+  ApiCli api_{&rrm_, &vrrp_};
+  std::thread thread_;
+};
+
+TEST_F(TcpApi, AnswersSeveralRequestsOnOneConnection) {
+  TcpClient client(api_.port());
+  EXPECT_EQ(ask(client, kGetGlobal).substr(0, 28), R"({"version":"2.1","enabled":1)");
+  EXPECT_EQ(ask(client, R"({"vrrp":{}})").find("\"role\":\"master\"") != std::string::npos, true);
+  EXPECT_TRUE(has_debug("REQUEST STR: " + std::string(kGetGlobal)));
+}
+
+TEST_F(TcpApi, EmptyCfgGetsAnError) {
+  TcpClient client(api_.port());
+  EXPECT_EQ(ask(client, R"({"cfg":{}})"), kError);
+}
+
+TEST_F(TcpApi, UnknownMembersGetAnErrorAndKeepTheConnectionOpen) {
+  TcpClient client(api_.port());
+  EXPECT_EQ(ask(client, R"({"foo":1})"), kError);
+  EXPECT_EQ(ask(client, R"({"foo":1})"), kError);
+}
+
+TEST_F(TcpApi, BrokenTextIsLoggedAsNullAndGetsAnError) {
+  TcpClient client(api_.port());
+  EXPECT_EQ(ask(client, "{"), kError);
+  EXPECT_TRUE(has_debug("REQUEST STR: null"));
+  EXPECT_EQ(ask(client, std::string("\0\xff\x80{}", 5)), kError);
+}
+
+TEST_F(TcpApi, RequestInTwoReadsIsTwoBrokenTexts) {
+  TcpClient client(api_.port());
+  EXPECT_EQ(ask(client, R"({"vrrp")"), kError);
+  EXPECT_EQ(ask(client, R"(:{}})"), kError);
+}
+
+TEST_F(TcpApi, RequestOfMoreThan4095BytesIsCut) {
+  TcpClient client(api_.port());
+  const std::string padding(5000, ' ');
+  ASSERT_TRUE(client.send(R"({"vrrp":{)" + padding + "}}"));
+  const std::string errors = std::string(kError) + kError;
+  EXPECT_EQ(client.receive_until(errors), errors);
+  const std::string just_fits = R"({"vrrp":{}})" + std::string(4095 - 11, ' ');
+  EXPECT_NE(ask(client, just_fits).find("success"), std::string::npos);
+}
+
+TEST_F(TcpApi, ExceptionOfACommandIsLoggedAndGetsAnError) {
+  TcpClient client(api_.port());
+  EXPECT_EQ(ask(client, R"({"rrm":{"domain":"d","report":1}})"), kError);
+  EXPECT_TRUE(log_.has(el::Level::Error, "process_rrm_cmd_get_report: Invalid argument 'cmd'."));
+}
+
+TEST_F(TcpApi, RoleIsSwitchedThroughTheVrrpWorker) {
+  TcpClient client(api_.port());
+  EXPECT_NE(ask(client, R"({"vrrp":{"role":"backup"}})").find(R"("status":"success")"),
+            std::string::npos);
+  EXPECT_EQ(rrm_.get_vrrp_role(), rrm::VrrpRole::Backup);
+}
+
+TEST_F(TcpApi, ClosedClientLeavesTheList) {
+  {
+    TcpClient first(api_.port());
+    TcpClient second(api_.port());
+    EXPECT_EQ(ask(first, R"({"foo":1})"), kError);
+    EXPECT_EQ(ask(second, R"({"foo":1})"), kError);
+    second.reset();
+    EXPECT_EQ(ask(first, R"({"foo":1})"), kError) << "another's end leaves it alone";
+  }
+  TcpClient last(api_.port());
+  EXPECT_EQ(ask(last, R"({"foo":1})"), kError);
+  // The ends came before the last request, and the loop serves what is ready one after another.
+  EXPECT_EQ(ask(last, R"({"foo":1})"), kError);
+  EXPECT_EQ(ask(last, R"({"foo":1})"), kError);
+  end();
+  EXPECT_EQ(api_.connection_count(), 1U);
+}
+
+TEST_F(TcpApi, ManyClientsAreServedAtOnce) {
+  std::vector<std::unique_ptr<TcpClient>> clients;
+  for (int i = 0; i < 100; ++i) clients.push_back(std::make_unique<TcpClient>(api_.port()));
+  for (const auto& client : clients) ASSERT_TRUE(client->send(R"({"foo":1})"));
+  for (const auto& client : clients) EXPECT_EQ(client->receive_until(kError), kError);
+}
+
+TEST_F(TcpApi, StopEndsTheLoopWithOpenConnections) {
+  TcpClient client(api_.port());
+  EXPECT_EQ(ask(client, R"({"foo":1})"), kError);
+  end();
+}
+
+TEST(TcpApiPort, BusyPortIsLoggedAndRunReturns) {
+  CapturedProcessLog log;
+  rrm::GlobalConfig config("", R"({"global":{"cli_api_port":0}})");
+  rrm::RRM rrm(&config);
+  VrrpWorker vrrp(&rrm, &config);
+  ApiCli first(&rrm, &vrrp);
+  config.cli_api_port = first.port();
+  ApiCli second(&rrm, &vrrp);
+  EXPECT_EQ(second.port(), 0);
+  second.run();
+  const auto records = log.records();
+  ASSERT_EQ(records.size(), 1U);
+  EXPECT_EQ(records[0].text, "bind: Address already in use");
+  EXPECT_EQ(records[0].function, "connect");
+}
+
+}  // namespace

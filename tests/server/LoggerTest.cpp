@@ -1,0 +1,265 @@
+#include "server/Logger.h"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <utime.h>
+
+#include <ctime>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "server/ProcessLog.h"
+#include "tests/server/CapturedProcessLog.h"
+#include "tests/support/TempFolder.h"
+
+namespace {
+
+using rrm::test::TempFolder;
+
+/// Polls a condition; what it waits for comes from another thread.
+bool comes_true(const std::function<bool()>& condition) {
+  for (int i = 0; i < 1000; ++i) {
+    if (condition()) return true;
+    ::poll(nullptr, 0, 5);
+  }
+  return false;
+}
+
+class Logger : public testing::Test {
+ protected:
+  LoggerSettings settings() const {
+    LoggerSettings settings;
+    settings.config_file = folder_.file("wavelom_logger.conf");
+    settings.log_folder = folder_.file("log/");
+    settings.log_file = folder_.file("log/wavelom.log");
+    settings.set_aside_pattern = folder_.file("log/%Y.%m.%d_%H.%M.%S.log");
+    return settings;
+  }
+  void configure(const std::string& lines) const {
+    folder_.write("wavelom_logger.conf", "* GLOBAL:\n TO_STANDARD_OUTPUT = false\n" + lines);
+  }
+  std::size_t set_aside_files() const {
+    std::size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(folder_.file("log")))
+      count += entry.path().filename() != "wavelom.log" ? 1 : 0;
+    return count;
+  }
+  std::string content_of_set_aside() const {
+    for (const auto& entry : std::filesystem::directory_iterator(folder_.file("log")))
+      if (entry.path().filename() != "wavelom.log")
+        return folder_.read("log/" + entry.path().filename().string());
+    return {};
+  }
+  static void write_kilobytes(int count) {
+    for (int i = 0; i < count; ++i) PROCESS_LOG(Info) << std::string(1000, 'x');
+  }
+
+  TempFolder folder_;
+  CapturedProcessLog log_;
+
+ private:
+  const bool created_ = std::filesystem::create_directory(folder_.file("log"));
+};
+
+TEST_F(Logger, WithoutAConfigurationFileStartsNoThreadAndRenamesNothing) {
+  testing::internal::CaptureStdout();
+  {
+    const RRM_Logger logger(settings());
+    EXPECT_FALSE(logger.has_threads());
+    EXPECT_FALSE(logger.has_rollout_thread());
+    EXPECT_TRUE(RRM_Logger::takes(rrm::LogLevel::Debug));
+  }
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "Logger cfg file does not exist. Using default logger settings.\n");
+  EXPECT_TRUE(std::filesystem::is_character_file("/dev/null"));
+  EXPECT_EQ(set_aside_files(), 0U);
+  EXPECT_FALSE(RRM_Logger::takes(rrm::LogLevel::Error));
+}
+
+TEST_F(Logger, FolderInPlaceOfTheConfigurationFileCountsAsMissing) {
+  std::filesystem::create_directory(folder_.file("wavelom_logger.conf"));
+  testing::internal::CaptureStdout();
+  { const RRM_Logger logger(settings()); }
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "Logger cfg file does not exist. Using default logger settings.\n");
+}
+
+TEST_F(Logger, AllLevelsDisabledIsSaidAndNothingStarts) {
+  configure(" ENABLED = false\n LOG_FILE_TIMEOUT = 1\n");
+  testing::internal::CaptureStdout();
+  {
+    const RRM_Logger logger(settings());
+    EXPECT_FALSE(logger.has_threads());
+    PROCESS_LOG(Error) << "nobody hears this";
+  }
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "All log levels disabled.\n");
+  EXPECT_TRUE(log_.records().empty());
+}
+
+TEST_F(Logger, EnabledMustBeExactlyTrue) {
+  configure(" ENABLED = TRUE\n");
+  testing::internal::CaptureStdout();
+  { const RRM_Logger logger(settings()); }
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "All log levels disabled.\n");
+}
+
+TEST_F(Logger, OneEnabledLevelIsEnough) {
+  configure(" ENABLED = false\n* ERROR:\n ENABLED = true\n");
+  const RRM_Logger logger(settings());
+  EXPECT_TRUE(logger.has_threads());
+  EXPECT_TRUE(RRM_Logger::takes(rrm::LogLevel::Error));
+  EXPECT_FALSE(RRM_Logger::takes(rrm::LogLevel::Debug));
+}
+
+TEST_F(Logger, LogsToItsOwnFileWhateverTheConfigurationNames) {
+  configure(" FILENAME = " + folder_.file("other.log") + "\n FORMAT = \"%level %func %msg\"\n");
+  {
+    const RRM_Logger logger(settings());
+    PROCESS_LOG(Warning) << "a " << 1;
+    EXPECT_EQ(folder_.read("log/wavelom.log").substr(0, 42),
+              "INFO RRM_Logger Start logging.\nWARNING Tes");
+  }
+  EXPECT_FALSE(folder_.has("other.log"));
+  EXPECT_FALSE(folder_.has("log/wavelom.log"));
+  EXPECT_EQ(set_aside_files(), 1U);
+  const std::string content = content_of_set_aside();
+  EXPECT_NE(content.find("WARNING TestBody a 1\n"), std::string::npos);
+  EXPECT_EQ(content.substr(content.size() - 32), "INFO ~RRM_Logger Shutting down.\n");
+}
+
+TEST_F(Logger, SizeLimitOf100IsRaisedTo8192) {
+  configure(" MAX_LOG_FILE_SIZE = 100\n");
+  testing::internal::CaptureStdout();
+  const RRM_Logger logger(settings());
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "Too few MAX_LOG_FILE_SIZE, increasing to 8192\n");
+  write_kilobytes(7);
+  EXPECT_EQ(set_aside_files(), 0U);
+  write_kilobytes(2);
+  EXPECT_EQ(set_aside_files(), 1U);
+}
+
+TEST_F(Logger, SizeLimitOfNoughtStaysUnlimited) {
+  configure(" MAX_LOG_FILE_SIZE = 0\n");
+  testing::internal::CaptureStdout();
+  const RRM_Logger logger(settings());
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  write_kilobytes(40);
+  EXPECT_EQ(set_aside_files(), 0U);
+  EXPECT_GT(std::filesystem::file_size(folder_.file("log/wavelom.log")), 40'000U);
+}
+
+TEST_F(Logger, TimeoutOfNoughtOrNoneStartsNoRolloverThread) {
+  configure("");
+  {
+    const RRM_Logger logger(settings());
+    EXPECT_TRUE(logger.has_threads());
+    EXPECT_FALSE(logger.has_rollout_thread());
+  }
+  configure(" LOG_FILE_TIMEOUT = 0\n");
+  {
+    const RRM_Logger logger(settings());
+    EXPECT_FALSE(logger.has_rollout_thread());
+  }
+}
+
+TEST_F(Logger, TimeoutSetsTheFileAsideOnceItsPeriodIsOver) {
+  configure(" LOG_FILE_TIMEOUT = 3\n FORMAT = \"%msg\"\n");
+  LoggerSettings quick = settings();
+  quick.rollout_tick = std::chrono::milliseconds(5);
+  quick.hour = std::chrono::milliseconds(20);
+  const RRM_Logger logger(quick);
+  EXPECT_TRUE(logger.has_rollout_thread());
+  EXPECT_TRUE(comes_true([&] { return set_aside_files() > 0; }));
+  EXPECT_TRUE(log_.has(el::Level::Info, "About to rollout log file!"));
+  EXPECT_NE(content_of_set_aside().find("Start logging.\n"), std::string::npos);
+}
+
+TEST_F(Logger, ForcedRolloverLeavesAnEmptyFileThatIsWrittenTo) {
+  configure(" FORMAT = \"%msg\"\n");
+  const RRM_Logger logger(settings());
+  PROCESS_LOG(Info) << "before";
+  force_rollover(*el::Loggers::getLogger("default"));
+  PROCESS_LOG(Info) << "after";
+  EXPECT_EQ(content_of_set_aside().substr(0, 22), "Start logging.\nbefore\n");
+  EXPECT_NE(folder_.read("log/wavelom.log").find("after\n"), std::string::npos);
+  EXPECT_EQ(folder_.read("log/wavelom.log").find("before\n"), std::string::npos);
+}
+
+TEST_F(Logger, VanishedFileIsReportedOnStandardOutput) {
+  configure("");
+  auto logger = std::make_unique<RRM_Logger>(settings());
+  std::filesystem::remove(folder_.file("log/wavelom.log"));
+  testing::internal::CaptureStdout();
+  logger.reset();
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "File '" + folder_.file("log/wavelom.log") + "' does not exist\n");
+}
+
+TEST_F(Logger, CleanerThreadTakesItsLimitsAndRunsOnceMoreAtTheEnd) {
+  configure(
+      " LCLEANER_MAX_FILES_COUNT = 500\n LCLEANER_MAX_FOLDER_SIZE = 1\n"
+      " LCLEANER_MAX_FILES_AGE = 1000\n");
+  folder_.write("log/ancient.log", "x");
+  const utimbuf long_ago{1000, 1000};
+  ASSERT_EQ(::utime(folder_.file("log/ancient.log").c_str(), &long_ago), 0);
+  {
+    const RRM_Logger logger(settings());
+    EXPECT_TRUE(comes_true([&] {
+      return log_.has(el::Level::Debug,
+                      "Logs_Cleaner params: max_files_count = 100 max_folder_size = 1048576 "
+                      "max_files_age = 720");
+    }));
+    EXPECT_TRUE(folder_.has("log/ancient.log")) << "its first run is a minute away";
+  }
+  EXPECT_FALSE(folder_.has("log/ancient.log"));
+}
+
+TEST_F(Logger, GarbageInTheConfigurationFileIsSurvived) {
+  for (const std::string garbage :
+       {"", "\n\n", "* GLOBAL:\nFORMAT = \"\\\"\n", "* NOSUCH:\nX = 1\n", "=\n*\n:\n*:\n",
+        "* GLOBAL:\nMAX_LOG_FILE_SIZE = abc\nTO_STANDARD_OUTPUT = false\n\"\"\"\\\"",
+        "* GLOBAL:\nTO_STANDARD_OUTPUT=false\nFORMAT = \"%datetime{%\"\n"}) {
+    folder_.write("wavelom_logger.conf", garbage + std::string("\0\xff\xfe", 3));
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    { const RRM_Logger logger(settings()); }
+    testing::internal::GetCapturedStdout();
+    testing::internal::GetCapturedStderr();
+  }
+}
+
+TEST_F(Logger, FolderThatCannotBeWrittenLeavesStandardOutput) {
+  folder_.write("wavelom_logger.conf", "* GLOBAL:\n FORMAT = \"%msg\"\n");
+  LoggerSettings nowhere = settings();
+  nowhere.log_folder = "/proc/nosuch/";
+  nowhere.log_file = "/proc/nosuch/wavelom.log";
+  testing::internal::CaptureStderr();
+  testing::internal::CaptureStdout();
+  {
+    const RRM_Logger logger(nowhere);
+    PROCESS_LOG(Error) << "still heard";
+  }
+  EXPECT_NE(testing::internal::GetCapturedStdout().find("still heard\n"), std::string::npos);
+  testing::internal::GetCapturedStderr();
+}
+
+TEST_F(Logger, OldLogIsMovedToTheNameOfItsOwnModificationTime) {
+  folder_.write("log/wavelom.log", "old");
+  const std::time_t time = 1'600'000'000;
+  const utimbuf times{time, time};
+  ASSERT_EQ(::utime(folder_.file("log/wavelom.log").c_str(), &times), 0);
+  set_old_log_aside(settings());
+  std::tm local{};
+  ASSERT_NE(::localtime_r(&time, &local), nullptr);
+  char name[64];
+  std::strftime(name, sizeof(name), "log/%Y.%m.%d_%H.%M.%S.log", &local);
+  EXPECT_EQ(folder_.read(name), "old");
+  EXPECT_FALSE(folder_.has("log/wavelom.log"));
+  set_old_log_aside(settings());
+  EXPECT_EQ(set_aside_files(), 1U) << "nothing to move";
+}
+
+}  // namespace
