@@ -43,7 +43,6 @@ bool BlacklistSubworker::process_message(const JsonReader& message, std::string_
 }
 
 // --- client states
-// --------------------------------------------------------------------------------
 
 void BlacklistSubworker::process_assoc_state_changed(const JsonReader& message,
                                                      const std::shared_ptr<ApEntry>& ap) {
@@ -112,7 +111,6 @@ bool BlacklistSubworker::held_elsewhere(const StateChange& change) const {
 }
 
 // --- blocks
-// ---------------------------------------------------------------------------------------
 
 void BlacklistSubworker::block_pass(const MacAddress& client, const ApEntry& ap,
                                     const std::string& ssid, std::int32_t radio_id, bool strong) {
@@ -139,7 +137,6 @@ void BlacklistSubworker::disconnect_pass(const MacAddress& client, Radio& radio,
 }
 
 // --- tick
-// -----------------------------------------------------------------------------------------
 
 void BlacklistSubworker::process_timer() {
   if (!worker().load_balancer_stop() && !worker().load_balancer_lock()) send_changes();

@@ -214,7 +214,6 @@ bool FbtDistribution::link_peers(const ApEntry& ap, const Radio& radio, Vap& vap
 }
 
 // --- message
-// --------------------------------------------------------------------------------------
 
 namespace {
 

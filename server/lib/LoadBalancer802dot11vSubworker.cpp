@@ -50,7 +50,6 @@ void LoadBalancer802dot11vSubworker::force_optimization() {
 }
 
 // --- reports of the access points
-// -----------------------------------------------------------------
 
 bool LoadBalancer802dot11vSubworker::process_message(const JsonReader& message,
                                                      std::string_view cmd,
@@ -154,7 +153,6 @@ void LoadBalancer802dot11vSubworker::process_client_roam(const JsonReader& messa
 }
 
 // --- lists
-// ----------------------------------------------------------------------------------------
 
 void LoadBalancer802dot11vSubworker::planning_update_802dot11v(bool restart) {
   if (!config().use_80211v) return;
@@ -222,7 +220,6 @@ void LoadBalancer802dot11vSubworker::add_neighbour_list(const ApEntry& ap, JsonW
 }
 
 // --- overload
-// -------------------------------------------------------------------------------------
 
 void LoadBalancer802dot11vSubworker::optimize_clients() {
   const DomainConfig& options = config();

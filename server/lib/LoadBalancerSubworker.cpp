@@ -53,7 +53,6 @@ bool LoadBalancerSubworker::process_message(const JsonReader& message, std::stri
 }
 
 // --- associations
-// ---------------------------------------------------------------------------------
 
 void LoadBalancerSubworker::process_client_assoc(const JsonReader& message,
                                                  const std::shared_ptr<ApEntry>& ap) {
@@ -135,7 +134,6 @@ void LoadBalancerSubworker::post_assoc_ack(const ApEntry& ap, std::int32_t radio
 }
 
 // --- questions
-// ------------------------------------------------------------------------------------
 
 void LoadBalancerSubworker::offer_client(const MacAddress& client,
                                          const std::shared_ptr<ApEntry>& ap, const Radio& radio,
@@ -197,7 +195,6 @@ bool LoadBalancerSubworker::ask(const MacAddress& client, const ApEntry& ap, Pro
 }
 
 // --- answers
-// --------------------------------------------------------------------------------------
 
 void LoadBalancerSubworker::process_probe_response(const JsonReader& message,
                                                    const std::shared_ptr<ApEntry>& ap) {

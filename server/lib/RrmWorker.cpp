@@ -29,7 +29,6 @@ constexpr std::int32_t kLoadBalancerPause_s = 60;
 }  // namespace
 
 // --- life
-// -----------------------------------------------------------------------------------------
 
 RrmWorker::RrmWorker(const GlobalConfig* config, const DomainConfig& domain_config, RRM* owner,
                      const std::string& name, std::size_t capacity, std::int32_t time_zone_s)
@@ -129,7 +128,6 @@ void RrmWorker::broadcast_buffer_add(std::string&& text, const SessionAddress& s
 void RrmWorker::broadcast_buffer_flush() { broadcast_buffer_.flush(*owner()); }
 
 // --- messages
-// -------------------------------------------------------------------------------------
 
 void RrmWorker::process_message(const JsonReader& document, const SessionAddress& session) {
   if (!is_valid_message(document)) {
@@ -259,7 +257,6 @@ void RrmWorker::drop_session(const SessionAddress& session) {
 }
 
 // --- timers
-// ---------------------------------------------------------------------------------------
 
 void RrmWorker::arm_domain_tick() {
   timers_.rearm([this] { process_timer_message(); }, kDomainTick,

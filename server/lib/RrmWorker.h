@@ -52,7 +52,6 @@ class RrmWorker : public Worker {
   ~RrmWorker() override;
 
   // --- worker
-  // -------------------------------------------------------------------------------------
 
   void process_message(const JsonReader& document, const SessionAddress& session) override;
   void on_loop() override;
@@ -64,7 +63,6 @@ class RrmWorker : public Worker {
   void get_status_full(JsonWriter& writer) override;
 
   // --- management, inside run_locked
-  // --------------------------------------------------------------
 
   /// Plans a round now, unless one is planned for now or running.
   bool force_optimization();
@@ -74,7 +72,6 @@ class RrmWorker : public Worker {
   void load_backup(const JsonReader& backup);
 
   // --- for the sub-workers
-  // ------------------------------------------------------------------------
 
   const GlobalConfig& global_config() const noexcept { return *config_; }
   const DomainConfig& domain_config() const noexcept { return domain_config_; }

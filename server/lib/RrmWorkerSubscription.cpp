@@ -22,7 +22,6 @@ constexpr std::int32_t kBadVersionOrFactory = 503;
 }  // namespace
 
 // --- answers
-// --------------------------------------------------------------------------------------
 
 void RrmWorker::send_subscribe_fail(const Message& message, std::int32_t code) {
   JsonWriter answer("rrm", "subscribe-response");
@@ -64,7 +63,6 @@ void RrmWorker::add_neighbour_list(const ApEntry& ap, JsonWriter& config, bool o
 }
 
 // --- subscription
-// ---------------------------------------------------------------------------------
 
 void RrmWorker::process_subscribe_request(const Message& message) {
   // The notice that the session has closed may have overtaken its subscription.
@@ -152,7 +150,6 @@ void RrmWorker::subscribe_new(const Message& message, ApDescription description)
 }
 
 // --- known access points
-// --------------------------------------------------------------------------
 
 void RrmWorker::process_exists_ap(const Message& message, const Ap& ap, bool force) {
   if (ap->session.id != message.session.id) throw std::out_of_range("invalid exist session");
@@ -243,7 +240,6 @@ void RrmWorker::process_config_changed(const Message& message) {
 }
 
 // --- MAC pools
-// ------------------------------------------------------------------------------------
 
 namespace {
 

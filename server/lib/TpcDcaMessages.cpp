@@ -57,7 +57,6 @@ std::string channel_text(const std::set<std::int32_t>& channels) {
 }  // namespace
 
 // --- from access points
-// ---------------------------------------------------------------------------
 
 bool TpcDcaSubworker::process_message(const JsonReader& message, std::string_view cmd,
                                       const std::shared_ptr<ApEntry>& ap) {
@@ -91,7 +90,6 @@ void TpcDcaSubworker::process_response(const JsonReader& message,
 }
 
 // --- to access points
-// -----------------------------------------------------------------------------
 
 void TpcDcaSubworker::post_request_mode() {
   RRM_LOG(Debug, "Post request mode");

@@ -54,7 +54,6 @@ void TpcDcaSubworker::stop() {
 }
 
 // --- state
-// ----------------------------------------------------------------------------------------
 
 void TpcDcaSubworker::set_state(PlannerState state) {
   state_ = state;
@@ -99,7 +98,6 @@ void TpcDcaSubworker::end_restore() {
 }
 
 // --- planning
-// -------------------------------------------------------------------------------------
 
 void TpcDcaSubworker::force_optimization() {
   if (restored_) {
@@ -202,7 +200,6 @@ void TpcDcaSubworker::process_timer() {
 }
 
 // --- a round
-// --------------------------------------------------------------------------------------
 
 void TpcDcaSubworker::process_timer_request_modes() {
   RRM_LOG(Debug, "Send rrm-request-mode messages on domain %s", domain_name());
@@ -375,7 +372,6 @@ void TpcDcaSubworker::save_report(const OptimisationResult& result) {
 }
 
 // --- 802.11k and 802.11r
-// --------------------------------------------------------------------------
 
 void TpcDcaSubworker::update_802dot11k() {
   RRM_LOG(Debug, "Update  domain %s", domain_name());

@@ -1,6 +1,7 @@
 #include "server/lib/RrmWorker.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -45,7 +46,6 @@ std::string only(const std::vector<RecordingRrm::Sent>& sent) {
 }
 
 // --- subscription
-// ---------------------------------------------------------------------------------
 
 TEST(RrmWorkerSubscription, AnswersANewAccessPointWithItsSettings) {
   Engine engine;
@@ -176,7 +176,6 @@ TEST(RrmWorkerSubscription, FindsAnAccessPointByAnyOfItsMacs) {
 }
 
 // --- MAC parameters
-// -------------------------------------------------------------------------------
 
 struct MacCase {
   const char* name;
@@ -248,7 +247,6 @@ TEST(RrmWorkerMacParameters, KeepBeingCheckedAfterAViolation) {
 }
 
 // --- envelope
-// -------------------------------------------------------------------------------------
 
 TEST(RrmWorkerMessages, ThatAreInvalidAreReportedAndDropped) {
   Engine engine;
@@ -294,7 +292,6 @@ TEST(RrmWorkerMessages, WhoseHandlerThrowsAreLoggedAndTheWorkerGoesOn) {
 }
 
 // --- leaving
-// --------------------------------------------------------------------------------------
 
 TEST(RrmWorkerUnsubscription, FromItsSessionErasesTheAccessPointAndItsIndex) {
   Engine engine;
@@ -392,7 +389,6 @@ TEST(RrmWorkerSubscription, OfAnUnansweredAccessPointLeavesItParked) {
 }
 
 // --- changed settings
-// -----------------------------------------------------------------------------
 
 std::string info(const std::string& mac, const std::string& radios) {
   return "{\"service\":\"rrm\",\"version\":\"2.4\",\"cmd\":\"rrm-info\",\"ap-mac\":\"" + mac +
@@ -482,7 +478,6 @@ TEST(RrmWorkerConfigChanged, LogsWhatItMeansForRoamingLists) {
 }
 
 // --- ageing
-// ---------------------------------------------------------------------------------------
 
 TEST(RrmWorkerTick, ErasesAccessPointsThatStayAwayAndEndsTheDomain) {
   Engine engine;
@@ -546,7 +541,6 @@ TEST(RrmWorkerLoadBalancerPause, LastsSixTicksOfTenSeconds) {
 }
 
 // --- outgoing
-// -------------------------------------------------------------------------------------
 
 TEST(RrmWorkerBroadcastBuffer, KeepsTheOrderUntilItIsFlushed) {
   Engine engine;
@@ -572,8 +566,58 @@ TEST(RrmWorkerSessions, AreThoseOfAllAccessPointsThatHaveOne) {
   EXPECT_EQ(sessions[0].mac.lower().str(), ap_mac(1));
 }
 
+// --- its thread
+
+/// Polls until the condition holds, for at most ten seconds.
+template <class Condition>
+bool eventually(Condition condition) {
+  for (int i = 0; i < 10000; ++i) {
+    if (condition()) return true;
+    ::usleep(1000);
+  }
+  return false;
+}
+
+TEST(RrmWorkerThread, LeadsARoundWhileOthersLookOn) {
+  DomainConfig config;
+  config.use_rrm_report = false;
+  config.use_80211v = true;
+  config.planning_delay = 1;
+  config.scan_wait = 1;
+  Engine engine(config);
+  const auto worker = engine.shared_worker();
+  const auto enqueue = [&](const std::string& cmd, const std::string& members) {
+    worker->enqueue_message(
+        JsonReader(("{\"service\":\"rrm\",\"cmd\":\"" + cmd +
+                    "\",\"version\":\"2.4\",\"ap-mac\":\"" + ap_mac(1) + "\"," + members + "}")
+                       .c_str()),
+        Engine::address(7));
+  };
+  const auto state = [&] { return worker->run_locked([&] { return engine.state(); }); };
+  const std::string radios = "\"radios\":" + radios_text({RadioSpec{.vaps = {{.r = true}}}});
+  worker->start();
+  enqueue("subscribe-request",
+          R"("factory":{"board":"b","hw":"h","serial":"s","mac":"m"},)" + radios);
+  ASSERT_TRUE(eventually([&] { return state() == 4; }));
+  engine.clock().advance(1);
+  ASSERT_TRUE(eventually([&] { return state() == 2; }));
+  engine.clock().advance(1);
+  ASSERT_TRUE(eventually([&] { return state() == 3; }));
+  EXPECT_FALSE(worker->run_locked([&] { return worker->force_optimization(); }));
+  enqueue("rrm-response", radios);
+  ASSERT_TRUE(eventually([&] {
+    engine.clock().advance(1);
+    return engine.log().has(LogLevel::Debug, "Optimization on domain site finished");
+  }));
+  JsonWriter status;
+  worker->run_locked([&] { worker->get_status(status); });
+  EXPECT_NE(status.str().find("\"ap-count\":1"), std::string::npos);
+  worker->stop();
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Stop worker site"));
+  EXPECT_GE(engine.rrm().take("rrm-info").size(), 1u);
+}
+
 // --- hostile input
-// --------------------------------------------------------------------------------
 
 TEST(RrmWorkerHostileInput, OfEveryKindInEveryFieldLeavesTheWorkerWhole) {
   const Texts values = {"null",  "true", "-1", "99999999999999999999", "1.5e300",    "\"\"",

@@ -66,7 +66,6 @@ std::vector<std::string> statuses(const CapturedLog& log) {
 }
 
 // --- a whole round
-// --------------------------------------------------------------------------------
 
 TEST(TpcDcaRound, LeadsThreeAccessPointsFromSubscriptionToTheirPlan) {
   Engine engine(round_config());
@@ -162,7 +161,6 @@ TEST(TpcDcaRound, LeadsThreeAccessPointsFromSubscriptionToTheirPlan) {
 }
 
 // --- planning
-// -------------------------------------------------------------------------------------
 
 TEST(TpcDcaPlanning, NeverStartsARoundWithoutTimeAndEventUnlessTheApiForcesIt) {
   Engine engine(Engine::quiet_config());
@@ -323,7 +321,6 @@ TEST(TpcDcaPlanning, CountsForBalancingOnlyWhileNotAllAccessPointsAreNeighbours)
 }
 
 // --- measuring
-// ------------------------------------------------------------------------------------
 
 TEST(TpcDcaScan, IsRequested15SecondsAfterTheLastModeAnswer) {
   Engine engine(round_config());
@@ -533,7 +530,6 @@ TEST(TpcDcaScan, SeesReturningAccessPointsOnlyInAFlaggedState) {
 }
 
 // --- results
-// --------------------------------------------------------------------------------------
 
 /// The plan: channel 44 and 9 dBm for every radio.
 OptimisationResult plan_44(ApMap& snapshot, const DomainConfig&, const OptimisationSwitches&,

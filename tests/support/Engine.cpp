@@ -20,17 +20,18 @@ constexpr std::int64_t kDay_us = 86'400'000'000;
 
 std::atomic<std::int64_t> monotonic_s{0};
 std::atomic<std::int64_t> wall_us{0};
+std::atomic<std::int64_t> wall_step_us{0};
 
 }  // namespace
 
 // --- clock
-// ----------------------------------------------------------------------------------------
 
 StoppedClock::StoppedClock() {
   monotonic_s = kFirstMonotonic_s;
   wall_us = kFirstWall_us;
+  wall_step_us = 0;
   set_clock_sources([]() -> std::int64_t { return monotonic_s; },
-                    []() -> std::int64_t { return wall_us; });
+                    []() -> std::int64_t { return wall_us += wall_step_us; });
 }
 
 StoppedClock::~StoppedClock() { set_clock_sources(nullptr, nullptr); }
@@ -44,28 +45,41 @@ void StoppedClock::set_time_of_day(std::int64_t seconds) {
   wall_us = wall_us - wall_us % kDay_us + seconds * 1'000'000;
 }
 
+void StoppedClock::set_wall_step_us(std::int64_t microseconds) { wall_step_us = microseconds; }
+
 void StoppedClock::advance_wall_us(std::int64_t microseconds) { wall_us += microseconds; }
 
 // --- dispatcher
-// -----------------------------------------------------------------------------------
 
 void RecordingRrm::send_text(const char* text, const SessionAddress& address) {
+  const std::lock_guard lock(mutex_);
   sent_.push_back({address.id, text});
 }
 
 void RecordingRrm::send_serialized(std::string&& text, const SessionAddress& address) {
+  const std::lock_guard lock(mutex_);
   sent_.push_back({address.id, std::move(text)});
 }
 
 bool RecordingRrm::is_session_alive(const SessionAddress& address) const {
+  const std::lock_guard lock(mutex_);
   return std::find(closed_.begin(), closed_.end(), address.id) == closed_.end();
 }
 
 void RecordingRrm::drop_session_at_websock_worker(const SessionAddress& address, bool force) {
+  const std::lock_guard lock(mutex_);
   drops_.push_back({address.id, force});
 }
 
-std::vector<RecordingRrm::Sent> RecordingRrm::take() { return std::exchange(sent_, {}); }
+void RecordingRrm::close(std::uint32_t session) {
+  const std::lock_guard lock(mutex_);
+  closed_.push_back(session);
+}
+
+std::vector<RecordingRrm::Sent> RecordingRrm::take() {
+  const std::lock_guard lock(mutex_);
+  return std::exchange(sent_, {});
+}
 
 std::vector<std::string> RecordingRrm::take(const std::string& cmd) {
   std::vector<std::string> texts;
@@ -75,10 +89,12 @@ std::vector<std::string> RecordingRrm::take(const std::string& cmd) {
   return texts;
 }
 
-std::vector<RecordingRrm::Drop> RecordingRrm::take_drops() { return std::exchange(drops_, {}); }
+std::vector<RecordingRrm::Drop> RecordingRrm::take_drops() {
+  const std::lock_guard lock(mutex_);
+  return std::exchange(drops_, {});
+}
 
 // --- descriptions
-// ---------------------------------------------------------------------------------
 
 std::string RadioSpec::text() const {
   std::string text =
@@ -119,7 +135,6 @@ std::string client_mac(int n) {
 }
 
 // --- engine
-// ---------------------------------------------------------------------------------------
 
 DomainConfig Engine::quiet_config() {
   DomainConfig config;

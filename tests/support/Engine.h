@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -28,9 +29,11 @@ class StoppedClock {
   void advance(std::int64_t seconds);
   void set_time_of_day(std::int64_t seconds);
   void advance_wall_us(std::int64_t microseconds);
+  /// From now on every look at the time of day takes so long.
+  void set_wall_step_us(std::int64_t microseconds);
 };
 
-/// A dispatcher that keeps what it is asked to send.
+/// A dispatcher that keeps what it is asked to send; may be called from any thread.
 class RecordingRrm : public RRM {
  public:
   struct Sent {
@@ -56,9 +59,11 @@ class RecordingRrm : public RRM {
   /// The same, only the messages with this "cmd", as texts.
   std::vector<std::string> take(const std::string& cmd);
   std::vector<Drop> take_drops();
-  void close(std::uint32_t session) { closed_.push_back(session); }
+  /// From now on the session counts as closed.
+  void close(std::uint32_t session);
 
  private:
+  mutable std::mutex mutex_;
   std::vector<Sent> sent_;
   std::vector<Drop> drops_;
   std::vector<std::uint32_t> closed_;
@@ -109,6 +114,7 @@ class Engine {
 
   RrmWorker& worker() { return *worker_; }
   RecordingRrm& rrm() { return rrm_; }
+  std::shared_ptr<RrmWorker> shared_worker() { return worker_; }
   CapturedLog& log() { return log_; }
   StoppedClock& clock() { return clock_; }
   GlobalConfig& global() { return global_; }
