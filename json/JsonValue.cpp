@@ -106,7 +106,7 @@ JsonValue JsonValue::copy() const {
       result = object();
       JsonObject& body = result.as_object();
       body.reserve(as_object().size());
-      for (const JsonMember& member : as_object()) body.set(member.key(), member.value.copy());
+      for (const JsonMember& member : as_object()) body.add(member.key(), member.value.copy());
       break;
     }
     default:
@@ -214,29 +214,51 @@ const JsonMember* JsonObject::find_member(std::string_view key) const {
 
 JsonValue& JsonObject::set(std::string_view key, JsonValue&& value) {
   if (JsonValue* const found = find(key)) return *found = static_cast<JsonValue&&>(value);
+  return add(key, static_cast<JsonValue&&>(value));
+}
+
+JsonValue& JsonObject::add(std::string_view key, JsonValue&& value) {
   JsonValue name(key, arena_of(members_.resource()));
   JsonValue moved(static_cast<JsonValue&&>(value));  // may lie in this very object
   members_.append();
   JsonMember& member = *(end() - 1);
   member.name = static_cast<JsonValue&&>(name);
   member.value = static_cast<JsonValue&&>(moved);
-  if (index_ != nullptr)
-    index_->insert(begin(), static_cast<std::uint32_t>(size() - 1));
-  else if (size() > kMaxLinear)
-    index();
+  extend_index();
   return member.value;
+}
+
+/// Takes the newest member into the index; builds it for the first member beyond kMaxLinear.
+void JsonObject::extend_index() {
+  if (size() <= kMaxLinear) return;
+  try {
+    if (index_ == nullptr)
+      index();
+    else
+      index_->insert(begin(), static_cast<std::uint32_t>(size() - 1));
+  } catch (...) {  // no memory: as if the member had never come
+    drop_index();
+    members_.truncate(size() - 1);
+    throw;
+  }
 }
 
 KeyIndex& JsonObject::index() const {
   if (index_ == nullptr) {
     std::pmr::memory_resource* const resource = members_.resource();
-    index_ = ::new (resource->allocate(sizeof(KeyIndex), alignof(KeyIndex))) KeyIndex(resource);
-    index_->rebuild(begin(), size());
+    void* const memory = resource->allocate(sizeof(KeyIndex), alignof(KeyIndex));
+    index_ = ::new (memory) KeyIndex(resource);
+    try {
+      index_->rebuild(begin(), size());
+    } catch (...) {
+      drop_index();
+      throw;
+    }
   }
   return *index_;
 }
 
-void JsonObject::drop_index() noexcept {
+void JsonObject::drop_index() const noexcept {
   if (index_ == nullptr) return;
   index_->~KeyIndex();
   members_.resource()->deallocate(index_, sizeof(KeyIndex), alignof(KeyIndex));
@@ -272,11 +294,13 @@ void JsonObject::settle_small() {
 void JsonObject::settle_large() {
   KeyIndex& keys = index();
   if (keys.size() == size()) return;
-  // Moving members while the index is asked would show it moved-from keys: decide first.
-  std::pmr::vector<bool> keep(size(), false);
-  for (std::size_t position = 0; position < size(); ++position)
-    keep[position] = keys.find(begin(), begin()[position].key()) == position;
-  filter([&keep](std::size_t position) { return keep[position]; });
+  // Dropped members are marked by a null name first: no entry of the index points at them, but
+  // moving members while the index is asked would show it keys that have moved away.
+  for (std::size_t position = 0; position < size(); ++position) {
+    JsonValue& name = begin()[position].name;
+    if (keys.find(begin(), name.as_string()) != position) name = JsonValue();
+  }
+  filter([this](std::size_t position) { return !begin()[position].name.is_null(); });
   keys.rebuild(begin(), size());
 }
 

@@ -244,7 +244,10 @@ class JsonObject {
 
  private:
   friend class JsonParser;
+  friend class JsonValue;
 
+  /// Adds a member whose key is known to be new.
+  JsonValue& add(std::string_view key, JsonValue&& value);
   /// Appends a member without looking for its key; the index is left behind.
   JsonMember& append() { return members_.append(); }
   /// After append() was used: of members with equal keys only the last stays, at its own position;
@@ -257,7 +260,8 @@ class JsonObject {
   void filter(Keep keep);
   const JsonMember* find_member(std::string_view key) const;
   KeyIndex& index() const;
-  void drop_index() noexcept;
+  void drop_index() const noexcept;
+  void extend_index();
 
   BodyVector<JsonMember> members_;
   mutable KeyIndex* index_ = nullptr;  ///< allocated from the members' resource

@@ -11,6 +11,7 @@ namespace {
 
 constexpr std::uint64_t kP0 = 0xa0761d6478bd642f;
 constexpr std::uint64_t kP1 = 0xe7037ed1a0b428db;
+constexpr std::size_t kFewestBuckets = 32;  // an index is made for 16 members and more
 
 template <typename Word>
 std::uint64_t read(const char* bytes) noexcept {
@@ -75,12 +76,14 @@ void KeyIndex::allocate(std::size_t bucket_count) {
 }
 
 void KeyIndex::rebuild(const JsonMember* members, std::size_t count) {
-  const std::size_t wanted = std::bit_ceil(std::max<std::size_t>(count, 32));
+  const std::size_t wanted = std::bit_ceil(std::max<std::size_t>(count, kFewestBuckets));
   if (wanted > bucket_count_) allocate(wanted);
+  if (sorted_) return rebuild_sorted(members, count);
   std::fill_n(buckets_, bucket_count_, kNone);
   size_ = 0;
-  for (std::size_t position = 0; position < count; ++position)
+  for (std::size_t position = 0; position < count && !sorted_; ++position)
     insert(members, static_cast<std::uint32_t>(position));
+  if (sorted_) rebuild_sorted(members, count);
 }
 
 std::uint32_t& KeyIndex::bucket_of(std::string_view key) const noexcept {
@@ -89,13 +92,16 @@ std::uint32_t& KeyIndex::bucket_of(std::string_view key) const noexcept {
 
 void KeyIndex::insert(const JsonMember* members, std::uint32_t position) {
   if (size_ == bucket_count_) return rebuild(members, position + std::size_t{1});
+  if (sorted_) return insert_sorted(members, position);
   const std::string_view key = members[position].key();
   std::uint32_t& bucket = bucket_of(key);
-  for (std::uint32_t entry = bucket; entry != kNone; entry = entries_[entry].next) {
+  int chain = 0;
+  for (std::uint32_t entry = bucket; entry != kNone; entry = entries_[entry].next, ++chain) {
     if (members[entries_[entry].position].key() != key) continue;
     entries_[entry].position = position;
     return;
   }
+  if (chain >= kLongestChain) return rebuild_sorted(members, position + std::size_t{1});
   const auto entry = static_cast<std::uint32_t>(size_++);
   entries_[entry] = {position, bucket};
   bucket = entry;
@@ -103,9 +109,46 @@ void KeyIndex::insert(const JsonMember* members, std::uint32_t position) {
 
 std::uint32_t KeyIndex::find(const JsonMember* members, std::string_view key) const noexcept {
   if (size_ == 0) return kNone;
+  if (sorted_) {
+    const Entry* const entry = lower_bound(members, key);
+    const bool found = entry != entries_ + size_ && members[entry->position].key() == key;
+    return found ? entry->position : kNone;
+  }
   for (std::uint32_t entry = bucket_of(key); entry != kNone; entry = entries_[entry].next)
     if (members[entries_[entry].position].key() == key) return entries_[entry].position;
   return kNone;
+}
+
+void KeyIndex::rebuild_sorted(const JsonMember* members, std::size_t count) {
+  sorted_ = true;
+  for (std::size_t i = 0; i < count; ++i) entries_[i] = {static_cast<std::uint32_t>(i), kNone};
+  // Of equal keys the later member comes first and is the one that stays.
+  std::sort(entries_, entries_ + count, [members](Entry left, Entry right) {
+    const int order = members[left.position].key().compare(members[right.position].key());
+    return order != 0 ? order < 0 : left.position > right.position;
+  });
+  Entry* const end = std::unique(entries_, entries_ + count, [members](Entry left, Entry right) {
+    return members[left.position].key() == members[right.position].key();
+  });
+  size_ = static_cast<std::size_t>(end - entries_);
+}
+
+void KeyIndex::insert_sorted(const JsonMember* members, std::uint32_t position) {
+  const std::string_view key = members[position].key();
+  Entry* const place = lower_bound(members, key);
+  if (place == entries_ + size_ || members[place->position].key() != key) {
+    std::copy_backward(place, entries_ + size_, entries_ + size_ + 1);
+    ++size_;
+  }
+  *place = {position, kNone};
+}
+
+KeyIndex::Entry* KeyIndex::lower_bound(const JsonMember* members,
+                                       std::string_view key) const noexcept {
+  return std::lower_bound(entries_, entries_ + size_, key,
+                          [members](Entry entry, std::string_view wanted) {
+                            return members[entry.position].key() < wanted;
+                          });
 }
 
 }  // namespace yajson

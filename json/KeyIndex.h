@@ -44,15 +44,23 @@ class KeyIndex {
     std::uint32_t next;  ///< entry of the same bucket, or kNone
   };
 
+  /// Chains longer than this do not come by chance.
+  static constexpr int kLongestChain = 64;
+
   void allocate(std::size_t bucket_count);
   void release() noexcept;
   std::uint32_t& bucket_of(std::string_view key) const noexcept;
+  void rebuild_sorted(const JsonMember* members, std::size_t count);
+  void insert_sorted(const JsonMember* members, std::uint32_t position);
+  /// The first sorted entry whose key is not less.
+  Entry* lower_bound(const JsonMember* members, std::string_view key) const noexcept;
 
   std::pmr::memory_resource* resource_;
   std::uint32_t* buckets_ = nullptr;  ///< first entry of each bucket, or kNone
   Entry* entries_ = nullptr;          ///< room for bucket_count_ entries, behind the buckets
   std::size_t bucket_count_ = 0;      ///< a power of two
   std::size_t size_ = 0;
+  bool sorted_ = false;  ///< entries ascend by key and the buckets are not used
 };
 
 }  // namespace yajson

@@ -152,6 +152,16 @@ TEST(World, RefusesAChannelOutsideTheBand) {
   EXPECT_EQ(world.ap(0).radios[0].channel, channel);
 }
 
+TEST(World, KnowsTheOwnerOfEveryAddressOfItsPools) {
+  const World world(two_aps(10));
+  const std::optional<std::pair<std::uint32_t, int>> second_of_1{{1, 1}};
+  const MacAddress bssid = world.ap(1).radios[1].vaps[0].bssid;
+  EXPECT_EQ(world.owner_of(bssid), second_of_1);
+  EXPECT_EQ(world.owner_of(bssid.twin()), second_of_1) << "with the local bit changed";
+  EXPECT_FALSE(world.owner_of(MacAddress::from_text("02:57:4c:00:00:80"))) << "no third one";
+  EXPECT_FALSE(world.owner_of(MacAddress{}));
+}
+
 TEST(World, HasNoRadioForAForeignId) {
   World world(two_aps(10));
   EXPECT_FALSE(world.set_radio(0, 9, 1, Primary::None, 10));

@@ -4,6 +4,8 @@
 
 #include "server/lib/JsonReader.h"
 #include "tools/fleet/ApMessages.h"
+#include "tools/fleet/ApSteering.h"
+#include "tools/fleet/Crowd.h"
 #include "tools/fleet/Random.h"
 
 namespace rrm::fleet {
@@ -15,6 +17,14 @@ constexpr std::size_t kArenaHint = 8192;
 enum Share : std::uint64_t { kAnswer = 1, kScan, kBackOff };
 
 }  // namespace
+
+ApAgent::ApAgent(World& world, std::uint32_t index, const AgentTiming& timing, Crowd* crowd)
+    : world_(&world), timing_(&timing), index_(index), crowd_(crowd) {
+  if (crowd != nullptr) steering_ = std::make_unique<ApSteering>(world, *crowd, index);
+}
+
+ApAgent::~ApAgent() = default;
+ApAgent::ApAgent(ApAgent&&) noexcept = default;
 
 double ApAgent::own_share(std::uint64_t what) const noexcept {
   return unit(hash({world_->scenario().seed, 0xa9e27, index_, what}));
@@ -32,7 +42,7 @@ std::optional<Millis> ApAgent::deadline() const noexcept {
 
 void ApAgent::on_open(Millis now, AgentOutput& out) {
   state_ = State::Subscribing;
-  out.messages.push_back(subscribe_request(*world_, index_));
+  out.messages.push_back(subscribe_request(*world_, index_, crowd_));
   arm(Due::SubscribeLimit, now + timing_->subscribe_limit);
 }
 
@@ -61,6 +71,7 @@ void ApAgent::on_text(Millis now, std::string_view text, AgentOutput& out) {
   if (cmd == "rrm-update") return take_update(now, message, out);
   if (cmd == "rrm-info") return take_info(message, out);
   if (cmd == "fbt-info") return take_keys(message, out);
+  if (steering_ && state_ == State::Subscribed) steering_->take(now, cmd, message, out);
 }
 
 void ApAgent::take_subscribe_response(const JsonReader& message, AgentOutput& out) {
@@ -110,6 +121,9 @@ void ApAgent::take_keys(const JsonReader& message, AgentOutput& out) {
 void ApAgent::take_config(const JsonReader& message, AgentOutput& out) {
   const ConfigPlan plan = read_config(message);
   if (plan.neighbours) neighbours_ = *plan.neighbours;
+  if (plan.neighbours && steering_) {
+    steering_->take_neighbours(message.child("config").child("802dot11k"));
+  }
   for (const RadioPlan& radio : plan.radios) {
     const RadioUnit* unit = world_->ap(index_).radio(radio.id);
     if (unit == nullptr) continue;
@@ -121,6 +135,11 @@ void ApAgent::take_config(const JsonReader& message, AgentOutput& out) {
     }
     if (before.power_dbm != unit->power_dbm) out.events.push_back(ApEvent::PowerChanged);
   }
+}
+
+void ApAgent::on_client(const ClientEvent& event, AgentOutput& out) const {
+  if (steering_ && state_ == State::Subscribed)
+    out.messages.push_back(steering_->event_message(event));
 }
 
 void ApAgent::on_deadline(Millis now, AgentOutput& out) {

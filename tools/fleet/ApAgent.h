@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -48,6 +49,10 @@ struct AgentOutput {
   bool close = false;  ///< give the connection up
 };
 
+class ApSteering;
+class Crowd;
+struct ClientEvent;
+
 /// One simulated access point: the protocol as a state machine without sockets or clocks.
 ///
 ///   Offline --open--> Subscribing --"subscribe-response"--> Subscribed --close--> Offline
@@ -59,8 +64,11 @@ class ApAgent {
  public:
   enum class State { Offline, Subscribing, Subscribed };
 
-  ApAgent(World& world, std::uint32_t index, const AgentTiming& timing) noexcept
-      : world_(&world), timing_(&timing), index_(index) {}
+  /// With a crowd it serves clients and steers them as it is told.
+  ApAgent(World& world, std::uint32_t index, const AgentTiming& timing, Crowd* crowd = nullptr);
+  ~ApAgent();
+  ApAgent(ApAgent&&) noexcept;
+  ApAgent& operator=(ApAgent&&) = delete;
 
   State state() const noexcept { return state_; }
   std::uint32_t index() const noexcept { return index_; }
@@ -75,6 +83,8 @@ class ApAgent {
   /// When the next on_deadline is due; absent when nothing is.
   std::optional<Millis> deadline() const noexcept;
   void on_deadline(Millis now, AgentOutput& out);
+  /// Something happened to one of its clients; said only while subscribed.
+  void on_client(const ClientEvent& event, AgentOutput& out) const;
   /// The connection failed or closed. Returns how long to wait before the next attempt.
   Millis on_closed();
 
@@ -102,6 +112,8 @@ class ApAgent {
   std::size_t neighbours_ = 0;
   std::size_t fbt_links_ = 0;
   std::optional<ChannelFilter> filter_;  ///< of the scan under way
+  Crowd* crowd_;
+  std::unique_ptr<ApSteering> steering_;  ///< null without a crowd
 };
 
 }  // namespace rrm::fleet

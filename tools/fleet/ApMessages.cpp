@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-#include "server/lib/JsonWriter.h"
+#include "tools/fleet/ApSteering.h"
 
 namespace rrm::fleet {
 namespace {
@@ -37,8 +37,11 @@ void write_antenna(JsonWriter& radio, const Hardware& hardware) {
   antenna.add("cable-loss", hardware.cable_loss_db);
 }
 
-void write_radio(JsonWriter& radios, const AccessPoint& ap, const RadioUnit& radio,
-                 bool with_vaps) {
+/// How much of a radio a message tells.
+enum class Depth { Settings, Everything };
+
+void write_radio(JsonWriter& radios, const AccessPoint& ap, const RadioUnit& radio, Depth depth,
+                 const Crowd* crowd) {
   JsonWriter object = JsonWriter::object(radios);
   object.add("id", radio.id);
   object.add("status", 1);
@@ -57,23 +60,16 @@ void write_radio(JsonWriter& radios, const AccessPoint& ap, const RadioUnit& rad
   object.add("locked-for-balancer", 0);
   object.add("locked-for-80211v", 0);
   write_antenna(object, *ap.hardware);
-  if (!with_vaps) return;
+  if (depth == Depth::Settings) return;
   JsonWriter vaps = JsonWriter::array(object, "vaps");
   for (const Vap& vap : radio.vaps) write_vap(vaps, vap);
+  if (crowd != nullptr) ApSteering::write_clients(*crowd, {ap.index, radio.id}, object);
 }
 
-/// The envelope of this access point's messages.
-class Message : public JsonWriter {
- public:
-  Message(const World& world, const AccessPoint& ap, const char* cmd) : JsonWriter("rrm", cmd) {
-    add("domain", world.site_of(ap).domain);
-    add("ap-mac", ap.mac.upper().c_str());
-  }
-};
-
-void write_radios(JsonWriter& message, const AccessPoint& ap, bool with_vaps) {
+void write_radios(JsonWriter& message, const AccessPoint& ap, Depth depth,
+                  const Crowd* crowd = nullptr) {
   JsonWriter radios = JsonWriter::array(message, "radios");
-  for (const RadioUnit& radio : ap.radios) write_radio(radios, ap, radio, with_vaps);
+  for (const RadioUnit& radio : ap.radios) write_radio(radios, ap, radio, depth, crowd);
 }
 
 void write_scan(JsonWriter& scans, const std::vector<Heard>& heard) {
@@ -112,7 +108,13 @@ std::size_t count_neighbours(const JsonReader& list) {
 
 }  // namespace
 
-std::string subscribe_request(const World& world, std::uint32_t index) {
+Message::Message(const World& world, const AccessPoint& ap, const char* cmd)
+    : JsonWriter("rrm", cmd) {
+  add("domain", world.site_of(ap).domain);
+  add("ap-mac", ap.mac.upper().c_str());
+}
+
+std::string subscribe_request(const World& world, std::uint32_t index, const Crowd* crowd) {
   const AccessPoint& ap = world.ap(index);
   Message message(world, ap, "subscribe-request");
   {
@@ -124,20 +126,20 @@ std::string subscribe_request(const World& world, std::uint32_t index) {
   }
   message.add("ap-mac-count", kMacsPerAp);
   message.add("use-wildcard-80211r", 0);
-  write_radios(message, ap, true);
+  write_radios(message, ap, Depth::Everything, crowd);
   return message.str();
 }
 
 std::string mode_response(const World& world, std::uint32_t ap) {
   Message message(world, world.ap(ap), "rrm-mode-response");
-  write_radios(message, world.ap(ap), false);
+  write_radios(message, world.ap(ap), Depth::Settings);
   return message.str();
 }
 
 std::string scan_response(const World& world, std::uint32_t ap, std::uint32_t round,
                           const std::optional<ChannelFilter>& filter) {
   Message message(world, world.ap(ap), "rrm-response");
-  write_radios(message, world.ap(ap), false);
+  write_radios(message, world.ap(ap), Depth::Settings);
   JsonWriter scans = JsonWriter::array(message, "rf-environment");
   for (int scan = 0; scan < world.scenario().scans; ++scan) {
     write_scan(scans, world.scan(ap, round, static_cast<std::uint32_t>(scan), filter));
@@ -145,9 +147,9 @@ std::string scan_response(const World& world, std::uint32_t ap, std::uint32_t ro
   return message.str();
 }
 
-std::string config_changed(const World& world, std::uint32_t ap) {
+std::string config_changed(const World& world, std::uint32_t ap, const Crowd* crowd) {
   Message message(world, world.ap(ap), "rrm-config-changed");
-  write_radios(message, world.ap(ap), true);
+  write_radios(message, world.ap(ap), Depth::Everything, crowd);
   return message.str();
 }
 

@@ -6,20 +6,29 @@
 #include <vector>
 
 #include "server/lib/JsonReader.h"
+#include "server/lib/JsonWriter.h"
 #include "tools/fleet/World.h"
 
 /// The texts that an access point sends, and what it reads from the controller's.
 namespace rrm::fleet {
 
-/// "subscribe-request": identity, MAC pool and radios with their VAPs.
-std::string subscribe_request(const World& world, std::uint32_t ap);
+class Crowd;
+
+/// The envelope of an access point's messages, for their members to be added.
+class Message : public JsonWriter {
+ public:
+  Message(const World& world, const AccessPoint& ap, const char* cmd);
+};
+
+/// "subscribe-request": identity, MAC pool and radios with their VAPs and, with a crowd, clients.
+std::string subscribe_request(const World& world, std::uint32_t ap, const Crowd* crowd = nullptr);
 /// "rrm-mode-response": the radios as they are now, measurement mode entered.
 std::string mode_response(const World& world, std::uint32_t ap);
 /// "rrm-response": the radios and as many scans as the scenario says.
 std::string scan_response(const World& world, std::uint32_t ap, std::uint32_t round,
                           const std::optional<ChannelFilter>& filter);
 /// "rrm-config-changed": the radios with their VAPs, after a change made at the access point.
-std::string config_changed(const World& world, std::uint32_t ap);
+std::string config_changed(const World& world, std::uint32_t ap, const Crowd* crowd = nullptr);
 std::string unsubscribe_request(const World& world, std::uint32_t ap);
 
 /// What one element of "config" "radios" tells a radio.

@@ -24,16 +24,21 @@ AirSummary summarize(const std::vector<DomainRun>& domains) {
 
 }  // namespace
 
-FleetRun::FleetRun(World& world, const RunOptions& options, Connections& connections, Millis now)
+FleetRun::FleetRun(World& world, const RunOptions& options, Connections& connections, Millis now,
+                   Crowd* steered, Crowd* unsteered)
     : world_(world),
       options_(options),
       connections_(connections),
+      steered_(steered),
+      unsteered_(unsteered),
       started_(now),
       last_advance_(now),
       random_(hash({world.scenario().seed, 0x43757263})) {
   const auto count = static_cast<std::uint32_t>(world.aps().size());
   agents_.reserve(count);
-  for (std::uint32_t i = 0; i < count; ++i) agents_.emplace_back(world, i, options_.timing);
+  for (std::uint32_t ap = 0; ap < count; ++ap) {
+    agents_.emplace_back(world, ap, options_.timing, steered);
+  }
   wires_.assign(count, Wire::Down);
   restarting_.assign(count, false);
   for (const Site& site : world.sites()) domains_.emplace_back(site.ap_count);
@@ -60,7 +65,31 @@ void FleetRun::advance(Millis now) {
   run_due(now);
   restart_some(now);
   start_connections(now);
+  advance_crowds(now);
   finish_rounds(now);
+}
+
+void FleetRun::advance_crowds(Millis now) {
+  if (steered_ != nullptr) steered_->advance(now);
+  tell_events(now);
+  if (unsteered_ == nullptr) return;
+  unsteered_->advance(now);
+  unsteered_->take_events();
+}
+
+void FleetRun::tell_events(Millis now) {
+  if (steered_ == nullptr) return;
+  for (const ClientEvent& event : steered_->take_events()) {
+    if (restarting_[event.radio.ap]) continue;  // the dead say nothing
+    AgentOutput out;
+    agents_[event.radio.ap].on_client(event, out);
+    apply(now, event.radio.ap, out);
+  }
+}
+
+void FleetRun::set_alive(Millis now, std::uint32_t ap, bool alive) {
+  if (steered_ != nullptr) steered_->set_alive(now, ap, alive);
+  if (unsteered_ != nullptr) unsteered_->set_alive(now, ap, alive);
 }
 
 void FleetRun::start_connections(Millis now) {
@@ -87,6 +116,7 @@ void FleetRun::restart_some(Millis now) {
     const std::uint32_t ap = random_.below(static_cast<std::uint32_t>(agents_.size()));
     if (agents_[ap].state() != ApAgent::State::Subscribed || restarting_[ap]) continue;
     restarting_[ap] = true;
+    set_alive(now, ap, false);
     ++counters_.restarts;
     connections_.close(ap);
   }
@@ -97,6 +127,8 @@ void FleetRun::run_due(Millis now) {
     const Due due = due_.top();
     due_.pop();
     if (due.reconnect) {
+      if (restarting_[due.ap]) set_alive(now, due.ap, true);
+      restarting_[due.ap] = false;
       waiting_.push_back(due.ap);
       continue;
     }
@@ -138,8 +170,8 @@ void FleetRun::on_closed(Millis now, std::uint32_t ap) {
     const std::uint32_t site = world_.ap(ap).site;
     domains_[site].round.on_lost(ap - world_.sites()[site].first_ap);
   }
-  restarting_[ap] = false;
-  due_.push({now + agents_[ap].on_closed(), ap, true});
+  const Millis back_off = agents_[ap].on_closed();
+  due_.push({now + (restarting_[ap] ? options_.restart : back_off), ap, true});
 }
 
 void FleetRun::apply(Millis now, std::uint32_t ap, AgentOutput& out) {

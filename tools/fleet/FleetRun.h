@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tools/fleet/ApAgent.h"
+#include "tools/fleet/Crowd.h"
 #include "tools/fleet/DomainRound.h"
 #include "tools/fleet/Figures.h"
 #include "tools/fleet/Random.h"
@@ -32,6 +33,7 @@ struct RunOptions {
   double rate = 200;                ///< connections started per second
   std::uint32_t max_opening = 256;  ///< connections under way at once
   double churn = 0;                 ///< access points that restart per minute
+  Millis restart = 10000;           ///< how long a restarting one is away
   AgentTiming timing;
 };
 
@@ -70,7 +72,10 @@ struct AirSummary {
 /// back. Ownership: refers to the world and the connections, which must outlive it.
 class FleetRun {
  public:
-  FleetRun(World& world, const RunOptions& options, Connections& connections, Millis now);
+  /// `steered` are clients that the controller hears of and steers; `unsteered` others of the same
+  /// kind that it does not, for comparison. Both may be null.
+  FleetRun(World& world, const RunOptions& options, Connections& connections, Millis now,
+           Crowd* steered = nullptr, Crowd* unsteered = nullptr);
 
   /// Does everything that is due: new connections, answers, reconnects. To be called every few ms.
   void advance(Millis now);
@@ -79,6 +84,8 @@ class FleetRun {
   void on_text(Millis now, std::uint32_t ap, std::string_view text);
   void on_closed(Millis now, std::uint32_t ap);
 
+  const Crowd* steered() const noexcept { return steered_; }
+  const Crowd* unsteered() const noexcept { return unsteered_; }
   const World& world() const noexcept { return world_; }
   const Counters& counters() const noexcept { return counters_; }
   const std::vector<DomainRun>& domains() const noexcept { return domains_; }
@@ -109,10 +116,15 @@ class FleetRun {
   void follow(Millis now, std::uint32_t ap, ApEvent event);
   void finish_rounds(Millis now);
   void restart_some(Millis now);
+  void advance_crowds(Millis now);
+  void tell_events(Millis now);
+  void set_alive(Millis now, std::uint32_t ap, bool alive);
 
   World& world_;
   RunOptions options_;
   Connections& connections_;
+  Crowd* steered_;
+  Crowd* unsteered_;
   Millis started_;
   Millis last_advance_;
   double tokens_ = 1;

@@ -6,11 +6,14 @@
 #include <algorithm>
 #include <array>
 
+#include "tools/fleet/CrowdFigures.h"
+
 namespace rrm::fleet {
 namespace {
 
 constexpr std::size_t kMostDomains = 12;
 constexpr Millis kLineEvery = 10000;
+constexpr Millis kClientsEvery = 5000;
 constexpr int kBarWidth = 20;
 
 double seconds(Millis ms) noexcept { return static_cast<double>(ms) / 1000; }
@@ -118,6 +121,32 @@ std::vector<std::string> status_lines(const FleetRun& run, Millis now, std::size
   return lines;
 }
 
+std::string clients_line(const FleetRun& run, Millis now) {
+  if (run.steered() == nullptr) return {};
+  const CrowdSample steered = sample_crowd(run.world(), *run.steered(), now);
+  char text[200];
+  const int length =
+      std::snprintf(text, sizeof text, "clients: %u of %u served, imbalance 5 GHz %.1f",
+                    steered.served, steered.clients, steered.imbalance[1]);
+  if (run.unsteered() != nullptr) {
+    const CrowdSample unsteered = sample_crowd(run.world(), *run.unsteered(), now);
+    std::snprintf(text + length, sizeof text - static_cast<std::size_t>(length),
+                  " (%.1f without steering)", unsteered.imbalance[1]);
+  }
+  return text;
+}
+
+std::vector<std::string> Progress::lines(const FleetRun& run, Millis now, std::size_t columns,
+                                         std::size_t most_domains) {
+  std::vector<std::string> result = status_lines(run, now, columns, most_domains);
+  if (now - clients_at_ >= kClientsEvery) {
+    clients_at_ = now;
+    clients_ = clients_line(run, now);
+  }
+  if (!clients_.empty()) result.push_back(clients_.substr(0, columns));
+  return result;
+}
+
 Progress::Progress(std::FILE* stream) : stream_(stream), terminal_(isatty(fileno(stream)) == 1) {}
 
 void Progress::show(const FleetRun& run, Millis now) {
@@ -131,9 +160,9 @@ void Progress::show(const FleetRun& run, Millis now) {
 void Progress::redraw(const FleetRun& run, Millis now) {
   std::string out;
   if (drawn_ > 0) out += "\x1b[" + std::to_string(drawn_) + "A";
-  const auto lines = status_lines(run, now, terminal_columns(stream_) - 1, kMostDomains);
-  for (const std::string& line : lines) out += "\r\x1b[K" + line + "\n";
-  drawn_ = lines.size();
+  const auto block = lines(run, now, terminal_columns(stream_) - 1, kMostDomains);
+  for (const std::string& line : block) out += "\r\x1b[K" + line + "\n";
+  drawn_ = block.size();
   std::fputs(out.c_str(), stream_);
   std::fflush(stream_);
 }
@@ -153,8 +182,8 @@ void Progress::print_changes(const FleetRun& run, Millis now) {
   }
   if (first || now - last_line_ >= kLineEvery) {
     last_line_ = now;
-    const auto lines = status_lines(run, now, 200, 0);
-    for (const std::string& line : lines) std::fprintf(stream_, "%s\n", line.c_str());
+    for (const std::string& line : lines(run, now, 200, 0))
+      std::fprintf(stream_, "%s\n", line.c_str());
     printed = true;
   }
   if (printed) std::fflush(stream_);

@@ -13,6 +13,9 @@ namespace rrm::fleet {
 std::vector<std::string> status_lines(const FleetRun& run, Millis now, std::size_t columns,
                                       std::size_t most_domains);
 
+/// How the clients fare, in one line; empty without clients. Walks all of them.
+std::string clients_line(const FleetRun& run, Millis now);
+
 /// Shows a run while it goes on: a block that is redrawn in place on a terminal; elsewhere one line
 /// when a domain enters another stage, and one every ten seconds.
 ///
@@ -27,6 +30,8 @@ class Progress {
   void finish(const FleetRun& run, Millis now);
 
  private:
+  std::vector<std::string> lines(const FleetRun& run, Millis now, std::size_t columns,
+                                 std::size_t most_domains);
   void redraw(const FleetRun& run, Millis now);
   void print_changes(const FleetRun& run, Millis now);
 
@@ -34,6 +39,8 @@ class Progress {
   bool terminal_;
   std::size_t drawn_ = 0;  ///< lines of the block on the screen
   std::vector<Stage> stages_;
+  std::string clients_;  ///< the clients' line, made anew every few seconds
+  Millis clients_at_ = -1000000;
   Millis last_line_ = 0;
 };
 

@@ -108,6 +108,72 @@ void band_table(std::string& text, const char* name, const BandSample& before,
   channel_rows(text, "channels after", after.channels);
 }
 
+/// One row of the clients' table; the second column only when there are unsteered ones.
+void client_row(std::string& text, const Report& r, const char* name, int digits,
+                double (*figure)(const Report::Clients&)) {
+  char columns[64];
+  if (r.unsteered) {
+    std::snprintf(columns, sizeof columns, "%10.*f %10.*f", digits, figure(*r.unsteered), digits,
+                  figure(*r.steered));
+  } else {
+    std::snprintf(columns, sizeof columns, "%10.*f", digits, figure(*r.steered));
+  }
+  line(text, "  %-46s %s", name, columns);
+}
+
+struct ClientFigure {
+  const char* name;
+  const char* key;
+  int digits;
+  double (*figure)(const Report::Clients&);
+};
+
+constexpr ClientFigure kClientFigures[] = {
+    {"clients", "clients", 0, [](const Report::Clients& c) -> double { return c.sample.clients; }},
+    {"served now", "served", 0, [](const Report::Clients& c) -> double { return c.sample.served; }},
+    {"clients per radio, mean, 2.4 GHz", "mean_per_radio_2", 1,
+     [](const Report::Clients& c) { return c.sample.mean_per_radio[0]; }},
+    {"... 5 GHz", "mean_per_radio_5", 1,
+     [](const Report::Clients& c) { return c.sample.mean_per_radio[1]; }},
+    {"... 6 GHz", "mean_per_radio_6", 1,
+     [](const Report::Clients& c) { return c.sample.mean_per_radio[2]; }},
+    {"most clients on a radio, 2.4 GHz", "most_on_a_radio_2", 0,
+     [](const Report::Clients& c) -> double { return c.sample.most_on_a_radio[0]; }},
+    {"... 5 GHz", "most_on_a_radio_5", 0,
+     [](const Report::Clients& c) -> double { return c.sample.most_on_a_radio[1]; }},
+    {"... 6 GHz", "most_on_a_radio_6", 0,
+     [](const Report::Clients& c) -> double { return c.sample.most_on_a_radio[2]; }},
+    {"imbalance (most - mean around a client), 2.4 GHz", "imbalance_2", 2,
+     [](const Report::Clients& c) { return c.sample.imbalance[0]; }},
+    {"... 5 GHz", "imbalance_5", 2, [](const Report::Clients& c) { return c.sample.imbalance[1]; }},
+    {"... 6 GHz", "imbalance_6", 2, [](const Report::Clients& c) { return c.sample.imbalance[2]; }},
+    {"served at -75 dBm or less, %", "weak_percent", 1,
+     [](const Report::Clients& c) { return 100 * c.sample.weak_share; }},
+    {"moves", "moves", 0,
+     [](const Report::Clients& c) { return static_cast<double>(c.counters.moves); }},
+    {"... back within 60 s", "ping_pong", 0,
+     [](const Report::Clients& c) { return static_cast<double>(c.counters.ping_pong); }},
+    {"attempts refused by a block", "refused", 0,
+     [](const Report::Clients& c) { return static_cast<double>(c.counters.refused); }},
+    {"kicks", "kicks", 0,
+     [](const Report::Clients& c) { return static_cast<double>(c.counters.kicks); }},
+    {"transitions made", "transitions", 0,
+     [](const Report::Clients& c) { return static_cast<double>(c.counters.transitions); }},
+    {"transitions declined", "declined", 0,
+     [](const Report::Clients& c) { return static_cast<double>(c.counters.declined); }},
+    {"longest time without a radio, s", "longest_unserved_s", 1,
+     [](const Report::Clients& c) { return seconds(c.sample.longest_unserved); }},
+};
+
+void clients_table(std::string& text, const Report& r) {
+  if (!r.steered) return;
+  line(text, "\n%-48s %10s%s", "Clients", r.unsteered ? "unsteered" : "steered",
+       r.unsteered ? "    steered" : "");
+  for (const ClientFigure& row : kClientFigures) {
+    client_row(text, r, row.name, row.digits, row.figure);
+  }
+}
+
 void add_number(JsonWriter& object, const char* key, double number) {
   object.add(key, yajson::JsonValue(number));
 }
@@ -143,6 +209,13 @@ void write_counters(JsonWriter& parent, const Counters& c) {
   object.add("power_changes", c.power_changes);
 }
 
+void write_clients(JsonWriter& parent, const char* key,
+                   const std::optional<Report::Clients>& clients) {
+  if (!clients) return;
+  JsonWriter object = JsonWriter::object(parent, key);
+  for (const ClientFigure& row : kClientFigures) add_number(object, row.key, row.figure(*clients));
+}
+
 void write_domain(JsonWriter& domains, const Report::Domain& domain) {
   JsonWriter object = JsonWriter::object(domains);
   object.add("domain", domain.name);
@@ -172,6 +245,12 @@ Report make_report(const FleetRun& run, Millis now) {
     report.neighbours += static_cast<double>(agent.neighbours()) / report.aps;
     report.fbt_links += static_cast<double>(agent.fbt_links()) / report.aps;
   }
+  const auto clients = [&](const Crowd* crowd) -> std::optional<Report::Clients> {
+    if (crowd == nullptr) return std::nullopt;
+    return Report::Clients{sample_crowd(run.world(), *crowd, now), crowd->counters()};
+  };
+  report.steered = clients(run.steered());
+  report.unsteered = clients(run.unsteered());
   for (std::size_t i = 0; i < run.domains().size(); ++i) {
     const DomainRun& domain = run.domains()[i];
     report.domains.push_back({run.world().sites()[i].domain, domain.round.ap_count(),
@@ -189,6 +268,7 @@ std::string to_text(const Report& report) {
   std::string text;
   summary(text, report);
   stages(text, report);
+  clients_table(text, report);
   if (report.measured == 0) {
     line(text, "\nNo domain has finished a round: there is no before and after.");
     return text;
@@ -214,6 +294,11 @@ std::string to_json(const Report& report) {
   {
     JsonWriter domains = JsonWriter::array(writer, "domains");
     for (const Report::Domain& domain : report.domains) write_domain(domains, domain);
+  }
+  if (report.steered) {
+    JsonWriter clients = JsonWriter::object(writer, "clients");
+    write_clients(clients, "steered", report.steered);
+    write_clients(clients, "unsteered", report.unsteered);
   }
   JsonWriter air = JsonWriter::object(writer, "air");
   for (std::size_t i = 0; i < kBandKeys.size(); ++i) {

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/fleet/CrowdFigures.h"
 #include "tools/fleet/FleetRun.h"
 
 namespace rrm::fleet {
@@ -28,6 +29,13 @@ struct Report {
   double neighbours = 0;  ///< 802.11k entries per access point
   double fbt_links = 0;   ///< 802.11r key links per access point
   std::vector<Domain> domains;
+  /// How one crowd of clients fared.
+  struct Clients {
+    CrowdSample sample;
+    CrowdCounters counters;
+  };
+  std::optional<Clients> steered;
+  std::optional<Clients> unsteered;
   /// Only domains that have finished a round; `measured` counts them.
   std::size_t measured = 0;
   AirSample before;

@@ -44,7 +44,9 @@ class Simulation {
                     run_.on_text(monotonic_ms(), ap, text);
                   },
                   [this](std::uint32_t ap) { run_.on_closed(monotonic_ms(), ap); }}),
-        run_(world, options.run, clients_, monotonic_ms()),
+        steered_(make_crowd(world, options.crowd.clients > 0)),
+        unsteered_(make_crowd(world, options.crowd.clients > 0 && options.compare)),
+        run_(world, options.run, clients_, monotonic_ms(), steered_.get(), unsteered_.get()),
         progress_(stderr) {}
 
   SimulationResult run() {
@@ -57,6 +59,10 @@ class Simulation {
   }
 
  private:
+  std::unique_ptr<Crowd> make_crowd(const World& world, bool wanted) const {
+    return wanted ? std::make_unique<Crowd>(world, options_.crowd, monotonic_ms()) : nullptr;
+  }
+
   static void on_timer(struct ev_loop*, ev_timer* timer, int) {
     static_cast<Simulation*>(timer->data)->tick();
   }
@@ -102,6 +108,8 @@ class Simulation {
   const SimulationOptions& options_;
   std::unique_ptr<struct ev_loop, void (*)(struct ev_loop*)> loop_;
   WebsockClients clients_;
+  std::unique_ptr<Crowd> steered_;
+  std::unique_ptr<Crowd> unsteered_;
   FleetRun run_;
   Progress progress_;
   ev_timer timer_{};

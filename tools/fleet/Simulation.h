@@ -11,8 +11,10 @@ namespace rrm::fleet {
 struct SimulationOptions {
   Endpoint endpoint;
   RunOptions run;
-  Millis duration = 0;  ///< 0: until a signal
-  bool once = false;    ///< end after the first plan of every domain
+  CrowdOptions crowd;    ///< no clients: no crowd
+  bool compare = false;  ///< a second crowd that nobody steers, in the same world
+  Millis duration = 0;   ///< 0: until a signal
+  bool once = false;     ///< end after the first plan of every domain
   bool progress = true;
 };
 

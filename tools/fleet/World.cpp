@@ -249,6 +249,22 @@ void World::link_site(const Site& site) {
   }
 }
 
+std::optional<std::pair<std::uint32_t, int>> World::owner_of(const MacAddress& mac) const noexcept {
+  if (aps_.empty()) return std::nullopt;
+  // Pools lie one behind the other; the locally administered bit may be changed on the way.
+  for (const MacAddress& candidate : {mac, mac.twin()}) {
+    const std::uint64_t first = aps_[0].mac.number();
+    if (candidate.number() < first) continue;
+    const std::uint64_t offset = candidate.number() - first;
+    const std::uint64_t ap = offset / kMacsPerAp;
+    const auto radio = static_cast<int>(offset % kMacsPerAp / kMacsPerRadio);
+    if (ap < aps_.size() && aps_[ap].radio(radio) != nullptr) {
+      return std::pair{static_cast<std::uint32_t>(ap), radio};
+    }
+  }
+  return std::nullopt;
+}
+
 bool World::set_radio(std::uint32_t ap, int radio_id, int channel, Primary primary, int power_dbm) {
   RadioUnit* radio = aps_[ap].radio(radio_id);
   if (radio == nullptr) return false;

@@ -132,6 +132,9 @@ class World {
     return foreign_links_[ap];
   }
 
+  /// Access point and radio id that own a MAC address of the fleet's pools; absent for any other.
+  std::optional<std::pair<std::uint32_t, int>> owner_of(const MacAddress& mac) const noexcept;
+
   /// Sets a radio as a plan says, keeping the power within the radio's range. True when it changed.
   bool set_radio(std::uint32_t ap, int radio_id, int channel, Primary primary, int power_dbm);
 

@@ -60,6 +60,32 @@ void define(CLI::App& app, Options& options) {
   app.add_option("--duration", options.duration, "Seconds to run; 0: until Ctrl-C")
       ->check(CLI::NonNegativeNumber)
       ->capture_default_str();
+  CrowdOptions& crowd = options.simulation.crowd;
+  constexpr const char* kClients = "Clients";
+  app.add_option("--clients", crowd.clients, "Clients that walk about and associate")
+      ->check(CLI::Range(0, 1000000))
+      ->capture_default_str()
+      ->group(kClients);
+  app.add_flag("--compare", options.simulation.compare,
+               "Also play the same clients without steering")
+      ->group(kClients);
+  const std::pair<const char*, std::pair<double*, const char*>> shares[] = {
+      {"--moving", {&crowd.moving, "Share of them that walk"}},
+      {"--sticky", {&crowd.sticky, "Share that leave a radio only when it is nearly gone"}},
+      {"--refusing", {&crowd.refusing, "Share that decline to be steered"}},
+      {"--rare", {&crowd.rare, "Share that hardly ever probe"}},
+      {"--gathered", {&crowd.gathered, "Share that stand together in a room per floor"}},
+  };
+  for (const auto& [name, share] : shares) {
+    app.add_option(name, *share.first, share.second)
+        ->check(CLI::Range(0.0, 1.0))
+        ->capture_default_str()
+        ->group(kClients);
+  }
+  app.add_option("--storms", crowd.storms, "Times a minute that a whole floor joins anew")
+      ->check(CLI::NonNegativeNumber)
+      ->capture_default_str()
+      ->group(kClients);
   app.add_flag("--once", options.simulation.once, "End after the first plan of every domain");
   app.add_flag("--json", options.json, "Print the figures as JSON");
   app.add_flag("--quiet", options.quiet, "Show no progress");
