@@ -33,7 +33,6 @@ constexpr int kParserWait_ms = 10;
 constexpr std::size_t kIntMax = 2147483647;
 constexpr std::uint32_t kFlood = 1024;      ///< messages in one second
 constexpr std::int64_t kFloodPause_s = 29;  ///< between two load-balancer stops
-constexpr int kStuckPeer_s = 5;             ///< until a session to be dropped is cut off
 constexpr double kTick_s = 1;
 constexpr int kLibraryLogAll = 0x3ff;
 constexpr useconds_t kRetryStep_us = 100000;
@@ -531,7 +530,7 @@ void WebsockServerWorker::on_wait_cancelled(lws* stand_in) {
     if (session == nullptr || session->address != address) continue;
     if (const auto queue = outgoing_[index].find(address.wsi)) queue->listed = false;
     lws_callback_on_writable(address.wsi);
-    if (session->drop_due) lws_set_timeout(address.wsi, PENDING_TIMEOUT_USER_OK, kStuckPeer_s);
+    if (session->drop_due) lws_set_timeout(address.wsi, PENDING_TIMEOUT_USER_OK, stuck_peer_s_);
   }
 }
 

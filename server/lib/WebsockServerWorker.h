@@ -46,6 +46,7 @@ class WebsockServerWorker : public Worker {
   static constexpr std::size_t kLongestMessage = std::size_t{16} << 20;
   static constexpr std::size_t kLargestBacklog = std::size_t{256} << 20;
   static constexpr int kPongTimeout_s = 40;
+  static constexpr int kStuckPeer_s = 5;
   static constexpr std::size_t kServiceThreads = 8;  ///< that a session address can name
 
   /// @param config read at every connect; outlives the worker
@@ -71,12 +72,18 @@ class WebsockServerWorker : public Worker {
   std::vector<Session> sessions() const;
   bool is_session_alive(const SessionAddress& address) const;
   std::size_t session_count() const { return sessions_.size(); }
+  /// Bytes received and not yet parsed, of all sessions.
+  std::size_t backlog() const noexcept { return backlog_; }
 
   /// Lets go of every producer that waits on a full queue, until the next connect(): the controller
   /// is about to join them.
   void release_producers() noexcept { stop_ = true; }
-  /// Takes effect with the next ping.
-  void set_pong_timeout(int seconds) noexcept { pong_timeout_s_ = seconds; }
+  /// How long a pong may take, and a peer that takes no more data to see its session's end.
+  /// Seconds; takes effect with the next ping and drop.
+  void set_time_limits(int pong_s, int stuck_peer_s) noexcept {
+    pong_timeout_s_ = pong_s;
+    stuck_peer_s_ = stuck_peer_s;
+  }
   /// The port listened on; differs from the configured one when that is 0. 0 when not connected.
   int port() const noexcept { return bound_port_; }
 
@@ -135,6 +142,7 @@ class WebsockServerWorker : public Worker {
   const GlobalConfig* const config_;
   std::atomic<int> bound_port_{0};
   std::atomic<int> pong_timeout_s_{kPongTimeout_s};
+  std::atomic<int> stuck_peer_s_{kStuckPeer_s};
 
   std::uint32_t next_id_ = 1;  ///< guarded by id_mutex_
   std::mutex id_mutex_;

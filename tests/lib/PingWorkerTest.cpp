@@ -107,7 +107,7 @@ TEST_F(PingWorkerTest, ACheckThatIsLateByASecondSkipsAPing) {
 }
 
 TEST_F(PingWorkerTest, ASessionWithoutPongIsGoneAfterTheTimeOut) {
-  server_.server().set_pong_timeout(1);
+  server_.server().set_time_limits(1, 5);
   check_at(30);
   EXPECT_TRUE(is_pinged());
   EXPECT_TRUE(client_.wait_end());
@@ -115,7 +115,7 @@ TEST_F(PingWorkerTest, ASessionWithoutPongIsGoneAfterTheTimeOut) {
 }
 
 TEST_F(PingWorkerTest, APongKeepsASessionBeyondTheTimeOut) {
-  server_.server().set_pong_timeout(1);
+  server_.server().set_time_limits(1, 5);
   RawClient silent(server_.port());
   ASSERT_TRUE(silent.handshake());
   server_.wait_sessions(2);

@@ -233,13 +233,13 @@ bool WebsockClients::wait_closed(std::size_t client) {
 }
 
 std::size_t WebsockClients::open_all(std::size_t count) {
-  const std::size_t before = open_count_;
   std::size_t first = 0;
   for (std::size_t i = 0; i < count; ++i) {
     const std::size_t number = open();
     if (i == 0) first = number;
   }
-  wait_until([&] { return open_count_ >= before + count; }, 60000);
+  for (std::size_t number = first; number < first + count; ++number)
+    wait_until([&] { return is_open(number) || is_closed(number); }, 60000);
   return first;
 }
 

@@ -1,0 +1,699 @@
+#include "server/lib/WebsockServerWorker.h"
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "server/lib/Envelope.h"
+#include "tests/support/CapturedLog.h"
+#include "tests/support/FakeClock.h"
+#include "tests/support/LoopbackServer.h"
+#include "tests/support/VirtualSleep.h"
+
+namespace rrm {
+namespace {
+
+using test::FakeClock;
+using test::RawClient;
+using test::RecordingWorker;
+using test::wait_until;
+using test::WebsockClients;
+using Texts = std::vector<std::string>;
+
+/// A message for the recording domain, its document in the form in which it is recorded.
+std::string numbered(int number) {
+  return R"({"domain":"site","n":)" + std::to_string(number) + "}";
+}
+
+std::string of_size(std::size_t size) {
+  const std::string head = R"({"domain":"site","filler":")";
+  return head + std::string(size - head.size() - 2, 'x') + "\"}";
+}
+
+class WebsockServerTest : public testing::Test {
+ protected:
+  test::CapturedLog log_;
+  test::LoopbackServer server_;
+};
+
+class WebsockClientsTest : public WebsockServerTest {
+ protected:
+  /// Whether a fresh session still gets its message through.
+  bool still_serves() {
+    const std::size_t client = clients_.open_all(1);
+    const std::string text = numbered(static_cast<int>(1000000 + client));
+    clients_.send(client, text);
+    return wait_until([&] {
+      const auto texts = server_.site->texts();
+      return std::find(texts.begin(), texts.end(), text) != texts.end();
+    });
+  }
+
+  WebsockClients clients_{server_.port()};
+};
+
+// --- sessions
+
+TEST_F(WebsockClientsTest, EverySessionGetsTheNextIdWhichIsNeverUsedAgain) {
+  clients_.open_all(2);
+  const auto first = server_.wait_sessions(2);
+  EXPECT_EQ(first[0].id, 1U);
+  EXPECT_EQ(first[1].id, 2U);
+  EXPECT_EQ(first[0].tsi, 0);
+  clients_.close(0);
+  clients_.close(1);
+  server_.wait_sessions(0);
+  clients_.open_all(1);
+  EXPECT_EQ(server_.wait_sessions(1)[0].id, 3U);
+}
+
+TEST_F(WebsockClientsTest, ReportsItsSessionsWithTheirPeers) {
+  clients_.open_all(2);
+  server_.wait_sessions(2);
+  const std::string expected =
+      R"({"websock-sessions":[{"id":1,"peer":"127.0.0.1"},{"id":2,"peer":"127.0.0.1"}]})";
+  JsonWriter status;
+  server_.server().get_status(status);
+  EXPECT_EQ(status.str(), expected);
+  JsonWriter full;
+  server_.server().get_status_full(full);
+  EXPECT_EQ(full.str(), expected);
+}
+
+TEST_F(WebsockClientsTest, AClosedSessionIsForgottenAndEveryDomainHearsOfIt) {
+  clients_.open_all(1);
+  const auto address = server_.wait_sessions(1)[0];
+  EXPECT_TRUE(server_.rrm.is_session_alive(address));
+  clients_.close(0);
+  server_.wait_sessions(0);
+  EXPECT_FALSE(server_.rrm.is_session_alive(address));
+  ASSERT_TRUE(server_.wait_records(1));
+  EXPECT_EQ(
+      server_.site->records()[0],
+      (RecordingWorker::Record{R"({"service":"rrm-internal","cmd":"drop-session"})", address}));
+}
+
+TEST_F(WebsockClientsTest, AnUpgradeNeedsTheSubprotocolOnWhateverPath) {
+  const std::size_t elsewhere = clients_.open("websock-rrm", "/");
+  EXPECT_TRUE(clients_.wait_open(elsewhere));
+  server_.wait_sessions(1);
+  RawClient without(server_.port());
+  without.handshake("");
+  RawClient wrong(server_.port());
+  EXPECT_FALSE(wrong.handshake("no-such-protocol"));
+  EXPECT_TRUE(still_serves());
+  EXPECT_EQ(server_.wait_sessions(2).size(), 2U);
+}
+
+TEST_F(WebsockClientsTest, RecordsWhatLibwebsocketsCallsItFor) {
+  clients_.open_all(1);
+  clients_.send(0, numbered(1));
+  ASSERT_TRUE(server_.wait_records(1));
+  clients_.close(0);
+  server_.wait_sessions(0);
+  for (const char* text :
+       {"LWS_CALLBACK_PROTOCOL_INIT", "LWS_CALLBACK_ESTABLISHED", "LWS_CALLBACK_RECEIVE",
+        "LWS_CALLBACK_CLOSED", "Starting 1 lws threads", R"(Recv {"domain":"site","n":1})"})
+    EXPECT_TRUE(log_.has(LogLevel::Debug, text)) << text;
+}
+
+// --- receiving
+
+TEST_F(WebsockClientsTest, AMessageInSeveralFragmentsReachesTheDispatcherOnceAndComplete) {
+  clients_.open_all(1);
+  const auto address = server_.wait_sessions(1)[0];
+  clients_.send_fragments(0, {R"({"domain")", R"(:"si)", "", R"(te","n":)", "7}"});
+  clients_.send(0, numbered(8));
+  ASSERT_TRUE(server_.wait_records(2));
+  EXPECT_EQ(server_.site->texts(), (Texts{numbered(7), numbered(8)}));
+  EXPECT_EQ(server_.site->records()[0].second, address);
+}
+
+class MessageSize : public WebsockClientsTest, public testing::WithParamInterface<std::size_t> {};
+
+TEST_P(MessageSize, ArrivesWholeAndGoesOutWhole) {
+  clients_.open_all(1);
+  const auto address = server_.wait_sessions(1)[0];
+  const std::string text = of_size(GetParam());
+  clients_.send(0, text);
+  ASSERT_TRUE(server_.wait_records(1));
+  EXPECT_EQ(server_.site->records()[0].first, text);
+  server_.rrm.send_text(text.c_str(), address);
+  EXPECT_EQ(clients_.wait_received(0), (Texts{text}));
+  EXPECT_EQ(server_.server().backlog(), 0U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Bytes, MessageSize,
+                         testing::Values(100, 125, 126, 4079, 4080, 4081, 4095, 4096, 4097, 65535,
+                                         65536, 70000, 300000, 3000000));
+
+TEST_F(WebsockClientsTest, FragmentsOfDifferentSessionsAreNotMixed) {
+  constexpr int kSessions = 20;
+  clients_.open_all(kSessions);
+  for (int part = 0; part < 2; ++part) server_.wait_sessions(kSessions);
+  for (int i = 0; i < kSessions; ++i) {
+    const std::string text = numbered(i);
+    Texts letters;
+    for (const char letter : text) letters.push_back(std::string(1, letter));
+    clients_.send_fragments(static_cast<std::size_t>(i), letters);
+  }
+  ASSERT_TRUE(server_.wait_records(kSessions));
+  Texts expected;
+  for (int i = 0; i < kSessions; ++i) expected.push_back(numbered(i));
+  EXPECT_THAT(server_.site->texts(), testing::UnorderedElementsAreArray(expected));
+}
+
+TEST_F(WebsockClientsTest, MessagesOfOneSessionKeepTheirOrder) {
+  clients_.open_all(1);
+  for (int i = 0; i < 3000; ++i) clients_.send(0, numbered(i));
+  ASSERT_TRUE(server_.wait_records(3000));
+  const auto texts = server_.site->texts();
+  for (int i = 0; i < 3000; ++i) ASSERT_EQ(texts[static_cast<std::size_t>(i)], numbered(i));
+}
+
+TEST_F(WebsockClientsTest, AnExceptionWhileRoutingIsLoggedAndRaisedAndTheNextMessageGetsThrough) {
+  class Throwing : public RecordingWorker {
+   public:
+    using RecordingWorker::RecordingWorker;
+    void enqueue_message(JsonReader&&, const SessionAddress&) override {
+      throw std::runtime_error("cannot take it");
+    }
+  };
+  server_.rrm.workers().insert("bad", std::make_shared<Throwing>("bad", &server_.rrm));
+  clients_.open_all(1);
+  clients_.send(0, R"({"domain":"bad"})");
+  clients_.send(0, numbered(1));
+  ASSERT_TRUE(server_.wait_records(1));
+  EXPECT_EQ(log_.texts(LogLevel::Error),
+            (Texts{"Exception at processing message on websock-server-worker: cannot take it"}));
+  EXPECT_EQ(log_.events().at(0).first, EventCode::ParsingThreadThrew);
+}
+
+// --- floods
+
+class FloodTest : public testing::Test {
+ protected:
+  void send(int count) {
+    for (int i = 0; i < count; ++i) clients_.send(0, numbered(i));
+    sent_ += static_cast<std::size_t>(count);
+    ASSERT_TRUE(wait_until([&] {
+      const auto texts = server_.site->texts();
+      return static_cast<std::size_t>(std::count_if(
+                 texts.begin(), texts.end(),
+                 [](const auto& text) { return text.rfind(R"({"domain")", 0) == 0; })) == sent_;
+    }));
+  }
+  void next_second(std::int64_t seconds = 1) { FakeClock::now_s += seconds; }
+  std::size_t stops() const { return log_.count(LogLevel::Info, "rrm: stop-load-balancer:"); }
+
+  FakeClock clock_;
+  test::CapturedLog log_;
+  test::LoopbackServer server_;
+  WebsockClients clients_{server_.port()};
+  std::size_t sent_ = 0;
+};
+
+TEST_F(FloodTest, Of1024MessagesInOneSecondPausesLoadBalancingOnceAndNotAgainWithin29Seconds) {
+  clients_.open_all(1);
+  const auto address = server_.wait_sessions(1)[0];
+  send(1024);
+  EXPECT_EQ(stops(), 0U);
+  next_second();
+  send(1);
+  EXPECT_EQ(stops(), 1U);
+  ASSERT_TRUE(server_.wait_records(1026));
+  const auto records = server_.site->records();
+  EXPECT_EQ(std::count(records.begin(), records.end(),
+                       RecordingWorker::Record{
+                           R"({"service":"rrm-internal","cmd":"stop-load-balancer"})", address}),
+            1);
+
+  send(1100);
+  next_second();
+  send(1100);
+  next_second(28);  // 29 s after the stop
+  send(1100);
+  EXPECT_EQ(stops(), 1U);
+  next_second();
+  send(1);
+  EXPECT_EQ(stops(), 2U);
+}
+
+TEST_F(FloodTest, Of1023MessagesInOneSecondIsNone) {
+  clients_.open_all(1);
+  send(1023);
+  next_second();
+  send(1023);
+  next_second();
+  send(1);
+  EXPECT_EQ(stops(), 0U);
+}
+
+// --- sending
+
+TEST_F(WebsockClientsTest, SendsTextsAndDocumentsInTheOrderTheyWereQueued) {
+  clients_.open_all(1);
+  const auto address = server_.wait_sessions(1)[0];
+  server_.rrm.send_text(R"({"a" : 1})", address);
+  server_.rrm.send_message(R"({"b" : 2})", address);
+  server_.rrm.send_serialized("plain", address);
+  server_.rrm.send_message_force(R"({"c" : [true]})", address);
+  const auto received = clients_.wait_received(0, 4);
+  EXPECT_THAT(received, testing::UnorderedElementsAre(R"({"a" : 1})", R"({"b":2})", "plain",
+                                                      R"({"c":[true]})"));
+  EXPECT_TRUE(log_.has(LogLevel::Debug, R"(Send {"b":2})"));
+}
+
+TEST_F(WebsockClientsTest, FarMoreMessagesThanItsQueueHoldsReachASessionInTheirOrder) {
+  clients_.open_all(1);
+  const auto address = server_.wait_sessions(1)[0];
+  for (int i = 0; i < 2000; ++i) server_.rrm.send_text(numbered(i).c_str(), address);
+  const auto received = clients_.wait_received(0, 2000);
+  ASSERT_EQ(received.size(), 2000U);
+  for (int i = 0; i < 2000; ++i) ASSERT_EQ(received[static_cast<std::size_t>(i)], numbered(i));
+}
+
+TEST_F(WebsockClientsTest, ManyThreadsSendToManySessions) {
+  constexpr std::size_t kSessions = 30;
+  clients_.open_all(kSessions);
+  const auto addresses = server_.wait_sessions(kSessions);
+  std::vector<std::thread> producers;
+  for (int t = 0; t < 4; ++t)
+    producers.emplace_back([&] {
+      for (int i = 0; i < 25; ++i)
+        for (const auto& address : addresses) server_.rrm.send_text(numbered(i).c_str(), address);
+    });
+  for (std::thread& producer : producers) producer.join();
+  for (std::size_t client = 0; client < kSessions; ++client)
+    EXPECT_EQ(clients_.wait_received(client, 100).size(), 100U);
+}
+
+TEST_F(WebsockClientsTest, QueueingForASessionThatIsNotThereIsDropped) {
+  const SessionAddress nobody{reinterpret_cast<lws*>(0x1000), 0, 9};
+  server_.rrm.send_text("{}", nobody);
+  EXPECT_TRUE(log_.has(LogLevel::Debug,
+                       "enqueue_serialized: no live websocket session for wsi (dropped id=9)"));
+  EXPECT_FALSE(server_.rrm.is_session_alive(nobody));
+}
+
+TEST_F(WebsockClientsTest, AReplyToASessionThatHasSinceReconnectedIsDroppedAsStale) {
+  clients_.open_all(1);
+  SessionAddress stale = server_.wait_sessions(1)[0];
+  clients_.close(0);
+  server_.wait_sessions(0);
+  server_.rrm.send_text("late", stale);  // its connection is gone
+  clients_.open_all(1);
+  const auto live = server_.wait_sessions(1)[0];
+  stale.wsi = live.wsi;  // as when the new connection stands where the old one stood
+  server_.rrm.send_text("late", stale);
+  EXPECT_TRUE(log_.has(LogLevel::Debug,
+                       "enqueue_serialized: BaseSession stale or mismatched (msg id=1 tsi=0 vs "
+                       "live id=2 tsi=0)"));
+  SessionAddress elsewhere = live;
+  elsewhere.tsi = 3;
+  server_.rrm.drop_session_at_websock_worker(elsewhere, true);
+  EXPECT_TRUE(log_.has(LogLevel::Debug,
+                       "enqueue_message_force: BaseSession stale or mismatched (msg id=2 tsi=3 vs "
+                       "live id=2 tsi=0)"));
+  server_.rrm.send_text("fresh", live);
+  EXPECT_EQ(clients_.wait_received(1), (Texts{"fresh"}));
+  EXPECT_TRUE(clients_.received(0).empty());
+}
+
+TEST_F(WebsockClientsTest, ANullDocumentIsReportedAndNotSent) {
+  clients_.open_all(1);
+  const auto address = server_.wait_sessions(1)[0];
+  server_.server().enqueue_message(JsonReader("{broken"), address);
+  ASSERT_TRUE(wait_until([&] { return log_.has(LogLevel::Error, "ws_send json null"); }));
+  EXPECT_TRUE(log_.has_event(EventCode::NullDocument));
+  server_.rrm.send_text("next", address);
+  EXPECT_EQ(clients_.wait_received(0), (Texts{"next"}));
+}
+
+// --- dropping
+
+class Drop : public WebsockClientsTest, public testing::WithParamInterface<bool> {};
+
+TEST_P(Drop, ClosesThatSessionWithCode1000Done) {
+  clients_.open_all(2);
+  const auto addresses = server_.wait_sessions(2);
+  server_.rrm.send_text("last words", addresses[0]);
+  ASSERT_TRUE(
+      wait_until([&] { return clients_.received(0).size() + clients_.received(1).size() == 1; }));
+  const std::size_t closed = clients_.received(0).empty() ? 1 : 0;
+  server_.rrm.drop_session_at_websock_worker(addresses[0], GetParam());
+  ASSERT_TRUE(wait_until([&] { return server_.server().session_count() == 1; }));
+  ASSERT_TRUE(clients_.wait_closed(closed));
+  EXPECT_EQ(clients_.close_reason(closed), (std::pair<int, std::string>(1000, "done")));
+  EXPECT_TRUE(log_.has(LogLevel::Debug, "cmd:drop-session 1"));
+  EXPECT_EQ(server_.wait_sessions(1)[0], addresses[1]);
+  EXPECT_TRUE(wait_until([&] {
+    return !server_.site->records().empty() && server_.site->records()[0].second == addresses[0];
+  }));
+}
+
+INSTANTIATE_TEST_SUITE_P(Force, Drop, testing::Bool(),
+                         [](const auto& test) { return test.param ? "Yes" : "No"; });
+
+/// Sends to a client that reads nothing until a message is given up.
+void fill_queue(test::LoopbackServer& server, const SessionAddress& address,
+                const test::CapturedLog& log) {
+  const test::VirtualSleep sleep;
+  const std::string text = of_size(1000000);
+  while (log.texts(LogLevel::Error).empty()) server.rrm.send_text(text.c_str(), address);
+}
+
+TEST_F(WebsockServerTest, AMessageForAPeerThatTakesNothingIsDroppedReportedAndHoldsNobodyAgain) {
+  RawClient stuck(server_.port());
+  ASSERT_TRUE(stuck.handshake());
+  const auto address = server_.wait_sessions(1)[0];
+  fill_queue(server_, address, log_);
+  EXPECT_EQ(
+      log_.count(LogLevel::Error, "per-wsi queue overflow: outgoing message dropped for session 1"),
+      1U);
+  EXPECT_TRUE(log_.has_event(EventCode::WebsocketOverflow));
+  const test::VirtualSleep sleep;
+  server_.rrm.send_text("more", address);
+  EXPECT_EQ(test::sleeps, 0);
+  EXPECT_EQ(
+      log_.count(LogLevel::Error, "per-wsi queue overflow: outgoing message dropped for session 1"),
+      2U);
+}
+
+TEST_F(WebsockServerTest, AProducerThatWaitsForASessionGivesUpWhenItCloses) {
+  RawClient stuck(server_.port());
+  ASSERT_TRUE(stuck.handshake());
+  const auto address = server_.wait_sessions(1)[0];
+  std::atomic<int> sent{0};
+  std::atomic<bool> closed{false};
+  std::thread producer([&] {
+    const std::string text = of_size(1000000);
+    while (!closed) {
+      server_.rrm.send_text(text.c_str(), address);
+      ++sent;
+    }
+  });
+  // It stands still when the sockets' buffers and the queue are full.
+  ASSERT_TRUE(wait_until([&] {
+    const int before = sent;
+    usleep(50000);
+    return before > 16 && sent == before;
+  }));
+  closed = true;
+  stuck.reset();
+  producer.join();
+  EXPECT_TRUE(log_.texts(LogLevel::Error).empty());
+}
+
+TEST_F(WebsockServerTest, AProducerThatWaitsForASessionGivesUpWhenTheControllerStops) {
+  RawClient stuck(server_.port());
+  ASSERT_TRUE(stuck.handshake());
+  const auto address = server_.wait_sessions(1)[0];
+  server_.site->on_message = [&](const JsonReader&) {
+    const std::string text = of_size(1000000);
+    for (int i = 0; i < 1000; ++i) server_.rrm.send_text(text.c_str(), address);
+  };
+  server_.site->enqueue_message(JsonReader("{}"), address);
+  ASSERT_TRUE(server_.wait_records(1));
+  server_.rrm.stop();
+  EXPECT_TRUE(stuck.wait_end());
+}
+
+TEST_F(WebsockServerTest, ASessionThatIsDroppedButTakesNothingMoreIsCutOff) {
+  server_.server().set_time_limits(40, 1);
+  RawClient stuck(server_.port());
+  ASSERT_TRUE(stuck.handshake());
+  const auto address = server_.wait_sessions(1)[0];
+  fill_queue(server_, address, log_);
+  server_.rrm.drop_session_at_websock_worker(address, true);
+  EXPECT_TRUE(wait_until([&] { return server_.server().session_count() == 0; }));
+}
+
+TEST_F(WebsockServerTest, AFullParsingQueueDropsTheMessageAndReportsIt) {
+  class Blocked : public RecordingWorker {
+   public:
+    using RecordingWorker::RecordingWorker;
+    void enqueue_message(JsonReader&&, const SessionAddress&) override {
+      ++entered;
+      wait_until([&] { return open.load(); });
+    }
+    std::atomic<int> entered{0};
+    std::atomic<bool> open{false};
+  };
+  const auto blocked = std::make_shared<Blocked>("blocked", &server_.rrm);
+  server_.rrm.workers().insert("blocked", blocked);
+  RawClient client(server_.port());
+  ASSERT_TRUE(client.handshake());
+  client.send_frame(RawClient::Text, R"({"domain":"blocked"})");
+  ASSERT_TRUE(wait_until([&] { return blocked->entered == 1; }));
+  {
+    const test::VirtualSleep sleep;
+    for (int i = 0; i < 2049; ++i) client.send_frame(RawClient::Text, numbered(i));
+    const auto reported = [&] {
+      return log_.has(LogLevel::Error,
+                      "jsonificator_queue overflow: message dropped from session 1");
+    };
+    while (!reported()) std::this_thread::yield();
+  }
+  EXPECT_TRUE(log_.has_event(EventCode::WebsocketOverflow));
+  blocked->open = true;
+  EXPECT_TRUE(server_.wait_records(2048));
+  EXPECT_EQ(server_.site->texts().back(), numbered(2047));
+}
+
+// --- many
+
+TEST_F(WebsockClientsTest, TwoThousandSessionsSpeakAndAreAnswered) {
+  constexpr std::size_t kSessions = 2000;
+  clients_.open_all(kSessions);
+  const auto addresses = server_.wait_sessions(kSessions);
+  ASSERT_EQ(addresses.size(), kSessions);
+  for (std::size_t client = 0; client < kSessions; ++client)
+    clients_.send(client, numbered(static_cast<int>(client)));
+  ASSERT_TRUE(server_.wait_records(kSessions));
+  for (const auto& [text, address] : server_.site->records())
+    server_.rrm.send_text(text.c_str(), address);
+  for (std::size_t client = 0; client < kSessions; ++client)
+    ASSERT_EQ(clients_.wait_received(client), (Texts{numbered(static_cast<int>(client))}));
+  for (std::size_t client = 0; client < kSessions; ++client) clients_.close(client);
+  EXPECT_TRUE(server_.wait_sessions(0).empty());
+}
+
+TEST_F(WebsockClientsTest, SessionsThatComeAndGoUnderTrafficLoseOnlyTheirOwnMessages) {
+  clients_.open_all(1);
+  const auto steady = server_.wait_sessions(1)[0];
+  std::atomic<bool> done{false};
+  std::thread sender([&] {
+    for (int i = 0; i < 500; ++i) server_.rrm.send_text(numbered(i).c_str(), steady);
+    done = true;
+  });
+  for (int round = 0; round < 5 || !done; ++round) {
+    const std::size_t first = clients_.open_all(20);
+    for (const auto& session : server_.server().sessions())
+      server_.rrm.send_text("hello", session->address);
+    for (std::size_t client = first; client < first + 20; ++client) clients_.close(client);
+  }
+  sender.join();
+  auto received = clients_.wait_received(0, 500);
+  std::erase(received, "hello");
+  ASSERT_TRUE(wait_until([&] {
+    received = clients_.received(0);
+    std::erase(received, "hello");
+    return received.size() == 500;
+  }));
+  for (int i = 0; i < 500; ++i) ASSERT_EQ(received[static_cast<std::size_t>(i)], numbered(i));
+}
+
+// --- hostile peers
+
+struct HostileText {
+  const char* name;
+  std::string bytes;
+};
+
+class Hostile : public WebsockClientsTest, public testing::WithParamInterface<HostileText> {};
+
+TEST_P(Hostile, TextHarmsNeitherItsSessionNorOthers) {
+  RawClient hostile(server_.port());
+  ASSERT_TRUE(hostile.handshake());
+  for (int i = 0; i < 3; ++i) ASSERT_TRUE(hostile.send_frame(RawClient::Text, GetParam().bytes));
+  ASSERT_TRUE(hostile.send_frame(RawClient::Text, numbered(1)));
+  EXPECT_TRUE(wait_until([&] {
+    const auto texts = server_.site->texts();
+    return !texts.empty() && texts.back() == numbered(1);
+  }));
+  EXPECT_TRUE(still_serves());
+}
+
+std::string repeated(const std::string& text, std::size_t count) {
+  std::string result;
+  for (std::size_t i = 0; i < count; ++i) result += text;
+  return result;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Bytes, Hostile,
+    testing::Values(HostileText{"Empty", ""}, HostileText{"Broken", "{\"domain\":\"site\","},
+                    HostileText{"NoJson", "GET / HTTP/1.1\r\n\r\n"},
+                    HostileText{"NulBytes", std::string("{\"dom\0ain\":\"site\"}\0\0", 21)},
+                    HostileText{"OnlyNul", std::string(5000, '\0')},
+                    HostileText{"InvalidUtf8", "{\"domain\":\"\xff\xfe\xc0\x80\xed\xa0\x80\"}"},
+                    HostileText{"DeepArrays", repeated("[", 200000)},
+                    HostileText{"DeepObjects", repeated("{\"a\":", 200000)},
+                    HostileText{"MillionEntries", "{\"cmd\":[" + repeated("0,", 1000000) + "0]}"},
+                    HostileText{"MillionKeys", "{" + repeated("\"a\":{},", 300000) + "\"b\":0}"},
+                    HostileText{"DuplicateKeys",
+                                R"({"domain":"none","domain":7,"cmd":"a","cmd":"b"})"},
+                    HostileText{"AbsurdNumbers", R"({"n":1e99999,"m":-99999999999999999999999})"},
+                    HostileText{"WrongTypes", R"({"domain":{"site":1},"cmd":[],"service":7})"},
+                    HostileText{"FormatText", R"(%s%n%s%n%p%999999d)"},
+                    HostileText{"InternalStop", kStopDocument},
+                    HostileText{"InternalStopForNobody",
+                                R"({"service":"internal-ipc","cmd":"stop","domain":"none"})"}),
+    [](const auto& test) { return test.param.name; });
+
+TEST_F(WebsockClientsTest, BinaryFramesAreTakenLikeTexts) {
+  clients_.open_all(1);
+  clients_.send_binary(0, numbered(5));
+  clients_.send_binary(0, std::string("\x00\x01\x02\xff", 4));
+  ASSERT_TRUE(server_.wait_records(1));
+  EXPECT_EQ(server_.site->texts(), (Texts{numbered(5)}));
+  EXPECT_TRUE(wait_until([&] { return log_.has_event(EventCode::TextDoesNotParse); }));
+}
+
+TEST_F(WebsockClientsTest, HalfOpenConnectionsHarmNobody) {
+  RawClient silent(server_.port());
+  RawClient half_request(server_.port());
+  half_request.send_bytes("GET /zunt/rrm HTTP/1.1\r\nHost: x\r\nUpgr");
+  RawClient half_frame(server_.port());
+  ASSERT_TRUE(half_frame.handshake());
+  half_frame.send_bytes(std::string("\x81\xfe\x10", 3));  // 4 KB are announced, nothing follows
+  RawClient half_message(server_.port());
+  ASSERT_TRUE(half_message.handshake());
+  half_message.send_frame(RawClient::Text, "{\"domain\":", false);
+  EXPECT_TRUE(still_serves());
+  half_frame.reset();
+  half_message.reset();
+  half_request.reset();
+  EXPECT_TRUE(still_serves());
+  EXPECT_TRUE(wait_until([&] { return server_.server().backlog() == 0; }));
+  EXPECT_EQ(server_.wait_sessions(2).size(), 2U);
+}
+
+class BrokenFrame : public WebsockClientsTest, public testing::WithParamInterface<HostileText> {};
+
+TEST_P(BrokenFrame, EndsAtMostItsOwnSession) {
+  RawClient hostile(server_.port());
+  ASSERT_TRUE(hostile.handshake());
+  hostile.send_bytes(GetParam().bytes);
+  EXPECT_TRUE(still_serves());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Bytes, BrokenFrame,
+    testing::Values(
+        HostileText{"Unmasked", "\x81\x05hello"},
+        HostileText{"ReservedBits", std::string("\xf1\x80\x00\x00\x00\x00", 6)},
+        HostileText{"ReservedOpcode", std::string("\x83\x80\x00\x00\x00\x00", 6)},
+        HostileText{"LongControlFrame", std::string("\x89\xfe\x01\x00\x00\x00\x00\x00", 8)},
+        HostileText{"ContinuationOfNothing", std::string("\x80\x80\x00\x00\x00\x00", 6)},
+        HostileText{"HugeLength", std::string("\x81\xff\x7f\xff\xff\xff\xff\xff\xff\xff", 10)},
+        HostileText{"NegativeLength", std::string("\x81\xff\xff\xff\xff\xff\xff\xff\xff\xff", 10)},
+        HostileText{"CloseWithOneByte", std::string("\x88\x81\x00\x00\x00\x00\x03", 7)},
+        HostileText{"Noise", std::string(3000, '\xa5')}),
+    [](const auto& test) { return test.param.name; });
+
+TEST_F(WebsockClientsTest, AMessageThatNeverEndsIsCutOffWithItsSession) {
+  RawClient endless(server_.port());
+  ASSERT_TRUE(endless.handshake());
+  const std::string megabyte(1 << 20, 'x');
+  endless.send_frame(RawClient::Text, megabyte, false);
+  for (int i = 0; i < 40; ++i)
+    if (!endless.send_frame(RawClient::Continuation, megabyte, false)) break;
+  EXPECT_TRUE(wait_until([&] { return server_.server().session_count() == 0; }));
+  EXPECT_EQ(server_.server().backlog(), 0U);
+  ASSERT_EQ(log_.texts(LogLevel::Error).size(), 1U);
+  EXPECT_THAT(
+      log_.texts(LogLevel::Error)[0],
+      testing::MatchesRegex("websocket message too long, [0-9]+ bytes and more; close session 1"));
+  EXPECT_TRUE(still_serves());
+}
+
+TEST_F(WebsockClientsTest, AStormOfConnectionsThatAreResetAtOnceLeavesNothingBehind) {
+  for (int i = 0; i < 300; ++i) {
+    RawClient client(server_.port());
+    if (i % 2 == 0) client.handshake();
+    if (i % 4 == 0) client.send_frame(RawClient::Text, "{\"domain\":", i % 8 == 0);
+    client.reset();
+  }
+  EXPECT_TRUE(still_serves());
+  EXPECT_EQ(server_.wait_sessions(1).size(), 1U);
+}
+
+// --- the worker's own life
+
+TEST_F(WebsockServerTest, ComesBackAfterAStopWithItsSessionsGone) {
+  for (int round = 0; round < 3; ++round) {
+    RawClient client(server_.port());
+    ASSERT_TRUE(client.handshake());
+    ASSERT_EQ(server_.wait_sessions(1).size(), 1U);
+    server_.server().stop();
+    EXPECT_EQ(server_.server().session_count(), 0U);
+    EXPECT_TRUE(client.wait_end());
+    server_.rrm.send_text("{}", {reinterpret_cast<lws*>(0x1000), 0, 1});
+    server_.server().start();
+    ASSERT_TRUE(wait_until([&] { return server_.port() != 0; }));
+  }
+}
+
+TEST(WebsockServer, TriesAgainWhileItsPortIsTakenAndCanBeStoppedMeanwhile) {
+  test::CapturedLog log;
+  const int blocker = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  ASSERT_EQ(bind(blocker, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(listen(blocker, 1), 0);
+  socklen_t length = sizeof address;
+  getsockname(blocker, reinterpret_cast<sockaddr*>(&address), &length);
+
+  GlobalConfig config;
+  config.listen_port = ntohs(address.sin_port);
+  RRM rrm(&config);
+  rrm.websock_server().start();
+  const test::VirtualSleep sleep;  // no real pause between the attempts
+  while (test::slept_us < 2000000) std::this_thread::yield();
+  EXPECT_EQ(rrm.websock_server().port(), 0);
+  rrm.websock_server().stop();
+  rrm.websock_server().start();
+  close(blocker);
+  while (rrm.websock_server().port() == 0) std::this_thread::yield();
+  EXPECT_EQ(rrm.websock_server().port(), config.listen_port);
+  EXPECT_TRUE(RawClient(rrm.websock_server().port()).handshake());
+}
+
+TEST(WebsockServer, LinesOfLibwebsocketsBecomeDebugRecordsWithoutTheirEnd) {
+  const test::CapturedLog log;
+  WebsockServerWorker::logger_callback(4, "a notice\n");
+  WebsockServerWorker::logger_callback(1024, "no end");
+  WebsockServerWorker::logger_callback(1, "");
+  EXPECT_EQ(log.texts(LogLevel::Debug),
+            (Texts{"libwebsocket-debug> 4: a notice", "libwebsocket-debug> 1024: no end",
+                   "libwebsocket-debug> 1: "}));
+}
+
+TEST_F(WebsockServerTest, HasItsNameAndQueues) {
+  EXPECT_EQ(server_.server().name(), "websock-server-worker");
+  EXPECT_EQ(server_.server().queue_capacity(), 2048U);
+  EXPECT_EQ(server_.wait_sessions(0).size(), 0U);
+}
+
+}  // namespace
+}  // namespace rrm
