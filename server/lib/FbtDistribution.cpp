@@ -110,6 +110,12 @@ class FbtDistribution::Index {
   const std::vector<Peer> none_;
 };
 
+bool FbtDistribution::lacks_keys(const ApEntry& ap) {
+  bool lacks = false;
+  for_each_fbt_vap(ap, [&](const Radio&, const Vap& vap) { lacks = lacks || vap.rrb_key.empty(); });
+  return lacks;
+}
+
 bool FbtDistribution::wildcard(const ApEntry& ap) const {
   return global_.use_wildcard_80211r && ap.use_wildcard_80211r;
 }

@@ -24,6 +24,9 @@ class FbtDistribution {
   /// @return how many changed
   std::size_t update(ApMap& aps) const;
 
+  /// Some 802.11r VAP of the access point has no key yet.
+  static bool lacks_keys(const ApEntry& ap);
+
   /// The "fbt-info" of an access point.
   std::string message(const ApEntry& ap) const;
 

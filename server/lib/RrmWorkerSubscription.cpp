@@ -201,7 +201,10 @@ void RrmWorker::process_exists_ap(const Message& message, const Ap& ap, bool for
   } else if (update_80211k) {
     tpc_dca_->update_802dot11k();
   }
-  if (update_80211r) tpc_dca_->planning_update_802dot11r();
+  // A description without keys has taken away those that others are linked with.
+  if (update_80211r || (domain_config_.use_80211r && FbtDistribution::lacks_keys(*ap))) {
+    tpc_dca_->planning_update_802dot11r();
+  }
 }
 
 void RrmWorker::process_unsubscribe_request(const Message& message) {
