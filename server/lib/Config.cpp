@@ -251,12 +251,13 @@ bool GlobalConfig::validate_global(const JsonReader& reader, JsonWriter& errors)
 }
 
 void GlobalConfig::global_to_json(JsonWriter& writer) const {
-  for (const auto& [key, kind] : kOptions) {
+  for (const auto& entry : kOptions) {
+    const char* key = entry.key;
     std::visit(
         Overloaded{[&](const Flag& flag) { writer.add(key, (this->*flag.field).load()); },
                    [&](const Number& number) { writer.add(key, (this->*number.field).load()); },
                    [&](const auto& text) { writer.add(key, (this->*text.field).get()); }},
-        kind);
+        entry.kind);
   }
 }
 

@@ -177,7 +177,8 @@ std::span<const DomainOption> domain_options() noexcept { return kOptions; }
 
 bool DomainConfig::apply(const JsonReader& reader) {
   bool changed = false;
-  for (const auto& [key, kind] : kOptions) {
+  for (const auto& entry : kOptions) {
+    const char* key = entry.key;
     if (!reader.has(key)) continue;
     const bool taken = std::visit(
         Overloaded{
@@ -186,7 +187,7 @@ bool DomainConfig::apply(const JsonReader& reader) {
             [&](const Time& time) {
               return has_text(reader, key) && apply_time(*this, time, reader.get_str(key));
             }},
-        kind);
+        entry.kind);
     changed = changed || taken;
   }
   return changed;
@@ -210,11 +211,12 @@ bool DomainConfig::validate(const JsonReader& reader, JsonWriter& errors) {
 }
 
 void DomainConfig::to_json(JsonWriter& writer) const {
-  for (const auto& [key, kind] : kOptions) {
+  for (const auto& entry : kOptions) {
+    const char* key = entry.key;
     std::visit(Overloaded{[&](const Flag& flag) { writer.add(key, this->*flag.field); },
                           [&](const Number& number) { writer.add(key, this->*number.field); },
                           [&](const Time& time) { writer.add(key, this->*time.text); }},
-               kind);
+               entry.kind);
   }
 }
 
