@@ -1,12 +1,12 @@
 #pragma once
 
 #include <cstdint>
-#include <unordered_map>
 #include <vector>
 
 #include "server/lib/JsonReader.h"
 #include "server/lib/JsonWriter.h"
 #include "server/lib/MacAddress.h"
+#include "server/lib/MacMap.h"
 
 /// What an access point hears over the air, by BSSID.
 ///
@@ -26,7 +26,7 @@ struct Neighbour {
   void to_json(JsonWriter& object) const;
 };
 
-using NeighbourMap = std::unordered_map<MacAddress, Neighbour>;
+using NeighbourMap = MacMap<Neighbour>;
 
 /// Inserts unless present: the first entry of a BSSID wins.
 void insert_neighbour(NeighbourMap& map, const MacAddress& bssid, const Neighbour& entry);
@@ -51,7 +51,7 @@ class NeighbourMerger {
     Neighbour latest;
     std::vector<std::int32_t> signals;  ///< dBm, of every scan that holds the BSSID
   };
-  std::unordered_map<MacAddress, Group> groups_;
+  MacMap<Group> groups_;
 };
 
 /// Mean that leaves out samples far from the rest; 0 for no values. Integer divisions truncate.
