@@ -1,5 +1,6 @@
 #include "server/lib/TpcDcaCandidateQueue.h"
 
+#include <algorithm>
 #include <bit>
 
 namespace rrm {
@@ -11,6 +12,7 @@ void TpcDcaCandidateQueue::insert(std::size_t member, std::int32_t count) {
   const auto slot = static_cast<std::size_t>(count);
   word(slot, member) |= std::uint64_t{1} << member % 64;
   ++held_[slot];
+  highest_ = std::max(highest_, slot);
   count_[member] = static_cast<std::int16_t>(count);
   ++size_;
 }
@@ -29,12 +31,13 @@ void TpcDcaCandidateQueue::change(std::size_t member, std::int32_t count) {
   insert(member, count);
 }
 
-std::size_t TpcDcaCandidateQueue::top() const noexcept {
-  std::size_t count = kCounts - 1;
-  while (held_[count] == 0) --count;
-  std::size_t i = count * words_;
-  while (bits_[i] == 0) ++i;
-  return (i - count * words_) * 64 + static_cast<std::size_t>(std::countr_zero(bits_[i]));
+std::size_t TpcDcaCandidateQueue::top() noexcept {
+  while (held_[highest_] == 0) --highest_;
+  const std::uint64_t* const first = bits_.data() + highest_ * words_;
+  const std::uint64_t* word = first;
+  while (*word == 0) ++word;
+  return static_cast<std::size_t>(word - first) * 64 +
+         static_cast<std::size_t>(std::countr_zero(*word));
 }
 
 }  // namespace rrm

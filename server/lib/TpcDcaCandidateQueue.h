@@ -21,7 +21,7 @@ class TpcDcaCandidateQueue {
   void change(std::size_t member, std::int32_t count);
 
   bool empty() const noexcept { return size_ == 0; }
-  std::size_t top() const noexcept;
+  std::size_t top() noexcept;
 
  private:
   static constexpr std::size_t kCounts = 256;
@@ -36,6 +36,7 @@ class TpcDcaCandidateQueue {
   std::array<std::size_t, kCounts> held_;  ///< members per count
   std::vector<std::int16_t> count_;        ///< per member
   std::size_t size_ = 0;
+  std::size_t highest_ = 0;  ///< no member has a higher count
 };
 
 }  // namespace rrm

@@ -7,22 +7,19 @@
 namespace rrm {
 namespace {
 
-std::int32_t rank_of(const SceneAp& ap) {
-  return static_cast<std::int32_t>(ap.members_end - ap.members_begin);
-}
-
-/// Whether an entry of this band disturbs the radio.
-bool disturbs(std::int32_t radio_band, std::int32_t heard_band) {
-  if (radio_band == 0 || heard_band == radio_band) return true;
-  return heard_band == 0 && radio_band != 6;
-}
-
-void fill_planner(InterferencePlanner& planner, const Radio& radio,
-                  std::span<const HeardBss> heard) {
-  const std::uint64_t own = radio.mac.number();
+/// Adds what disturbs the radio: its own band and entries without one; at 6 GHz only its own; a
+/// radio of unknown band is disturbed by everything.
+void fill_planner(InterferencePlanner& planner, const TpcDcaScene& scene, const SceneAp& ap,
+                  std::size_t radio) {
+  const std::int32_t band = ap.entry->radios.radios[radio].band;
+  const auto add = [&planner, own = std::uint32_t{1} << radio](std::span<const HeardBss> heard) {
+    for (const HeardBss& bss : heard)
+      if ((bss.own_radios & own) == 0) planner.add(bss.interference);
+  };
   planner.clear();
-  for (const HeardBss& bss : heard)
-    if (disturbs(radio.band, bss.band) && bss.bssid != own) planner.add(bss.interference);
+  if (band == 0) return add(scene.heard(ap));
+  for (std::size_t i = 0; i < kSceneBands.size(); ++i)
+    if (kSceneBands[i] == band || (kSceneBands[i] == 0 && band != 6)) add(scene.heard_in(ap, i));
 }
 
 }  // namespace
@@ -54,7 +51,7 @@ void TpcDcaChannelPlan::add_candidate(const Radio& radio, std::size_t index) {
 
 void TpcDcaChannelPlan::rank_groups() {
   std::stable_sort(groups_.begin(), groups_.end(), [this](const Group& a, const Group& b) {
-    return rank_of(scene_.aps()[a.ap]) > rank_of(scene_.aps()[b.ap]);
+    return scene_.aps()[a.ap].members > scene_.aps()[b.ap].members;
   });
   for (std::size_t i = 0; i < groups_.size(); ++i)
     group_of_[groups_[i].ap] = static_cast<std::int32_t>(i);
@@ -78,12 +75,12 @@ void TpcDcaChannelPlan::plan(InterferencePlanner& planner, const Group& group,
                              const Candidate& candidate, TpcDcaCandidateQueue& queue) {
   const SceneAp& ap = scene_.aps()[group.ap];
   Radio& radio = ap.entry->radios.radios[candidate.radio];
-  fill_planner(planner, radio, scene_.all_heard(ap));
+  fill_planner(planner, scene_, ap, candidate.radio);
   const ChannelUse current{radio.channel, radio.bandwidth, radio.primary_channel};
   const std::span<const std::int32_t> allowed(channels_.data() + candidate.channels_begin,
                                               channels_.data() + candidate.channels_end);
   const std::int32_t chosen = planner.choose({allowed, current, threshold_percent_});
-  radio.dca_rank = rank_of(ap);
+  radio.dca_rank = ap.members;
   radio.neighbour_channel_count = -1;
   radio.normalize_primary_channel();
   if (chosen < 1 || chosen == radio.channel) {

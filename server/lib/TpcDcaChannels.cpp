@@ -1,8 +1,8 @@
 #include "server/lib/TpcDcaChannels.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdlib>
+#include <cstddef>
+#include <iterator>
 
 #include "server/lib/Radio.h"
 
@@ -40,21 +40,24 @@ constexpr PairRow kPairs5g[] = {
 
 constexpr std::int32_t kCentres320[] = {31, 63, 95, 127, 159, 191, 223};
 
-/// No radio has such a channel number; keeps the arithmetic below far from its limits.
-constexpr std::int32_t kLargestChannel = 100000;
+/// No radio has such a channel number; keeps slots within 16 bits.
+constexpr std::int32_t kLargestChannel = 30000;
+
+constexpr std::int32_t distance(std::int32_t a, std::int32_t b) { return a < b ? b - a : a - b; }
 
 constexpr SlotRange around(std::int32_t centre, std::int32_t half_channels) {
-  return {centre + 8 - half_channels, centre + 8 + half_channels};
+  return {static_cast<std::int16_t>(centre + 8 - half_channels),
+          static_cast<std::int16_t>(centre + 8 + half_channels)};
 }
 
-SlotRange row_block(std::int32_t width_mhz, std::int32_t channel) {
+constexpr SlotRange row_block(std::int32_t width_mhz, std::int32_t channel) {
   for (const BlockRow& row : kBlockRows)
     if (row.width_mhz == width_mhz && row.first_channel <= channel && channel <= row.last_channel)
       return row.block;
   return {};
 }
 
-SlotRange block_40(std::int32_t channel, std::int32_t position) {
+constexpr SlotRange block_40(std::int32_t channel, std::int32_t position) {
   if (channel >= 36 && channel <= 40) return row_block(40, channel);
   for (const PairRow& pair : kPairs5g)
     if (channel == pair.lower || channel == pair.upper) return around(pair.centre, 4);
@@ -64,35 +67,71 @@ SlotRange block_40(std::int32_t channel, std::int32_t position) {
   return around(centre, 4);
 }
 
-SlotRange block_320(std::int32_t channel) {
+constexpr SlotRange block_320(std::int32_t channel) {
   if (channel < 1 || channel > 233) return {};
-  const auto nearer = [channel](std::int32_t a, std::int32_t b) {
-    return std::abs(channel - a) < std::abs(channel - b);
-  };
-  const std::int32_t centre =
-      *std::min_element(std::begin(kCentres320), std::end(kCentres320), nearer);
-  return std::abs(channel - centre) <= 32 ? around(centre, 32) : SlotRange{};
+  std::int32_t nearest = kCentres320[0];
+  for (const std::int32_t centre : kCentres320)
+    if (distance(channel, centre) < distance(channel, nearest)) nearest = centre;
+  return distance(channel, nearest) <= 32 ? around(nearest, 32) : SlotRange{};
 }
 
-}  // namespace
-
-SlotRange primary_block(std::int32_t channel) noexcept {
+constexpr SlotRange block_20(std::int32_t channel) {
   const bool known = (channel >= 1 && channel <= 13) || (channel >= 36 && channel <= 233);
   return known ? around(channel, 2) : SlotRange{};
 }
 
+constexpr SlotRange compute_block(std::int32_t channel, std::int32_t width_mhz,
+                                  std::int32_t position) {
+  switch (width_mhz) {
+    case 20:
+      return block_20(channel);
+    case 40:
+      return block_40(channel, position);
+    case 320:
+      return block_320(channel);
+    default:
+      return row_block(width_mhz, channel);
+  }
+}
+
+/// The blocks of all channels that radios really use, since planning asks for them all the time.
+class BlockTable {
+ public:
+  static constexpr std::int32_t kChannels = 234;
+
+  constexpr BlockTable() {
+    for (std::size_t row = 0; row < kRows; ++row)
+      for (std::int32_t channel = 1; channel < kChannels; ++channel)
+        blocks_[row][static_cast<std::size_t>(channel)] =
+            compute_block(channel, kWidths[row], row == kUpper40 ? PrimaryChannel::kUpper : 0);
+  }
+  constexpr SlotRange block(const ChannelUse& use) const {
+    for (std::size_t row = 0; row < kRows; ++row) {
+      if (kWidths[row] != use.width_mhz) continue;
+      const bool upper = use.width_mhz == 40 && use.position == PrimaryChannel::kUpper;
+      return blocks_[upper ? kUpper40 : row][static_cast<std::size_t>(use.channel)];
+    }
+    return {};
+  }
+
+ private:
+  static constexpr std::int32_t kWidths[] = {20, 40, 80, 160, 320, 40};
+  static constexpr std::size_t kRows = std::size(kWidths);
+  static constexpr std::size_t kUpper40 = kRows - 1;
+
+  SlotRange blocks_[kRows][kChannels] = {};
+};
+
+constexpr BlockTable kBlocks;
+
+}  // namespace
+
+SlotRange primary_block(std::int32_t channel) noexcept { return block_20(channel); }
+
 SlotRange channel_block(const ChannelUse& use) noexcept {
   if (use.channel < 1 || use.channel > kLargestChannel) return {};
-  switch (use.width_mhz) {
-    case 20:
-      return primary_block(use.channel);
-    case 40:
-      return block_40(use.channel, use.position);
-    case 320:
-      return block_320(use.channel);
-    default:
-      return row_block(use.width_mhz, use.channel);
-  }
+  if (use.channel < BlockTable::kChannels) return kBlocks.block(use);
+  return compute_block(use.channel, use.width_mhz, use.position);
 }
 
 bool shares_wide_block(const ChannelUse& a, const ChannelUse& b) noexcept {

@@ -10,10 +10,11 @@ namespace rrm {
 /// Slots of the axis; what lies above is not planned.
 inline constexpr std::int32_t kSlots = 275;
 
-/// Inclusive range of slots; empty when last < first.
+/// Inclusive range of slots; empty when last < first. Small, since planning walks thousands of
+/// them.
 struct SlotRange {
-  std::int32_t first = 0;
-  std::int32_t last = -1;
+  std::int16_t first = 0;
+  std::int16_t last = -1;
 
   constexpr bool empty() const noexcept { return last < first; }
   friend constexpr bool operator==(const SlotRange&, const SlotRange&) = default;

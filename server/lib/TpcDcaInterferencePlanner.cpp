@@ -13,29 +13,9 @@ bool on_axis(const SlotRange& range) { return range.first >= 0 && range.last < k
 }  // namespace
 
 Interference interference_of(std::int32_t rssi_dbm, const ChannelUse& use) noexcept {
-  if (use.channel < 1) return {};
+  if (use.channel < 1) return {rssi_dbm + 100, {}, {}};
   const SlotRange block = use.width_mhz == 20 ? SlotRange{} : channel_block(use);
   return {rssi_dbm + 100, block, primary_block(use.channel)};
-}
-
-void InterferencePlanner::add(const Interference& interference) noexcept {
-  add_mask(interference.weight, interference.block);
-  add_mask(interference.weight, interference.primary);
-}
-
-void InterferencePlanner::add_mask(std::int32_t weight, const SlotRange& block) noexcept {
-  if (block.empty() || block.first >= kSlots) return;
-  const auto edge = static_cast<std::uint32_t>(weight * 3 / 10);
-  const auto shoulder = static_cast<std::uint32_t>(weight * 7 / 10) - edge;
-  const auto inner = static_cast<std::uint32_t>(weight) - shoulder - edge;
-  std::uint32_t* const first = steps_.data() + block.first;
-  std::uint32_t* const last = steps_.data() + block.last;
-  first[0] += edge;
-  first[1] += shoulder;
-  first[2] += inner;
-  last[-1] -= inner;
-  last[0] -= shoulder;
-  last[1] -= edge;
 }
 
 std::int32_t InterferencePlanner::counter(std::int32_t slot) const noexcept {

@@ -36,7 +36,10 @@ class InterferencePlanner {
 
   void clear() noexcept { steps_.fill(0); }
   /// The two outermost slots at each edge of a block get 30% and 70% of the weight, the others all.
-  void add(const Interference& interference) noexcept;
+  void add(const Interference& interference) noexcept {
+    add_mask(interference.weight, interference.block);
+    add_mask(interference.weight, interference.primary);
+  }
   /// The counter of one slot, 0 to 274.
   std::int32_t counter(std::int32_t slot) const noexcept;
 
@@ -44,7 +47,20 @@ class InterferencePlanner {
   std::int32_t choose(const ChannelRequest& request) noexcept;
 
  private:
-  void add_mask(std::int32_t weight, const SlotRange& block) noexcept;
+  void add_mask(std::int32_t weight, const SlotRange& block) noexcept {
+    if (block.empty() || block.first >= kSlots) return;
+    const auto edge = static_cast<std::uint32_t>(weight * 3 / 10);
+    const auto shoulder = static_cast<std::uint32_t>(weight * 7 / 10) - edge;
+    const auto inner = static_cast<std::uint32_t>(weight) - shoulder - edge;
+    std::uint32_t* const first = steps_.data() + block.first;
+    std::uint32_t* const last = steps_.data() + block.last;
+    first[0] += edge;
+    first[1] += shoulder;
+    first[2] += inner;
+    last[-1] -= inner;
+    last[0] -= shoulder;
+    last[1] -= edge;
+  }
   void sum_up() noexcept;
   std::int64_t sum(const SlotRange& range) const noexcept;
   std::int64_t cost(const ChannelUse& use, const SlotRange& block) const noexcept;

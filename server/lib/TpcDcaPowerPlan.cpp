@@ -45,24 +45,29 @@ void TpcDcaPowerPlan::run() {
     if (takes_part(*scene_.aps()[i].entry)) raise_radios_of(i);
 }
 
-const ApEntry* TpcDcaPowerPlan::answering_owner(const HeardBss& bss) const {
-  if (bss.owner < 0) return nullptr;
-  const ApEntry* owner = scene_.aps()[static_cast<std::size_t>(bss.owner)].entry;
-  return owner->active ? owner : nullptr;
+/// The access point with this index in the scene, unless it did not answer the scan or is none.
+const ApEntry* TpcDcaPowerPlan::answering(std::int32_t owner) const {
+  if (owner < 0) return nullptr;
+  const ApEntry* entry = scene_.aps()[static_cast<std::size_t>(owner)].entry;
+  return entry->active ? entry : nullptr;
 }
 
 void TpcDcaPowerPlan::lower_neighbours_of(const SceneAp& ap) {
+  const std::span<const HeardBss> heard = scene_.heard(ap);
+  const std::span<const HeardSource> sources = scene_.sources(ap);
   loud_.clear();
-  for (const HeardBss& bss : scene_.members(ap)) {
-    const std::int32_t band = band_of(bss);
-    const Radio* radio = band == 0 ? nullptr : disturbed_radio(ap, bss, band);
+  for (std::size_t i = 0; i < heard.size(); ++i) {
+    const std::int32_t band = band_of(heard[i]);
+    if (sources[i].owner < 0 || band == 0) continue;
+    const Radio* radio = disturbed_radio(ap, heard[i], band);
     if (radio == nullptr || !is_adjustable(*radio)) continue;
-    if (bss.rssi_dbm > radio->rssi_threshold(kLoud)) loud_.push_back(&bss);
+    if (heard[i].rssi_dbm() > radio->rssi_threshold(kLoud)) loud_.push_back(i);
   }
   // The EIRP limits make the outcome depend on the order; BSSIDs give one that can be repeated.
-  std::sort(loud_.begin(), loud_.end(),
-            [](const HeardBss* a, const HeardBss* b) { return a->bssid < b->bssid; });
-  for (const HeardBss* bss : loud_) lower_owner(ap, *bss);
+  std::sort(loud_.begin(), loud_.end(), [&sources](std::size_t a, std::size_t b) {
+    return sources[a].bssid < sources[b].bssid;
+  });
+  for (const std::size_t i : loud_) lower_owner(ap, heard[i], sources[i].owner);
 }
 
 /// The radio of `ap` that a BSS of this band disturbs.
@@ -79,15 +84,15 @@ const Radio* TpcDcaPowerPlan::disturbed_radio(const SceneAp& ap, const HeardBss&
   return config_.use_hd_mode ? nullptr : first;
 }
 
-void TpcDcaPowerPlan::lower_owner(const SceneAp& ap, const HeardBss& bss) {
-  if (answering_owner(bss) == nullptr) return;
-  const auto owner = static_cast<std::size_t>(bss.owner);
+void TpcDcaPowerPlan::lower_owner(const SceneAp& ap, const HeardBss& bss, std::int32_t owner) {
+  if (answering(owner) == nullptr) return;
+  const auto index = static_cast<std::size_t>(owner);
   const std::int32_t band = band_of(bss);
   const std::int32_t target = disturbed_radio(ap, bss, band)->rssi_threshold(kTarget);
-  RadioList& radios = scene_.aps()[owner].entry->radios;
+  RadioList& radios = scene_.aps()[index].entry->radios;
   radios.mark_conflicted(bss.use.channel, band);
-  if (radios.apply_power_step_for_band(bss.use.channel, band, bss.rssi_dbm, target) != 0)
-    changed_[owner] = true;
+  if (radios.apply_power_step_for_band(bss.use.channel, band, bss.rssi_dbm(), target) != 0)
+    changed_[index] = true;
 }
 
 void TpcDcaPowerPlan::raise_radios_of(std::size_t ap) {
@@ -100,20 +105,22 @@ void TpcDcaPowerPlan::raise_radios_of(std::size_t ap) {
 
 /// @return whether the power changed
 bool TpcDcaPowerPlan::raise(const SceneAp& ap, Radio& radio) {
+  const std::span<const HeardBss> heard = scene_.heard(ap);
+  const std::span<const HeardSource> sources = scene_.sources(ap);
   std::int32_t loudest = kSilenceDbm;
-  for (const HeardBss& bss : scene_.members(ap))
-    if (bss.rssi_dbm > loudest && in_band(radio.band, bss.band) && is_co_channel(radio, bss))
-      loudest = bss.rssi_dbm;
+  for (std::size_t i = 0; i < heard.size(); ++i) {
+    if (heard[i].rssi_dbm() <= loudest || !in_band(radio.band, heard[i].band)) continue;
+    const ApEntry* owner = answering(sources[i].owner);
+    if (owner != nullptr && is_co_channel(radio, *owner)) loudest = heard[i].rssi_dbm();
+  }
   if (loudest == kSilenceDbm) return radio.apply_power_increase(kSilenceDbm, 0, 0) != 0;
   return radio.apply_power_increase(loudest, radio.rssi_threshold(kTarget),
                                     radio.rssi_threshold(kQuiet)) != 0;
 }
 
 /// Whether the owner of a heard BSS uses the radio's channel.
-bool TpcDcaPowerPlan::is_co_channel(const Radio& radio, const HeardBss& bss) const {
-  const ApEntry* owner = answering_owner(bss);
-  if (owner == nullptr) return false;
-  for (const Radio& other : owner->radios.radios) {
+bool TpcDcaPowerPlan::is_co_channel(const Radio& radio, const ApEntry& owner) const {
+  for (const Radio& other : owner.radios.radios) {
     if (other.band != radio.band) continue;
     if (other.channel == radio.channel) return true;
     if (config_.use_hd_mode ? shares_wide_block(use_of(radio), use_of(other)) : other.channel != 0)

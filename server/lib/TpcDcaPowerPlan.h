@@ -26,17 +26,17 @@ class TpcDcaPowerPlan {
 
  private:
   void lower_neighbours_of(const SceneAp& ap);
-  void lower_owner(const SceneAp& ap, const HeardBss& bss);
+  void lower_owner(const SceneAp& ap, const HeardBss& bss, std::int32_t owner);
   const Radio* disturbed_radio(const SceneAp& ap, const HeardBss& bss, std::int32_t band) const;
   void raise_radios_of(std::size_t ap);
   bool raise(const SceneAp& ap, Radio& radio);
-  bool is_co_channel(const Radio& radio, const HeardBss& bss) const;
-  const ApEntry* answering_owner(const HeardBss& bss) const;
+  bool is_co_channel(const Radio& radio, const ApEntry& owner) const;
+  const ApEntry* answering(std::int32_t owner) const;
 
   const TpcDcaScene& scene_;
   const DomainConfig& config_;
   std::vector<bool> changed_;
-  std::vector<const HeardBss*> loud_;  ///< reused by lower_neighbours_of()
+  std::vector<std::size_t> loud_;  ///< reused by lower_neighbours_of()
 };
 
 }  // namespace rrm

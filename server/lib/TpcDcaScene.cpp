@@ -11,11 +11,11 @@ constexpr std::int32_t kRssiLimitDbm = 10000;
 constexpr std::uint64_t kLocalBit = std::uint64_t{2} << 40;
 
 std::vector<SceneAp> in_mac_order(ApMap& snapshot) {
-  std::vector<SceneAp> aps;
-  aps.reserve(snapshot.size());
-  for (auto& [mac, entry] : snapshot.aps()) aps.push_back({entry.get(), 0, 0, 0, {}});
+  std::vector<SceneAp> aps(snapshot.size());
+  std::size_t next = 0;
+  for (auto& [mac, entry] : snapshot.aps()) aps[next++].entry = entry.get();
   std::sort(aps.begin(), aps.end(), [](const SceneAp& a, const SceneAp& b) {
-    return a.entry->base_mac < b.entry->base_mac;
+    return a.entry->base_mac.number() < b.entry->base_mac.number();
   });
   return aps;
 }
@@ -27,6 +27,11 @@ std::size_t count_macs(const std::vector<SceneAp>& aps) {
     for (const Radio& radio : ap.entry->radios.radios) count += 1 + radio.vaps.size();
   }
   return count;
+}
+
+std::size_t band_index(std::int32_t band) {
+  const auto found = std::find(kSceneBands.begin(), kSceneBands.end(), band);
+  return static_cast<std::size_t>(found - kSceneBands.begin());
 }
 
 }  // namespace
@@ -49,7 +54,7 @@ class TpcDcaScene::MacTable {
     if (group < 0) group = groups_++;
     return group;
   }
-  std::int32_t groups() const noexcept { return groups_; }
+  std::size_t groups() const noexcept { return static_cast<std::size_t>(groups_); }
 
   struct Found {
     std::int32_t owner = -1;
@@ -91,6 +96,104 @@ class TpcDcaScene::MacTable {
   std::int32_t groups_ = 0;
 };
 
+/// Fills a scene.
+class TpcDcaScene::Builder {
+ public:
+  explicit Builder(TpcDcaScene& scene) : scene_(scene), macs_(count_macs(scene.aps_)) {}
+
+  void build() {
+    register_macs();
+    scene_.channels_.resize(scene_.aps_.size());
+    for (std::size_t i = 0; i < scene_.aps_.size(); ++i) lay_out(i);
+    group_by_radio();
+  }
+
+ private:
+  void register_macs() {
+    std::size_t heard = 0;
+    for (std::size_t i = 0; i < scene_.aps_.size(); ++i) {
+      SceneAp& ap = scene_.aps_[i];
+      const auto owner = static_cast<std::int32_t>(i);
+      heard += ap.entry->visible_members.size() + ap.entry->visible_rogue.size();
+      macs_.own(ap.entry->base_mac.number(), owner);
+      for (const Radio& radio : ap.entry->radios.radios) {
+        macs_.own(radio.mac.number(), owner);
+        ap.radio_groups.push_back(macs_.group(radio.mac.number()));
+        for (const auto& [ssid, vap] : radio.vaps.vaps()) macs_.own(vap.mac.number(), owner);
+      }
+    }
+    scene_.heard_.resize(heard);
+    scene_.sources_.resize(heard);
+    groups_.resize(heard);
+  }
+
+  void lay_out(std::size_t index) {
+    SceneAp& ap = scene_.aps_[index];
+    ap.members = static_cast<std::int32_t>(ap.entry->visible_members.size());
+    own_macs_.clear();
+    for (const Radio& radio : ap.entry->radios.radios) own_macs_.push_back(radio.mac.number());
+    make_room(ap);
+    for (const auto& [mac, neighbour] : ap.entry->visible_members) {
+      const std::uint64_t bssid = mac.number();
+      const MacTable::Found found = macs_.find(bssid);
+      scene_.channels_[index].add(neighbour.channel);
+      place(bssid, neighbour, found.owner, found.group);
+    }
+    for (const auto& [mac, neighbour] : ap.entry->visible_rogue)
+      place(mac.number(), neighbour, -1, -1);
+  }
+
+  /// Sets where the entries of each band start.
+  void make_room(SceneAp& ap) {
+    std::array<std::uint32_t, kSceneBands.size() + 1> counts{};
+    for (const NeighbourMap* map : {&ap.entry->visible_members, &ap.entry->visible_rogue})
+      for (const auto& [bssid, neighbour] : *map) ++counts[band_index(neighbour.band)];
+    for (std::size_t band = 0; band < counts.size(); ++band) {
+      ap.bands[band] = next_[band] = end_;
+      end_ += counts[band];
+    }
+    ap.bands.back() = end_;
+  }
+
+  void place(std::uint64_t bssid, const Neighbour& neighbour, std::int32_t owner,
+             std::int32_t group) {
+    const std::uint32_t index = next_[band_index(neighbour.band)]++;
+    const std::int32_t rssi = std::clamp(neighbour.dbm_signal, -kRssiLimitDbm, kRssiLimitDbm);
+    HeardBss& bss = scene_.heard_[index];
+    bss.use = {neighbour.channel, neighbour.bandwidth, neighbour.primary};
+    bss.interference = interference_of(rssi, bss.use);
+    bss.band = neighbour.band;
+    for (std::size_t i = 0; i < own_macs_.size() && i < 32; ++i)
+      if (own_macs_[i] == bssid) bss.own_radios |= std::uint32_t{1} << i;
+    scene_.sources_[index] = {bssid, owner};
+    groups_[index] = group;
+  }
+
+  void group_by_radio() {
+    std::vector<std::uint32_t>& begin = scene_.group_begin_;
+    begin.assign(macs_.groups() + 1, 0);
+    for (const std::int32_t group : groups_)
+      if (group >= 0) ++begin[static_cast<std::size_t>(group) + 1];
+    for (std::size_t i = 1; i < begin.size(); ++i) begin[i] += begin[i - 1];
+    scene_.hearings_.resize(begin.back());
+    std::vector<std::uint32_t> next(begin.begin(), begin.end());
+    for (std::uint32_t listener = 0; listener < scene_.aps_.size(); ++listener) {
+      const SceneAp& ap = scene_.aps_[listener];
+      for (std::uint32_t entry = ap.bands.front(); entry < ap.bands.back(); ++entry)
+        if (groups_[entry] >= 0)
+          scene_.hearings_[next[static_cast<std::size_t>(groups_[entry])]++] = {entry, listener};
+    }
+  }
+
+  TpcDcaScene& scene_;
+  MacTable macs_;
+  std::vector<std::int32_t> groups_;  ///< per heard entry: group of its BSSID; -1 none
+  std::uint32_t end_ = 0;             ///< of the entries laid out
+  // Of the access point being laid out:
+  std::vector<std::uint64_t> own_macs_;                       ///< of its radios
+  std::array<std::uint32_t, kSceneBands.size() + 1> next_{};  ///< free place of each band
+};
+
 void TpcDcaScene::ChannelUses::add(std::int32_t channel) noexcept {
   if (channel < 1 || channel > 255) return;
   if (uses[static_cast<std::size_t>(channel)]++ == 0) ++distinct;
@@ -101,86 +204,30 @@ void TpcDcaScene::ChannelUses::remove(std::int32_t channel) noexcept {
   if (--uses[static_cast<std::size_t>(channel)] == 0) --distinct;
 }
 
-TpcDcaScene::TpcDcaScene(ApMap& snapshot) : aps_(in_mac_order(snapshot)) {
-  MacTable macs(count_macs(aps_));
-  lay_out(macs);
-  channels_.resize(aps_.size());
-  for (std::size_t i = 0; i < aps_.size(); ++i) {
-    SceneAp& ap = aps_[i];
-    const auto listener = static_cast<std::int32_t>(i);
-    ap.members_begin = heard_.size();
-    add_heard(macs, ap.entry->visible_members, listener);
-    ap.members_end = heard_.size();
-    for (const HeardBss& bss : members(ap)) channels_[i].add(bss.use.channel);
-    add_heard(macs, ap.entry->visible_rogue, listener);
-    ap.end = heard_.size();
-    // Only what is heard of the own domain is rewritten.
-    std::fill(heard_group_.begin() + static_cast<std::ptrdiff_t>(ap.members_end),
-              heard_group_.end(), -1);
-  }
-  group_by_radio(macs);
-}
+TpcDcaScene::TpcDcaScene(ApMap& snapshot) : aps_(in_mac_order(snapshot)) { Builder(*this).build(); }
 
-void TpcDcaScene::lay_out(MacTable& macs) {
-  std::size_t heard = 0;
-  for (std::size_t i = 0; i < aps_.size(); ++i) {
-    SceneAp& ap = aps_[i];
-    const auto owner = static_cast<std::int32_t>(i);
-    heard += ap.entry->visible_members.size() + ap.entry->visible_rogue.size();
-    macs.own(ap.entry->base_mac.number(), owner);
-    for (const Radio& radio : ap.entry->radios.radios) {
-      macs.own(radio.mac.number(), owner);
-      ap.radio_groups.push_back(macs.group(radio.mac.number()));
-      for (const auto& [ssid, vap] : radio.vaps.vaps()) macs.own(vap.mac.number(), owner);
-    }
-  }
-  heard_.reserve(heard);
-  heard_group_.reserve(heard);
-}
-
-void TpcDcaScene::add_heard(const MacTable& macs, const NeighbourMap& heard,
-                            std::int32_t listener) {
-  for (const auto& [mac, neighbour] : heard) {
-    const std::uint64_t bssid = mac.number();
-    const MacTable::Found found = macs.find(bssid);
-    const std::int32_t rssi = std::clamp(neighbour.dbm_signal, -kRssiLimitDbm, kRssiLimitDbm);
-    const ChannelUse use{neighbour.channel, neighbour.bandwidth, neighbour.primary};
-    heard_.push_back(
-        {interference_of(rssi, use), neighbour.band, found.owner, listener, rssi, use, bssid});
-    heard_group_.push_back(found.group);
-  }
-}
-
-void TpcDcaScene::group_by_radio(const MacTable& macs) {
-  group_begin_.assign(static_cast<std::size_t>(macs.groups()) + 1, 0);
-  for (const std::int32_t group : heard_group_)
-    if (group >= 0) ++group_begin_[static_cast<std::size_t>(group) + 1];
-  for (std::size_t i = 1; i < group_begin_.size(); ++i) group_begin_[i] += group_begin_[i - 1];
-  grouped_.resize(group_begin_.back());
-  std::vector<std::uint32_t> next(group_begin_.begin(), group_begin_.end());
-  for (std::size_t i = 0; i < heard_group_.size(); ++i)
-    if (heard_group_[i] >= 0)
-      grouped_[next[static_cast<std::size_t>(heard_group_[i])]++] = static_cast<std::uint32_t>(i);
-}
-
-std::span<const std::uint32_t> TpcDcaScene::heard_as(const SceneAp& ap,
-                                                     std::size_t radio) const noexcept {
+std::span<const TpcDcaScene::Hearing> TpcDcaScene::hearings(const SceneAp& ap,
+                                                            std::size_t radio) const noexcept {
   const auto group = static_cast<std::size_t>(ap.radio_groups[radio]);
-  return {grouped_.data() + group_begin_[group], group_begin_[group + 1] - group_begin_[group]};
+  return {hearings_.data() + group_begin_[group], group_begin_[group + 1] - group_begin_[group]};
 }
 
-void TpcDcaScene::retune(HeardBss& bss, std::int32_t channel, std::int32_t position) noexcept {
-  ChannelUses& uses = channels_[static_cast<std::size_t>(bss.listener)];
-  uses.remove(bss.use.channel);
-  uses.add(channel);
+void TpcDcaScene::retune(const Hearing& hearing, std::int32_t channel,
+                         std::int32_t position) noexcept {
+  HeardBss& bss = heard_[hearing.entry];
+  if (bss.use.channel != channel) {
+    ChannelUses& uses = channels_[hearing.listener];
+    uses.remove(bss.use.channel);
+    uses.add(channel);
+  }
   bss.use.channel = channel;
   bss.use.position = position;
-  bss.interference = interference_of(bss.rssi_dbm, bss.use);
+  bss.interference = interference_of(bss.rssi_dbm(), bss.use);
 }
 
 void TpcDcaScene::turn_radio(const SceneAp& ap, std::size_t radio, std::int32_t position) {
-  for (const std::uint32_t index : heard_as(ap, radio))
-    retune(heard_[index], heard_[index].use.channel, position);
+  for (const Hearing& hearing : hearings(ap, radio))
+    retune(hearing, heard_[hearing.entry].use.channel, position);
 }
 
 }  // namespace rrm

@@ -11,28 +11,38 @@
 
 namespace rrm {
 
-/// One entry of what an access point hears.
+/// One entry of what an access point hears, as channel assignment reads it: half a cache line.
 struct HeardBss {
   Interference interference;
-  std::int32_t band = 0;      ///< as reported: 0 unknown, 2, 5 or 6
-  std::int32_t owner = -1;    ///< index of the access point of this domain that owns it; -1 none
-  std::int32_t listener = 0;  ///< index of the access point that hears it
-  std::int32_t rssi_dbm = 0;
   ChannelUse use;
-  std::uint64_t bssid = 0;
+  std::int32_t band = 0;  ///< as reported: 0 unknown, 2, 5 or 6
+  std::uint32_t own_radios =
+      0;  ///< bit i: it is the very MAC of the hearing access point's radio i
+
+  std::int32_t rssi_dbm() const noexcept { return interference.weight - 100; }
 };
 
-/// An access point of the scene and its part of the heard entries.
+/// Where such an entry comes from, which only power control asks.
+struct HeardSource {
+  std::uint64_t bssid = 0;
+  /// Index of the access point that owns the BSSID when it was reported as one of this domain; -1.
+  std::int32_t owner = -1;
+};
+
+/// An access point of the scene.
 struct SceneAp {
   ApEntry* entry = nullptr;
-  std::size_t members_begin = 0;  ///< heard BSSs of this domain, then the others
-  std::size_t members_end = 0;
-  std::size_t end = 0;
-  std::vector<std::int32_t> radio_groups;  ///< per radio: the heard entries of its MAC; -1 none
+  std::int32_t members = 0;  ///< BSSIDs of this domain that it hears
+  /// Where its heard entries of each band start, in the order of kSceneBands; the end comes last.
+  std::array<std::uint32_t, 6> bands{};
+  std::vector<std::int32_t> radio_groups;  ///< per radio: the heard entries of its MAC
 };
 
-/// A snapshot laid out for computation: access points in MAC order, what each hears in one array,
-/// and where each radio is heard.
+/// Bands in the order of a scene: unknown, 2.4, 5 and 6 GHz, and numbers that are no band.
+inline constexpr std::array<std::int32_t, 4> kSceneBands = {0, 2, 5, 6};
+
+/// A snapshot laid out for computation: access points in MAC order, what each hears in one array
+/// ordered by band, and where each radio is heard.
 ///
 /// Purpose:   moving a radio touches only the entries of those that hear it, and each access point
 ///            keeps counters from which its number of heard channels follows at once.
@@ -43,11 +53,16 @@ class TpcDcaScene {
   explicit TpcDcaScene(ApMap& snapshot);
 
   const std::vector<SceneAp>& aps() const noexcept { return aps_; }
-  std::span<const HeardBss> members(const SceneAp& ap) const noexcept {
-    return {heard_.data() + ap.members_begin, ap.members_end - ap.members_begin};
+  std::span<const HeardBss> heard(const SceneAp& ap) const noexcept {
+    return range(ap.bands.front(), ap.bands.back());
   }
-  std::span<const HeardBss> all_heard(const SceneAp& ap) const noexcept {
-    return {heard_.data() + ap.members_begin, ap.end - ap.members_begin};
+  /// Entries of the band with this index in kSceneBands.
+  std::span<const HeardBss> heard_in(const SceneAp& ap, std::size_t band_index) const noexcept {
+    return range(ap.bands[band_index], ap.bands[band_index + 1]);
+  }
+  /// Of the same entries as heard(), in the same order.
+  std::span<const HeardSource> sources(const SceneAp& ap) const noexcept {
+    return {sources_.data() + ap.bands.front(), ap.bands.back() - ap.bands.front()};
   }
 
   /// Number of distinct channels (1 to 255) that an access point hears from this domain.
@@ -58,9 +73,9 @@ class TpcDcaScene {
   template <typename OnCount>
   void move_radio(const SceneAp& ap, std::size_t radio, std::int32_t channel, std::int32_t position,
                   OnCount on_count) {
-    for (const std::uint32_t index : heard_as(ap, radio)) {
-      retune(heard_[index], channel, position);
-      on_count(static_cast<std::size_t>(heard_[index].listener));
+    for (const Hearing& hearing : hearings(ap, radio)) {
+      retune(hearing, channel, position);
+      on_count(static_cast<std::size_t>(hearing.listener));
     }
   }
   /// Rewrites only the position.
@@ -69,26 +84,32 @@ class TpcDcaScene {
  private:
   /// How often each channel is heard by one access point.
   struct ChannelUses {
-    std::array<std::uint32_t, 256> uses{};
     std::int32_t distinct = 0;
+    std::array<std::uint32_t, 256> uses{};
 
     void add(std::int32_t channel) noexcept;
     void remove(std::int32_t channel) noexcept;
   };
+  /// An entry (index) and the access point that hears it.
+  struct Hearing {
+    std::uint32_t entry = 0;
+    std::uint32_t listener = 0;
+  };
   class MacTable;
+  class Builder;
 
-  void lay_out(MacTable& macs);
-  void add_heard(const MacTable& macs, const NeighbourMap& heard, std::int32_t listener);
-  void group_by_radio(const MacTable& macs);
-  std::span<const std::uint32_t> heard_as(const SceneAp& ap, std::size_t radio) const noexcept;
-  void retune(HeardBss& bss, std::int32_t channel, std::int32_t position) noexcept;
+  std::span<const HeardBss> range(std::uint32_t begin, std::uint32_t end) const noexcept {
+    return {heard_.data() + begin, end - begin};
+  }
+  std::span<const Hearing> hearings(const SceneAp& ap, std::size_t radio) const noexcept;
+  void retune(const Hearing& hearing, std::int32_t channel, std::int32_t position) noexcept;
 
   std::vector<SceneAp> aps_;
   std::vector<HeardBss> heard_;
+  std::vector<HeardSource> sources_;        ///< of each heard entry
   std::vector<ChannelUses> channels_;       ///< per access point
-  std::vector<std::int32_t> heard_group_;   ///< per heard entry: group of its MAC; -1 none
-  std::vector<std::uint32_t> group_begin_;  ///< per group: where it starts in grouped_
-  std::vector<std::uint32_t> grouped_;      ///< indexes of heard entries, group by group
+  std::vector<std::uint32_t> group_begin_;  ///< per radio group: where it starts in hearings_
+  std::vector<Hearing> hearings_;           ///< group by group
 };
 
 }  // namespace rrm
