@@ -82,6 +82,20 @@ TEST(ReportJson, HoldsTheSameFigures) {
   EXPECT_FALSE(report.child("air").has("6")) << "no radios there";
 }
 
+/// What Progress writes into a file, which is no terminal.
+class ProgressLines : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_NE(file = std::tmpfile(), nullptr); }
+  void TearDown() override { std::fclose(file); }
+  std::string written() {
+    std::rewind(file);
+    std::string text;
+    for (int c; (c = std::fgetc(file)) != EOF;) text += static_cast<char>(c);
+    return text;
+  }
+  std::FILE* file = nullptr;
+};
+
 /// Accepts everything and does nothing.
 class NoConnections : public Connections {
  public:
@@ -112,6 +126,26 @@ TEST(StatusLines, SumUpTheDomainsThatDoNotFitAndStayWithinTheTerminal) {
   ASSERT_EQ(lines.size(), 4u);
   EXPECT_EQ(lines[3], "and 3 more: 3 subscribing");
   for (const std::string& line : lines) EXPECT_LE(line.size(), 30u);
+}
+
+TEST_F(ProgressLines, AreOnePerChangeAndASummaryEveryTenSeconds) {
+  World world(Scenario::of_size(2, 1, 1));
+  NoConnections connections;
+  FleetRun run(world, {}, connections, 0);
+  Progress progress(file);
+  progress.show(run, 0);
+  progress.show(run, 5000);
+  run.advance(5000);
+  for (std::uint32_t ap = 0; ap < 2; ++ap) {
+    run.on_open(5100, ap);
+    run.on_text(5100, ap, R"({"service":"rrm","cmd":"subscribe-response","status":"success"})");
+  }
+  progress.show(run, 5200);
+  progress.show(run, 10000);
+  EXPECT_EQ(written(),
+            "   0.0 s  0/2 subscribed, 0 open, 0 lost, 0 refused, 0 sent, 0 received\n"
+            "   5.2 s  site-1           waiting     [####################] 2/2 planning delay\n"
+            "  10.0 s  2/2 subscribed, 2 open, 0 lost, 0 refused, 2 sent, 2 received\n");
 }
 
 }  // namespace

@@ -189,8 +189,6 @@ void Progress::print_changes(const FleetRun& run, Millis now) {
   if (printed) std::fflush(stream_);
 }
 
-void Progress::finish(const FleetRun& run, Millis now) {
-  if (terminal_) redraw(run, now);
-}
+void Progress::finish(const FleetRun& run, Millis now) { show(run, now); }
 
 }  // namespace rrm::fleet

@@ -31,8 +31,8 @@ unsigned long long big(std::uint64_t number) noexcept { return number; }
 
 void summary(std::string& text, const Report& r) {
   const Counters& c = r.counters;
-  line(text, "Fleet         %u access points in %zu domains, seed %llu, %.1f s", r.aps,
-       r.domains.size(), big(r.seed), seconds(r.elapsed));
+  line(text, "Fleet         %u access points in %zu domain%s, seed %llu, %.1f s", r.aps,
+       r.domains.size(), r.domains.size() == 1 ? "" : "s", big(r.seed), seconds(r.elapsed));
   if (r.all_subscribed_after) {
     line(text, "Subscribed    %u of %u; all of them after %.1f s", r.subscribed, r.aps,
          seconds(*r.all_subscribed_after));
