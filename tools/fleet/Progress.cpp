@@ -182,8 +182,12 @@ void Progress::print_changes(const FleetRun& run, Millis now) {
   }
   if (first || now - last_line_ >= kLineEvery) {
     last_line_ = now;
-    for (const std::string& line : lines(run, now, 200, 0))
-      std::fprintf(stream_, "%s\n", line.c_str());
+    const std::size_t own_lines = stages_.size() > kMostDomains ? 0 : stages_.size();
+    std::vector<std::string> summary = lines(run, now, 200, own_lines);
+    // Domains that get a line whenever their stage changes need none here.
+    summary.erase(summary.begin() + 1,
+                  summary.begin() + 1 + static_cast<std::ptrdiff_t>(own_lines));
+    for (const std::string& line : summary) std::fprintf(stream_, "%s\n", line.c_str());
     printed = true;
   }
   if (printed) std::fflush(stream_);
