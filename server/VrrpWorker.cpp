@@ -49,6 +49,22 @@ bool read_file(const std::string& path, std::string& text) {
   return true;
 }
 
+/// Gives every radio interface of a status the VAPs of the radio with its id, key material
+/// included.
+void replace_vaps(yajson::JsonValue& access_point, const JsonReader& radios) {
+  yajson::JsonValue* list = access_point.find("radios");
+  yajson::JsonValue* interfaces = list != nullptr ? list->find("interfaces") : nullptr;
+  if (interfaces == nullptr) return;
+  for (yajson::JsonValue& interface : interfaces->as_array()) {
+    const yajson::JsonValue* id = interface.find("id");
+    for (std::size_t i = 0; id != nullptr && i < radios.size(); ++i) {
+      const JsonReader radio = radios.child(static_cast<int>(i));
+      if (radio.get_int("id") == id->as_int() && radio.has("vaps"))
+        interface.set("vaps", radio.child("vaps").value()->copy());
+    }
+  }
+}
+
 }  // namespace
 
 VrrpWorker::VrrpWorker(rrm::RRM* dispatcher, rrm::GlobalConfig* config)
@@ -123,13 +139,16 @@ bool VrrpWorker::back_up_access_point(const std::string& domain, const JsonReade
   JsonWriter request;
   request.add("domain", domain);
   request.add("ap", listed.get_str("mac"));
-  const JsonReader reply = ask(request);
+  const JsonReader status = ask(request);
+  JsonWriter::object(request, "fbt-links");
+  const JsonReader links = ask(request);
   for (const char* key : {"active-ap", "unanswered-ap", "deleted-ap"}) {
-    if (!reply.has(key)) continue;
+    const JsonReader access_point = status.child(key);
+    if (access_point.is_null()) continue;
     JsonWriter entry = JsonWriter::object(array);
-    const JsonReader access_point = reply.child(key);
     for (const auto& member : access_point.value()->as_object())
       entry.add(member.key(), member.value);
+    replace_vaps(entry.resolve(), links.child(key).child("radios"));
     for (const char* text : {"board", "hw", "serial"}) entry.add(text, listed.get_str(text));
     return true;
   }

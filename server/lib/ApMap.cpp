@@ -181,17 +181,21 @@ void ApMap::to_json(JsonWriter& array) const {
 void ApMap::list_to_json(JsonWriter& array, bool full) const {
   for (const auto& [mac, entry] : aps_) {
     JsonWriter object = JsonWriter::object(array);
-    object.add("board", entry->description.board);
-    object.add("mac", mac.upper().c_str());
-    object.add("serial", entry->description.serial);
-    object.add("hw", entry->description.hw);
-    JsonWriter radios = JsonWriter::array(object, "radios");
-    for (const Radio& radio : entry->radios.radios) {
-      JsonWriter element = JsonWriter::object(radios);
-      element.add("id", radio.id);
-      JsonWriter vaps = JsonWriter::array(element, "vaps");
-      radio.vaps.to_json(vaps, full);
-    }
+    listed_to_json(*entry, object, full);
+  }
+}
+
+void ApMap::listed_to_json(const ApEntry& entry, JsonWriter& object, bool full) {
+  object.add("board", entry.description.board);
+  object.add("mac", entry.base_mac.upper().c_str());
+  object.add("serial", entry.description.serial);
+  object.add("hw", entry.description.hw);
+  JsonWriter radios = JsonWriter::array(object, "radios");
+  for (const Radio& radio : entry.radios.radios) {
+    JsonWriter element = JsonWriter::object(radios);
+    element.add("id", radio.id);
+    JsonWriter vaps = JsonWriter::array(element, "vaps");
+    radio.vaps.to_json(vaps, full);
   }
 }
 

@@ -65,6 +65,8 @@ class ApMap {
 
   void to_json(JsonWriter& array) const;                  ///< status form of every access point
   void list_to_json(JsonWriter& array, bool full) const;  ///< factory data and VAPs only
+  /// One element of that list; full VAPs carry key material and links.
+  static void listed_to_json(const ApEntry& entry, JsonWriter& object, bool full);
 
   /// 802.11k neighbour entries for `receiver`, from what it hears or from all access points.
   void build_80211k_list(const ApEntry& receiver, JsonWriter& array,

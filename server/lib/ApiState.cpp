@@ -151,7 +151,10 @@ void Api::describe_access_point(RrmWorker& worker, const JsonReader& command, Js
     if (!ap) continue;
     found = true;
     JsonWriter object = JsonWriter::object(reply, key);
-    ap->to_json(object);
+    if (command.has("fbt-links"))
+      ApMap::listed_to_json(*ap, object, true);
+    else
+      ap->to_json(object);
   }
   if (!found) reply.add("error", "ap not found");
 }

@@ -19,6 +19,7 @@ class ConfigText {
     text_ = std::move(text);
     return *this;
   }
+  ConfigText& operator=(const char* text) { return *this = std::string(text); }
 
   std::string get() const {
     const std::lock_guard lock(mutex_);

@@ -1,0 +1,240 @@
+#include "server/VrrpWorker.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "server/LibraryHooks.h"
+#include "server/lib/RRM.h"
+#include "tests/server/CapturedProcessLog.h"
+#include "tests/support/Engine.h"
+#include "tests/support/TempFolder.h"
+
+namespace {
+
+using rrm::JsonReader;
+using rrm::JsonWriter;
+using rrm::VrrpRole;
+using rrm::test::Engine;
+using rrm::test::RadioSpec;
+using rrm::test::TempFolder;
+
+/// A domain "site" with access points, its dispatcher and a VRRP worker on a stopped clock.
+class Vrrp : public testing::Test {
+ protected:
+  Vrrp() {
+    config().vrrp_enabled = true;
+    config().vrrp_timeout = 5;
+    config().vrrp_backup_path = backups();
+    config().vrrp_state_file = folder_.file("keep.mode");
+    engine_.rrm().workers().insert("site", engine_.shared_worker());
+  }
+  rrm::GlobalConfig& config() { return engine_.global(); }
+  std::string backups() const { return folder_.file("backup"); }
+  void back_up() {
+    vrrp_.on_domain_changed("site");
+    engine_.clock().advance(5);
+    vrrp_.poll_timers();
+  }
+  std::string restored() {
+    JsonWriter document;
+    JsonWriter array = JsonWriter::array(document, "domains");
+    vrrp_.restore_domains_from_backup(array);
+    return array.str();
+  }
+
+  static rrm::DomainConfig roaming_config() {
+    rrm::DomainConfig config = Engine::quiet_config();
+    config.use_80211k = true;
+    config.use_80211r = true;
+    return config;
+  }
+
+  TempFolder folder_;
+  CapturedProcessLog log_;
+  Engine engine_{roaming_config()};
+  VrrpWorker vrrp_{&engine_.rrm(), &engine_.global()};
+};
+
+TEST_F(Vrrp, ThreeChangesWithinTheTimeoutGiveOneBackupThatLongAfterTheLast) {
+  engine_.subscribe(1, {RadioSpec{}});
+  for (int i = 0; i < 3; ++i) {
+    vrrp_.on_domain_changed("site");
+    engine_.clock().advance(4);
+    vrrp_.poll_timers();
+    EXPECT_FALSE(folder_.has("backup/site.json")) << i;
+  }
+  engine_.clock().advance(1);
+  vrrp_.poll_timers();
+  EXPECT_TRUE(folder_.has("backup/site.json"));
+  std::filesystem::remove(folder_.file("backup/site.json"));
+  engine_.clock().advance(100);
+  vrrp_.poll_timers();
+  EXPECT_FALSE(folder_.has("backup/site.json")) << "one run for all";
+}
+
+TEST_F(Vrrp, WithoutVrrpNothingIsBackedUp) {
+  config().vrrp_enabled = false;
+  back_up();
+  EXPECT_FALSE(folder_.has("backup"));
+}
+
+TEST_F(Vrrp, BackupHoldsWhatARestoreReads) {
+  engine_.subscribe(1, {RadioSpec{.vaps = {{.id = 1, .ssid = "a", .k = true, .r = true}}}});
+  engine_.subscribe(2, {RadioSpec{}});
+  engine_.close_session(102);
+  back_up();
+  const std::string text = folder_.read("backup/site.json");
+  EXPECT_EQ(text.substr(0, text.find(":[{\"mac\"")),
+            R"({"name":"site","rrm-status":0,"fbt-status":1,"aps")");
+  const JsonReader document(text.c_str());
+  ASSERT_EQ(document.child("aps").size(), 1U);
+  EXPECT_EQ(document.child("unanswered-aps").size(), 0U);
+  ASSERT_EQ(document.child("deleted-aps").size(), 1U);
+  const JsonReader aps = document.child("aps");
+  const JsonReader ap = aps.child(0);
+  EXPECT_STREQ(ap.get_str("mac"), "00:11:22:00:01:00");
+  EXPECT_STREQ(ap.get_str("board"), "KV-810");
+  EXPECT_STREQ(ap.get_str("hw"), "A");
+  EXPECT_STREQ(ap.get_str("serial"), "S1");
+  const JsonReader radios = ap.child("radios");
+  const JsonReader interfaces = radios.child("interfaces");
+  const JsonReader radio = interfaces.child(0);
+  const JsonReader vaps = radio.child("vaps");
+  ASSERT_EQ(vaps.size(), 1U);
+  EXPECT_TRUE(vaps.child(0).has("fbt-rrb-key")) << "the VAPs carry their key material";
+}
+
+TEST_F(Vrrp, BackupRestoresTheDomainAtAnotherController) {
+  engine_.subscribe(1, {RadioSpec{.channel = 44}});
+  back_up();
+  Engine other;
+  const JsonReader backup(folder_.read("backup/site.json").c_str());
+  other.worker().load_backup(backup);
+  ASSERT_EQ(other.worker().aps_to_delete().size(), 1U);
+  const auto ap =
+      other.worker().aps_to_delete().find(rrm::MacAddress::from_text("00:11:22:00:01:00"));
+  ASSERT_NE(ap, nullptr);
+  EXPECT_EQ(ap->description.serial, "S1");
+  EXPECT_EQ(ap->radios.radios.at(0).channel, 44);
+}
+
+TEST_F(Vrrp, UnknownDomainsAndPathsInNamesAreSkipped) {
+  vrrp_.on_domain_changed("nosuch");
+  vrrp_.on_domain_changed("../site");
+  back_up();
+  EXPECT_TRUE(folder_.has("backup/site.json"));
+  EXPECT_FALSE(folder_.has("backup/nosuch.json"));
+  EXPECT_FALSE(folder_.has("site.json"));
+}
+
+TEST_F(Vrrp, EmptyBackupPathIsLoggedAndNothingIsWritten) {
+  config().vrrp_backup_path = "";
+  back_up();
+  EXPECT_EQ(log_.texts(el::Level::Error), std::vector<std::string>{"backup_path  invalid"});
+  EXPECT_EQ(restored(), "[]");
+  EXPECT_EQ(log_.texts(el::Level::Error).size(), 2U);
+  // The domain still waits.
+  config().vrrp_backup_path = backups();
+  vrrp_.make_domains_backup();
+  EXPECT_TRUE(folder_.has("backup/site.json"));
+}
+
+TEST_F(Vrrp, BackupFolderThatCannotBeCreatedIsLogged) {
+  config().vrrp_backup_path = folder_.file("no/such/folder");
+  back_up();
+  EXPECT_TRUE(
+      log_.has(el::Level::Error, "backup_path " + folder_.file("no/such/folder") + " invalid"));
+}
+
+TEST_F(Vrrp, FileThatIsNoJsonStillRestoresTheOthers) {
+  std::filesystem::create_directory(backups());
+  folder_.write("backup/bad.json", "{\"name\":");
+  folder_.write("backup/good.json", "{\"name\":\"good\"}");
+  std::filesystem::create_directory(folder_.file("backup/folder.json"));
+  EXPECT_EQ(restored(), R"([{"name":"good"}])");
+  const auto errors = log_.texts(el::Level::Error);
+  ASSERT_EQ(errors.size(), 1U);
+  EXPECT_EQ(errors[0],
+            "Reading backup file " + folder_.file("backup/bad.json") +
+                " failed: JSON parse error at line 1, column 9: unexpected end of input: "
+                "unexpected end of input");
+}
+
+struct RoleCase {
+  const char* name;
+  const char* content;  ///< of the state file; null for no file
+  VrrpRole role;
+};
+
+class VrrpStateFile : public Vrrp, public testing::WithParamInterface<RoleCase> {};
+
+TEST_P(VrrpStateFile, GivesTheRoleOnStart) {
+  if (GetParam().content != nullptr) folder_.write("keep.mode", GetParam().content);
+  config().vrrp_enabled = true;
+  config().listen_port = 0;
+  engine_.rrm().workers().clear();
+  rrm::RRM dispatcher(&config());
+  VrrpWorker vrrp(&dispatcher, &config());
+  dispatcher.start();
+  EXPECT_EQ(dispatcher.get_vrrp_role(), VrrpRole::Backup);
+  vrrp.set_vrrp_role_on_start();
+  EXPECT_EQ(dispatcher.get_vrrp_role(), GetParam().role);
+  EXPECT_EQ(
+      log_.has(el::Level::Error, "Error opening VRRP state file " + folder_.file("keep.mode")),
+      GetParam().content == nullptr);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Content, VrrpStateFile,
+    testing::Values(RoleCase{"Backup", "BACKUP\nmore\n", VrrpRole::Backup},
+                    RoleCase{"BackupWithoutLineEnd", "BACKUP", VrrpRole::Backup},
+                    RoleCase{"TrailingBlankMeansMaster", "BACKUP \n", VrrpRole::Master},
+                    RoleCase{"Master", "MASTER\n", VrrpRole::Master},
+                    RoleCase{"Empty", "", VrrpRole::Master},
+                    RoleCase{"NoFile", nullptr, VrrpRole::Master}),
+    [](const auto& row) { return row.param.name; });
+
+TEST_F(Vrrp, WithoutVrrpTheStateFileIsNotRead) {
+  config().vrrp_enabled = false;
+  vrrp_.set_vrrp_role_on_start();
+  EXPECT_TRUE(log_.texts(el::Level::Error).empty());
+  EXPECT_EQ(engine_.rrm().get_vrrp_role(), VrrpRole::Master);
+}
+
+TEST_F(Vrrp, ChangedDomainsReachTheListenerThroughTheEventHook) {
+  engine_.subscribe(1, {RadioSpec{}});
+  install_library_hooks();
+  set_domain_listener(&vrrp_);
+  rrm::raise_event(rrm::EventCode::DomainChanged, std::string());
+  rrm::raise_event(rrm::EventCode::QueueOverflow, "site");
+  engine_.clock().advance(5);
+  vrrp_.poll_timers();
+  EXPECT_FALSE(folder_.has("backup")) << "no name, or another event";
+  rrm::raise_event(rrm::EventCode::DomainChanged, "site");
+  set_domain_listener(nullptr);
+  rrm::raise_event(rrm::EventCode::DomainChanged, "site");
+  engine_.clock().advance(5);
+  vrrp_.poll_timers();
+  EXPECT_TRUE(folder_.has("backup/site.json"));
+  rrm::set_log_sink(nullptr);
+  rrm::set_event_sink(nullptr);
+}
+
+TEST_F(Vrrp, LibraryRecordsReachTheProcessLogWithTheirCallSite) {
+  install_library_hooks();
+  rrm::log_write("server/lib/X.cpp", 7, "operator()", rrm::LogLevel::Warning, "%s %d %%", "text",
+                 42);
+  rrm::set_log_sink(nullptr);
+  rrm::set_event_sink(nullptr);
+  const auto records = log_.records();
+  ASSERT_EQ(records.size(), 1U);
+  EXPECT_EQ(records[0].level, el::Level::Warning);
+  EXPECT_EQ(records[0].function, "operator()");
+  EXPECT_EQ(records[0].text, "text 42 %");
+}
+
+}  // namespace

@@ -1,0 +1,95 @@
+#include "tests/support/ProcessUnderTest.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+namespace rrm::test {
+namespace {
+
+constexpr char kOutput[] = "/stdout.txt";
+constexpr char kErrors[] = "/stderr.txt";
+constexpr int kPoll_ms = 5;
+
+std::string content(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  std::ostringstream text;
+  text << file.rdbuf();
+  return text.str();
+}
+
+[[noreturn]] void become(const std::string& folder, const std::vector<std::string>& arguments) {
+  std::vector<char*> words;
+  for (const std::string& argument : arguments)
+    words.push_back(const_cast<char*>(argument.c_str()));
+  words.push_back(nullptr);
+  const int output = ::open((folder + kOutput).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  const int errors = ::open((folder + kErrors).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  ::dup2(output, STDOUT_FILENO);
+  ::dup2(errors, STDERR_FILENO);
+  // The program tears itself down in a signal handler on purpose.
+  ::setenv("TSAN_OPTIONS", "report_signal_unsafe=0:halt_on_error=1:exitcode=66", 1);
+  if (::chdir(folder.c_str()) == 0) ::execv(words[0], words.data());
+  ::_exit(127);
+}
+
+}  // namespace
+
+ProcessUnderTest::ProcessUnderTest(const std::string& folder,
+                                   const std::vector<std::string>& arguments)
+    : folder_(folder), pid_(::fork()) {
+  if (pid_ == 0) become(folder, arguments);
+}
+
+ProcessUnderTest::~ProcessUnderTest() {
+  if (!is_running()) return;
+  signal(SIGKILL);
+  ::waitpid(pid_, nullptr, 0);
+}
+
+void ProcessUnderTest::signal(int number) const {
+  if (pid_ > 0) ::kill(pid_, number);
+}
+
+bool ProcessUnderTest::is_running() {
+  if (ended_ || pid_ <= 0) return false;
+  int status = 0;
+  if (::waitpid(pid_, &status, WNOHANG) != pid_) return true;
+  ended_ = true;
+  status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return false;
+}
+
+int ProcessUnderTest::wait(int timeout_ms) {
+  for (int waited = 0; is_running() && waited < timeout_ms; waited += kPoll_ms)
+    ::poll(nullptr, 0, kPoll_ms);
+  return ended_ ? status_ : -1;
+}
+
+std::string ProcessUnderTest::output() const { return content(folder_ + kOutput); }
+std::string ProcessUnderTest::errors() const { return content(folder_ + kErrors); }
+
+int free_port() {
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof(address);
+  int port = 0;
+  if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), length) == 0 &&
+      ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0)
+    port = ntohs(address.sin_port);
+  ::close(fd);
+  return port;
+}
+
+}  // namespace rrm::test

@@ -1,0 +1,213 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "server/lib/Config.h"
+#include "server/lib/JsonReader.h"
+#include "tests/support/HttpClient.h"
+#include "tests/support/ProcessUnderTest.h"
+#include "tests/support/TempFolder.h"
+#include "tests/support/WebsockClients.h"
+
+/// The real process, started with a configuration and ports of its own.
+namespace {
+
+using rrm::JsonReader;
+using rrm::test::free_port;
+using rrm::test::http_get;
+using rrm::test::http_post;
+using rrm::test::HttpReply;
+using rrm::test::ProcessUnderTest;
+using rrm::test::TcpClient;
+using rrm::test::TempFolder;
+using rrm::test::wait_until;
+using rrm::test::WebsockClients;
+
+class Process : public testing::Test {
+ protected:
+  void SetUp() override {
+    struct stat state {};
+    if (::stat("/etc/tavro-wavelom/wavelom_logger.conf", &state) == 0)
+      GTEST_SKIP() << "this machine has a logger configuration of its own";
+  }
+  void configure(const std::string& members = "") {
+    folder_.write("index.html", "<html>site</html>");
+    folder_.write("c.conf", R"({"global":{"api_port":)" + std::to_string(web_port_) +
+                                R"(,"cli_api_port":)" + std::to_string(tcp_port_) +
+                                R"(,"listen_port":)" + std::to_string(ap_port_) +
+                                R"(,"www_path":")" + folder_.path() + R"(","reports_path":")" +
+                                folder_.path() + "\"" + members +
+                                R"(},"domains":[{"domain":"site1","pattern":"common",)" +
+                                R"("time_zone":"3:00"}]})");
+  }
+  void start(const std::vector<std::string>& arguments = {"c.conf"}) {
+    std::vector<std::string> words = {WAVELOM_EXECUTABLE};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    process_ = std::make_unique<ProcessUnderTest>(folder_.path(), words);
+  }
+  bool is_serving(int port) {
+    return wait_until([&] { return TcpClient(port).is_connected() || !process_->is_running(); }) &&
+           process_->is_running();
+  }
+  void start_and_wait() {
+    start();
+    ASSERT_TRUE(is_serving(web_port_)) << process_->output() << process_->errors();
+    ASSERT_TRUE(is_serving(ap_port_)) << process_->output();
+  }
+  int interrupt() {
+    process_->signal(SIGINT);
+    return process_->wait();
+  }
+  std::string ask(const std::string& request) { return http_post(web_port_, request).body; }
+
+  TempFolder folder_;
+  int web_port_ = free_port();
+  int tcp_port_ = free_port();
+  int ap_port_ = free_port();
+  std::unique_ptr<ProcessUnderTest> process_;
+};
+
+TEST_F(Process, ServesManagementAndFilesAndEndsOnInterruptWithStatus0) {
+  configure();
+  start_and_wait();
+  EXPECT_NE(ask(R"({"rrm":{}})").find(R"("wavelom_version":"1.9.1.323-amd64","domains":[]})"),
+            std::string::npos);
+  EXPECT_EQ(http_get(web_port_, "/www/wavelom/").body, "<html>site</html>");
+  TcpClient tcp(tcp_port_);
+  std::string reply;
+  ASSERT_TRUE(tcp.send(R"({"vrrp":{}})"));
+  ASSERT_TRUE(tcp.receive(reply));
+  EXPECT_NE(reply.find(R"("role":"master")"), std::string::npos);
+  EXPECT_EQ(interrupt(), 0);
+  EXPECT_NE(process_->output().find("Shutting down."), std::string::npos);
+  EXPECT_FALSE(TcpClient(web_port_).is_connected());
+  EXPECT_FALSE(TcpClient(tcp_port_).is_connected());
+  EXPECT_FALSE(TcpClient(ap_port_).is_connected());
+}
+
+TEST_F(Process, SaysThatItUsesDefaultLoggerSettings) {
+  configure();
+  start_and_wait();
+  EXPECT_EQ(interrupt(), 0);
+  EXPECT_EQ(process_->output().substr(0, 63),
+            "Logger cfg file does not exist. Using default logger settings.\n");
+}
+
+TEST_F(Process, RewritesItsConfigurationInNormalForm) {
+  configure();
+  start_and_wait();
+  const std::string normal = folder_.read("c.conf");
+  EXPECT_EQ(normal.substr(0, 60),
+            "{\n    \"version\": \"2.1\",\n    \"global\": {\n        \"enabled\": 1");
+  EXPECT_EQ(interrupt(), 0);
+  EXPECT_EQ(rrm::GlobalConfig(folder_.file("c.conf")).get_time_zone("site1"), 10800);
+  EXPECT_EQ(folder_.read("c.conf"), normal);
+}
+
+TEST_F(Process, AccessPointSubscribesOverWebsocketAndIsListed) {
+  configure();
+  start_and_wait();
+  WebsockClients clients(ap_port_);
+  const std::size_t ap = clients.open_all(1);
+  clients.send(ap, R"({"service":"rrm","version":"2.4","cmd":"subscribe-request",)"
+                   R"("domain":"site1","ap-mac":"00:11:22:00:01:00",)"
+                   R"("factory":{"board":"B","hw":"H","serial":"S",)"
+                   R"("mac":"00:11:22:00:01:00"},"radios":[]})");
+  const auto replies = clients.wait_received(ap);
+  ASSERT_FALSE(replies.empty());
+  EXPECT_STREQ(JsonReader(replies[0].c_str()).get_str("cmd"), "subscribe-response");
+  EXPECT_NE(ask(R"({"rrm":{}})").find(R"({"name":"site1","ap-count":1)"), std::string::npos);
+  EXPECT_NE(ask(R"({"rrm":{"sessions":1}})"), "");
+  EXPECT_EQ(interrupt(), 0) << "with an open session";
+}
+
+TEST_F(Process, ChangesOfTheConfigurationAreSaved) {
+  configure();
+  start_and_wait();
+  EXPECT_NE(ask(R"({"cfg":{"operation":"add","level":"domain",)"
+                R"("config":{"domain":"site2","pattern":"common"}}})")
+                .find(R"("add_status":"Success")"),
+            std::string::npos);
+  EXPECT_EQ(http_post(web_port_, R"({"cfg":{"operation":"set","level":"global",)"
+                                 R"("config":{"vrrp_timeout":20}}})")
+                .status,
+            200)
+      << "which restarts the dispatcher";
+  EXPECT_TRUE(is_serving(ap_port_));
+  EXPECT_EQ(interrupt(), 0);
+  const rrm::GlobalConfig config(folder_.file("c.conf"));
+  EXPECT_TRUE(config.is_domain_exist("site2"));
+  EXPECT_EQ(config.vrrp_timeout, 20);
+}
+
+TEST_F(Process, SettingsOfTheSecondArgumentOnAreIgnored) {
+  configure();
+  start({"c.conf", "other.conf", "--help"});
+  EXPECT_TRUE(is_serving(web_port_));
+  EXPECT_EQ(interrupt(), 0);
+}
+
+TEST_F(Process, InterruptDuringStartUpWaitsForTheFirstPass) {
+  configure();
+  for (int i = 0; i < 5; ++i) {
+    start();
+    ::usleep(static_cast<useconds_t>(3000 * (i + 1)));
+    // Before the first line of main the signal still has its default effect.
+    if (!wait_until([&] { return !process_->output().empty() || !process_->is_running(); })) FAIL();
+    EXPECT_EQ(interrupt(), 0) << i;
+  }
+}
+
+TEST_F(Process, BrokenConfigurationGivesTheDefaults) {
+  folder_.write("c.conf", "{ this is no JSON");
+  start();
+  EXPECT_TRUE(wait_until([&] { return folder_.read("c.conf").find("2.1") != std::string::npos; }));
+  EXPECT_TRUE(process_->is_running());
+  EXPECT_EQ(interrupt(), 0);
+  EXPECT_EQ(rrm::GlobalConfig(folder_.file("c.conf")).api_port, 8089);
+}
+
+TEST_F(Process, DisabledControllerServesManagementOnly) {
+  configure(R"(,"enabled":0)");
+  start();
+  ASSERT_TRUE(is_serving(web_port_));
+  EXPECT_NE(ask(R"({"rrm":{}})").find(R"("domains":[])"), std::string::npos);
+  EXPECT_FALSE(TcpClient(ap_port_).is_connected());
+  EXPECT_EQ(interrupt(), 0);
+  EXPECT_NE(process_->output().find("Wavelom version 1.9.1.323-amd64 disabled"), std::string::npos);
+}
+
+TEST_F(Process, BackupControllerServesAccessPointsOnceItIsMaster) {
+  folder_.write("keep.mode", "BACKUP\n");
+  configure(R"(,"vrrp_enabled":1,"vrrp_state_file":")" + folder_.file("keep.mode") +
+            R"(","vrrp_backup_path":")" + folder_.file("backup") + "\"");
+  start();
+  ASSERT_TRUE(is_serving(web_port_));
+  EXPECT_NE(ask(R"({"vrrp":{}})").find(R"("role":"backup")"), std::string::npos);
+  EXPECT_FALSE(TcpClient(ap_port_).is_connected());
+  EXPECT_NE(ask(R"({"vrrp":{"role":"master"}})").find("success"), std::string::npos);
+  EXPECT_TRUE(is_serving(ap_port_));
+  EXPECT_EQ(interrupt(), 0);
+}
+
+TEST_F(Process, BusyPortsLeaveItRunning) {
+  configure();
+  start_and_wait();
+  const auto first = std::move(process_);
+  start();
+  EXPECT_TRUE(wait_until([&] {
+    return process_->output().find("bind: Address already in use") != std::string::npos;
+  }));
+  EXPECT_TRUE(process_->is_running());
+  EXPECT_EQ(interrupt(), 0);
+  process_ = nullptr;
+  first->signal(SIGINT);
+  EXPECT_EQ(first->wait(), 0);
+}
+
+}  // namespace
