@@ -133,6 +133,8 @@ std::size_t ApMap::age() {
 
 ApMap ApMap::snapshot() const {
   ApMap copy;
+  copy.aps_.reserve(aps_.size());
+  copy.storage_.reserve_like(storage_);
   for (const auto& [mac, entry] : aps_) {
     const Entry copied = entry->copy();
     copy.insert(copied);

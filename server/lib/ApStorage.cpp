@@ -5,10 +5,16 @@
 #include "server/lib/Hooks.h"
 
 namespace rrm {
+namespace {
+
+constexpr std::size_t kUsualMacs = 16;  ///< of an access point: three radios, some SSIDs
+
+}  // namespace
 
 void ApStorage::insert_ap(const std::shared_ptr<ApEntry>& entry) {
   erase_ap(entry);
   std::vector<MacAddress> claimed;
+  claimed.reserve(kUsualMacs);
   for (const Radio& radio : entry->radios.radios) {
     if (!radio.status) continue;
     const Owner owner{entry, radio.id};
@@ -30,6 +36,11 @@ const ApStorage::Owner* ApStorage::find(const MacAddress& mac) const {
   auto found = owners_.find(mac);
   if (found == owners_.end()) found = owners_.find(mac.twin());
   return found == owners_.end() ? nullptr : &found->second;
+}
+
+void ApStorage::reserve_like(const ApStorage& other) {
+  owners_.reserve(other.owners_.size());
+  macs_of_.reserve(other.macs_of_.size());
 }
 
 void ApStorage::erase_macs(const MacAddress& base_mac) {

@@ -28,6 +28,8 @@ class ApStorage {
   /// The owner of a MAC, or null.
   const Owner* find(const MacAddress& mac) const;
   std::size_t size() const noexcept { return owners_.size(); }
+  /// Makes room for an index as large as another.
+  void reserve_like(const ApStorage& other);
 
  private:
   std::unordered_map<MacAddress, Owner> owners_;

@@ -15,9 +15,17 @@ void AssocMap::from_json(const JsonReader& assoclist) {
     const char* mac = element.get_str("mac");
     const char* ssid = element.get_str("ssid");
     if (*mac == '\0' || *ssid == '\0') continue;
-    associated_.try_emplace(MacAddress::from_text(mac),
-                            AssocClient{element.get_int("rssi"), 0, ssid, false, false});
+    const MacAddress address = MacAddress::from_text(mac);
+    if (refuse(address)) return;
+    associated_.try_emplace(address, AssocClient{element.get_int("rssi"), 0, ssid, false, false});
   }
+}
+
+/// Whether the client would be one too many.
+bool AssocMap::refuse(const MacAddress& mac) const {
+  if (associated_.size() < kMaxClients || associated_.count(mac) > 0) return false;
+  RRM_LOG(Warning, "Client %s refused, the radio has %zu", mac.upper().c_str(), associated_.size());
+  return true;
 }
 
 void AssocMap::add_client(const MacAddress& mac, std::int32_t rssi_dbm, const std::string& ssid,
@@ -28,7 +36,7 @@ void AssocMap::add_client(const MacAddress& mac, std::int32_t rssi_dbm, const st
 }
 
 void AssocMap::replace_client(const MacAddress& mac, const AssocClient& client) {
-  associated_.insert_or_assign(mac, client);
+  if (!refuse(mac)) associated_.insert_or_assign(mac, client);
 }
 
 void AssocMap::remove_client(const MacAddress& mac) { associated_.erase(mac); }

@@ -32,6 +32,10 @@ struct ExpectedClient {
 /// Threading: the domain worker's thread only.
 class AssocMap {
  public:
+  /// Clients that one radio can have; no access point may fill the memory. Further ones are refused
+  /// with a Warning record.
+  static constexpr std::size_t kMaxClients = 8192;
+
   /// Associated plus expected clients: the load figure of the balancers.
   std::size_t count() const noexcept { return associated_.size() + expected_.size(); }
 
@@ -66,6 +70,8 @@ class AssocMap {
   static void client_to_json(const AssocClient& client, JsonWriter& object);
 
  private:
+  bool refuse(const MacAddress& mac) const;
+
   std::unordered_map<MacAddress, AssocClient> associated_;
   std::unordered_map<MacAddress, ExpectedClient> expected_;
 };

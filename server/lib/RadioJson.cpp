@@ -144,8 +144,10 @@ void Radio::available_channels_from_text(const char* text, ChannelSets& channel_
   }
 }
 
+/// Numbers beyond the channel plan are kept too, but no message may fill the memory with them.
 void Radio::add_available_channel(std::int32_t number, ChannelSets& channel_sets) {
-  if (number < 1) return;
+  constexpr std::size_t kMaxChannels = 1024;
+  if (number < 1 || available_channels.size() >= kMaxChannels) return;
   available_channels.insert(number);
   if (number > 233) return;
   if (number > 165 && band != 6) return;

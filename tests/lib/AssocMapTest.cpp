@@ -197,6 +197,34 @@ TEST(AssocMap, ClearEmptiesBoth) {
   EXPECT_EQ(map.count(), 0u);
 }
 
+TEST(AssocMap, RefusesOneClientTooMany) {
+  AssocMap map;
+  for (std::uint32_t i = 0; i < AssocMap::kMaxClients; ++i)
+    map.add_client(kFirst.plus(i), -50, "corp", false, false);
+  EXPECT_EQ(map.count(), AssocMap::kMaxClients);
+  test::CapturedLog log;
+  map.add_client(kAp, -50, "corp", false, false);
+  EXPECT_EQ(map.find(kAp), nullptr);
+  EXPECT_TRUE(log.has(LogLevel::Warning, "Client 00:11:22:33:44:50 refused, the radio has 8192"));
+  map.add_client(kFirst, -40, "corp", false, false);  // known ones may still change
+  EXPECT_EQ(map.find(kFirst)->dbm_signal, -40);
+  map.remove_client(kFirst);
+  map.add_client(kAp, -50, "corp", false, false);
+  EXPECT_NE(map.find(kAp), nullptr);
+}
+
+TEST(AssocMap, TakesNoMoreOfALongListThanARadioCanHave) {
+  std::string text = "[";
+  for (std::uint32_t i = 0; i < 10000; ++i)
+    text += (i > 0 ? "," : "") + std::string("{\"mac\":\"") + kFirst.plus(i).upper().c_str() +
+            "\",\"ssid\":\"s\"}";
+  AssocMap map;
+  test::CapturedLog log;
+  map.from_json(JsonReader((text + "]").c_str()));
+  EXPECT_EQ(map.count(), AssocMap::kMaxClients);
+  EXPECT_EQ(log.texts(LogLevel::Warning).size(), 1u);
+}
+
 TEST(AssocMap, DumpsItsCountsAndClients) {
   AssocMap map;
   map.add_client(kFirst, -50, "corp", true, false);

@@ -832,6 +832,12 @@ TEST_F(RadioChannels, WithMoreDigitsThanANumberHasStayAtTheHighest) {
   EXPECT_THAT(any.available_channels, UnorderedElementsAre(INT_MAX));
 }
 
+TEST_F(RadioChannels, AreNoMoreThan1024) {
+  std::string text = R"({"available-channels":")";
+  for (int i = 1; i <= 100000; ++i) text += std::to_string(i) + ",";
+  EXPECT_EQ(read(text + "\"}").available_channels.size(), 1024u);
+}
+
 // --- writing ---
 
 TEST_F(RadioJson, OfTheStatusOfANewRadio) {
