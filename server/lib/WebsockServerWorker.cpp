@@ -113,6 +113,28 @@ int printable(std::string_view text) { return static_cast<int>(std::min(text.siz
 
 }  // namespace
 
+/// One service thread: its loop and the sessions that have something to send.
+struct WebsockServerWorker::ServiceThread {
+  ServiceThread() : loop(ev_loop_new(EVFLAG_AUTO)) {
+    ev_async_init(&wake_up, [](struct ev_loop*, ev_async* watcher, int) {
+      lws_cancel_service(static_cast<lws_context*>(watcher->data));
+    });
+    ev_async_start(loop, &wake_up);
+  }
+  ~ServiceThread() { ev_loop_destroy(loop); }
+  ServiceThread(const ServiceThread&) = delete;
+  ServiceThread& operator=(const ServiceThread&) = delete;
+
+  /// Lets the library ask for what there is to do; from any thread.
+  void wake() { ev_async_send(loop, &wake_up); }
+
+  struct ev_loop* loop;
+  ev_async wake_up;  ///< its data is the context
+  std::thread thread;
+  std::mutex waiting_mutex;
+  std::vector<SessionAddress> waiting;  ///< guarded by waiting_mutex
+};
+
 WebsockServerWorker::WebsockServerWorker(RRM* owner, const GlobalConfig* config)
     : Worker("websock-server-worker", owner, kIdleWait_us, kCapacity, false),
       config_(config),
@@ -138,7 +160,6 @@ bool WebsockServerWorker::create_context() {
   services_.clear();
   loops_.clear();
   services_.push_back(std::make_unique<ServiceThread>());
-  services_.back()->loop = ev_loop_new(EVFLAG_AUTO);
   loops_.push_back(services_.back()->loop);
 
   lws_context_creation_info info{};
@@ -163,6 +184,7 @@ bool WebsockServerWorker::create_context() {
     destroy_context();
     return false;
   }
+  for (auto& service : services_) service->wake_up.data = context;
   const std::lock_guard lock(context_mutex_);
   context_ = context;
   bound_port_ = lws_get_vhost_listen_port(lws_get_vhost_by_name(context, "default"));
@@ -202,13 +224,11 @@ void WebsockServerWorker::disconnect() {
 }
 
 void WebsockServerWorker::join_threads() {
-  {
-    const std::lock_guard lock(context_mutex_);
-    if (context_ != nullptr) lws_cancel_service(context_);
-  }
   wake_parsers();
-  for (auto& service : services_)
+  for (auto& service : services_) {
+    service->wake();
     if (service->thread.joinable()) service->thread.join();
+  }
   for (std::thread& parser : parsers_) parser.join();
   parsers_.clear();
 }
@@ -221,8 +241,6 @@ void WebsockServerWorker::destroy_context() {
   }
   bound_port_ = 0;
   if (context != nullptr) lws_context_destroy(context);
-  for (auto& service : services_)
-    if (service->loop != nullptr) ev_loop_destroy(service->loop);
   services_.clear();
   loops_.clear();
 }
@@ -513,7 +531,7 @@ void WebsockServerWorker::announce(Outgoing& queue, const SessionAddress& addres
     first = service.waiting.empty();
     service.waiting.push_back(address);
   }
-  if (first) lws_cancel_service(context_);
+  if (first) service.wake();
 }
 
 void WebsockServerWorker::on_wait_cancelled(lws* stand_in) {

@@ -18,7 +18,6 @@
 #include "server/lib/WebsockSession.h"
 #include "server/lib/Worker.h"
 
-struct ev_loop;
 struct lws_context;
 struct lws_protocols;
 
@@ -32,8 +31,8 @@ class GlobalConfig;
 ///            which pass them to the dispatcher; sends what other threads queue for a session. Its
 ///            own worker thread only connects, waits and disconnects.
 /// Threading: enqueue_* and sessions() from any thread. Callbacks of libwebsockets run on its
-/// service
-///            threads; foreign threads call nothing of it but lws_cancel_service.
+///            service threads; foreign threads only wake these through their loops, because even
+///            lws_cancel_service writes log lines into a buffer that all threads share.
 ///            Lock order: session map, then an outgoing-queue map; the id, flood and waiting
 ///            mutexes are taken alone. No lock is held while pushing into a ring or calling the
 ///            dispatcher.
@@ -97,13 +96,7 @@ class WebsockServerWorker : public Worker {
   using Outgoing = _SafeQueue<Message>;
   using Received = std::pair<std::string, SessionAddress>;
 
-  /// Service threads' view of one of them: its loop and the sessions that have something to send.
-  struct ServiceThread {
-    ev_loop* loop = nullptr;
-    std::thread thread;
-    std::mutex waiting_mutex;
-    std::vector<SessionAddress> waiting;  ///< guarded by waiting_mutex
-  };
+  struct ServiceThread;
 
   bool create_context();
   void destroy_context();

@@ -57,7 +57,7 @@ INSTANTIATE_TEST_SUITE_P(Requested, WorkerCapacity,
 TEST_F(WorkerTest, ProcessesMessagesInTheirOrderWithTheirSessions) {
   worker_->start();
   for (int i = 0; i < 100; ++i) worker_->enqueue_message(message(i), session(7));
-  ASSERT_TRUE(wait_until([&] { return worker_->records().size() == 100; }));
+  ASSERT_TRUE(wait_until([&] { return worker_->record_count() == 100; }));
   for (int i = 0; i < 100; ++i) {
     const auto record = worker_->records()[static_cast<std::size_t>(i)];
     EXPECT_EQ(record.first, "{\"n\":" + std::to_string(i) + "}");
@@ -71,7 +71,7 @@ TEST_F(WorkerTest, AForceMessageGoesBeforeEverythingQueuedEarlier) {
   worker_->enqueue_message_force(message(3), kNoSession);
   EXPECT_EQ(worker_->queue_size(), 3U);
   worker_->start();
-  ASSERT_TRUE(wait_until([&] { return worker_->records().size() == 3; }));
+  ASSERT_TRUE(wait_until([&] { return worker_->record_count() == 3; }));
   EXPECT_EQ(worker_->texts(), (Texts{R"({"n":3})", R"({"n":1})", R"({"n":2})"}));
 }
 
@@ -107,7 +107,7 @@ TEST_F(WorkerTest, AStoppedOneCanBeStartedAgainAndDoesNotFindItsOwnStopMessage) 
     worker_->start();
     worker_->enqueue_message(message(round), kNoSession);
     ASSERT_TRUE(
-        wait_until([&] { return worker_->records().size() == static_cast<std::size_t>(round); }));
+        wait_until([&] { return worker_->record_count() == static_cast<std::size_t>(round); }));
     worker_->stop();
     EXPECT_EQ(worker_->connects, round);
     EXPECT_EQ(worker_->disconnects, round);
@@ -115,7 +115,7 @@ TEST_F(WorkerTest, AStoppedOneCanBeStartedAgainAndDoesNotFindItsOwnStopMessage) 
   worker_->stop();  // never started since: nothing to join, nothing left behind
   worker_->start();
   worker_->enqueue_message(message(4), kNoSession);
-  EXPECT_TRUE(wait_until([&] { return worker_->records().size() == 4; }));
+  EXPECT_TRUE(wait_until([&] { return worker_->record_count() == 4; }));
 }
 
 TEST_F(WorkerTest, StartOnAStartedOneDoesNothing) {
@@ -123,7 +123,7 @@ TEST_F(WorkerTest, StartOnAStartedOneDoesNothing) {
   ASSERT_TRUE(wait_until([&] { return worker_->is_ready(); }));
   worker_->start();
   worker_->enqueue_message(message(1), kNoSession);
-  ASSERT_TRUE(wait_until([&] { return worker_->records().size() == 1; }));
+  ASSERT_TRUE(wait_until([&] { return worker_->record_count() == 1; }));
   EXPECT_EQ(worker_->connects, 1);
   EXPECT_TRUE(worker_->is_ready());
 }
@@ -162,7 +162,7 @@ TEST_F(WorkerTest, ConnectIsCalledAgainUntilItSucceeds) {
   worker_->on_connect = [&] { return worker_->connects == 3; };
   worker_->enqueue_message(message(1), kNoSession);
   worker_->start();
-  ASSERT_TRUE(wait_until([&] { return worker_->records().size() == 1; }));
+  ASSERT_TRUE(wait_until([&] { return worker_->record_count() == 1; }));
   EXPECT_EQ(worker_->connects, 3);
 }
 
@@ -184,6 +184,7 @@ TEST_F(WorkerTest, IsConnectedAnewWhenItIsNoLongerReady) {
   };
   worker_->start();
   EXPECT_TRUE(wait_until([&] { return worker_->connects == 2; }));
+  worker_->stop();
 }
 
 TEST_F(WorkerTest, RunLockedNeverOverlapsAMessage) {
@@ -194,7 +195,7 @@ TEST_F(WorkerTest, RunLockedNeverOverlapsAMessage) {
     worker_->enqueue_message(message(i), kNoSession);
     worker_->run_locked([&] { ++shared; });
   }
-  ASSERT_TRUE(wait_until([&] { return worker_->records().size() == 500; }));
+  ASSERT_TRUE(wait_until([&] { return worker_->record_count() == 500; }));
   EXPECT_EQ(worker_->run_locked([&] { return shared; }), 1000);
 }
 
@@ -203,6 +204,7 @@ TEST_F(WorkerTest, OnLoopRunsAlsoWhileIdle) {
   worker_->on_pass = [&] { ++passes; };
   worker_->start();
   EXPECT_TRUE(wait_until([&] { return passes > 3; }));
+  worker_->stop();
 }
 
 TEST_F(WorkerTest, EveryThreadIsNamedWorker) {
@@ -214,7 +216,7 @@ TEST_F(WorkerTest, EveryThreadIsNamedWorker) {
   };
   worker_->start();
   worker_->enqueue_message(message(1), kNoSession);
-  ASSERT_TRUE(wait_until([&] { return worker_->records().size() == 1; }));
+  ASSERT_TRUE(wait_until([&] { return worker_->record_count() == 1; }));
   worker_->stop();
   EXPECT_EQ(name, "Worker");
   EXPECT_EQ(worker_->name(), "w");
@@ -233,7 +235,7 @@ TEST_F(WorkerTest, WorksWithoutAWakeUpDescriptor) {
   plain->start();
   ASSERT_TRUE(wait_until([&] { return plain->is_ready(); }));
   plain->enqueue_message(message(1), kNoSession);
-  EXPECT_TRUE(wait_until([&] { return plain->records().size() == 1; }));
+  EXPECT_TRUE(wait_until([&] { return plain->record_count() == 1; }));
   plain->stop();
 }
 
@@ -250,7 +252,7 @@ TEST_F(WorkerTest, ManyProducersLoseNothing) {
       }
     });
   for (std::thread& producer : producers) producer.join();
-  EXPECT_TRUE(wait_until([&] { return worker_->records().size() == 12000; }));
+  EXPECT_TRUE(wait_until([&] { return worker_->record_count() == 12000; }));
   EXPECT_EQ(worker_->dropped_count(), 0U);
 }
 
@@ -286,7 +288,7 @@ TEST_F(WorkerTest, AProducerOnAFullQueueIsServedWhenTheWorkerMakesRoom) {
   std::thread producer([&] { small->enqueue_message(message(2), kNoSession); });
   small->start();
   producer.join();
-  EXPECT_TRUE(wait_until([&] { return small->records().size() == 3; }));
+  EXPECT_TRUE(wait_until([&] { return small->record_count() == 3; }));
   small->stop();
 }
 
@@ -394,7 +396,7 @@ TEST_F(OwnedWorkerTest, OneThatEndsDoesNotTakeItsSuccessorAlong) {
   old->join();
   EXPECT_EQ(rrm_.find_worker("site"), successor);
   successor->enqueue_message(message(1), kNoSession);
-  EXPECT_TRUE(wait_until([&] { return successor->records().size() == 1; }));
+  EXPECT_TRUE(wait_until([&] { return successor->record_count() == 1; }));
 }
 
 TEST_F(OwnedWorkerTest, EndingAndBeingStoppedAtOnceDoNotHurtEachOther) {

@@ -40,7 +40,7 @@ class LoopbackServer {
     return result;
   }
   bool wait_records(std::size_t count) {
-    return wait_until([&] { return site->records().size() >= count; }, 60000);
+    return wait_until([&] { return site->record_count() >= count; }, 60000);
   }
 
   GlobalConfig config;

@@ -47,6 +47,10 @@ class RecordingWorker : public Worker {
     const std::lock_guard lock(mutex_);
     return records_;
   }
+  std::size_t record_count() const {
+    const std::lock_guard lock(mutex_);
+    return records_.size();
+  }
   std::vector<std::string> texts() const {
     std::vector<std::string> result;
     for (const Record& record : records()) result.push_back(record.first);

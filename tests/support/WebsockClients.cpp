@@ -25,6 +25,11 @@ bool wait_until(const std::function<bool()>& condition, int timeout_ms) {
   return true;
 }
 
+/// Wakes the service thread without calling the library from another one.
+struct WebsockClients::Wake {
+  ev_async watcher;
+};
+
 struct WebsockClients::Client {
   WebsockClients* owner = nullptr;
   lws* wsi = nullptr;          // service thread
@@ -37,7 +42,13 @@ struct WebsockClients::Client {
   std::pair<int, std::string> close_reason;  // guarded by mutex_
 };
 
-WebsockClients::WebsockClients(int port) : port_(port), loop_(ev_loop_new(EVFLAG_AUTO)) {
+WebsockClients::WebsockClients(int port)
+    : port_(port), loop_(ev_loop_new(EVFLAG_AUTO)), wake_(std::make_unique<Wake>()) {
+  ev_async_init(&wake_->watcher, [](struct ev_loop*, ev_async* watcher, int) {
+    static_cast<WebsockClients*>(watcher->data)->run_commands();
+  });
+  wake_->watcher.data = this;
+  ev_async_start(loop_, &wake_->watcher);
   static const lws_protocols protocols[] = {
       {"websock-rrm",
        [](lws* wsi, lws_callback_reasons reason, void* user, void* in, std::size_t length) {
@@ -63,7 +74,7 @@ WebsockClients::WebsockClients(int port) : port_(port), loop_(ev_loop_new(EVFLAG
 
 WebsockClients::~WebsockClients() {
   stop_ = true;
-  lws_cancel_service(context_);
+  ev_async_send(loop_, &wake_->watcher);
   thread_.join();
   lws_context_destroy(context_);
   ev_loop_destroy(loop_);
@@ -76,7 +87,7 @@ void WebsockClients::command(std::function<void()> function) {
     const std::lock_guard lock(mutex_);
     commands_.push_back(std::move(function));
   }
-  lws_cancel_service(context_);
+  ev_async_send(loop_, &wake_->watcher);
 }
 
 void WebsockClients::run_commands() {
@@ -158,10 +169,6 @@ void WebsockClients::close(std::size_t number) {
 // --- service thread
 
 int WebsockClients::callback(lws* wsi, int reason, void* user, void* in, std::size_t length) {
-  if (reason == LWS_CALLBACK_EVENT_WAIT_CANCELLED) {
-    static_cast<WebsockClients*>(lws_context_user(lws_get_context(wsi)))->run_commands();
-    return 0;
-  }
   auto* const client = static_cast<Client*>(user);
   if (client == nullptr) return 0;
   return client->owner->on_event(wsi, *client, reason, static_cast<const char*>(in), length);

@@ -58,6 +58,7 @@ class WebsockClients {
     int kind;
   };
   struct Client;
+  struct Wake;
 
   static int callback(lws* wsi, int reason, void* user, void* in, std::size_t length);
   int on_event(lws* wsi, Client& client, int reason, const char* in, std::size_t length);
@@ -71,6 +72,7 @@ class WebsockClients {
   const int port_;
   lws_context* context_ = nullptr;
   ev_loop* loop_ = nullptr;
+  std::unique_ptr<Wake> wake_;
   std::vector<void*> loops_;
   std::atomic<bool> stop_{false};
   std::atomic<std::size_t> open_count_{0};
