@@ -50,12 +50,13 @@ void add_radio(JsonWriter& radios, int id, int vap_count) {
   auto vaps = JsonWriter::array(radio, "vaps");
   for (int i = 0; i < vap_count; ++i) {
     auto vap = JsonWriter::object(vaps);
-    vap.add("wlan_id", i);
-    vap.add("bssid", mac());
+    vap.add("id", i);
     vap.add("ssid", kSsids[i]);
-    vap.add("use_80211k", 1);
-    vap.add("use_80211r", i % 2);
-    vap.add("use_80211v", 0);
+    vap.add("mac", mac());
+    vap.add("mobility-domain", "a1b2");
+    vap.add("use_802dot11k", 1);
+    vap.add("use_802dot11r", i % 2);
+    vap.add("use_802dot11v", 0);
   }
 }
 
@@ -63,7 +64,6 @@ void add_heard(JsonWriter& scan) {
   const int band = pick(0, 2);
   auto heard = JsonWriter::object(scan);
   heard.add("bssid", mac());
-  heard.add("ssid", kSsids[pick(0, 3)]);
   heard.add("channel", kChannels[band] + 4 * pick(0, 3));
   heard.add("band", kBands[band]);
   heard.add("primary-channel", kPositions[band]);
@@ -81,7 +81,7 @@ std::string subscribe_request() {
   message.add("serial", "KV22104711004");
   message.add("hw", "1v2");
   auto radios = JsonWriter::array(message, "radios");
-  for (int id = 0; id < 3; ++id) add_radio(radios, id, 3);
+  for (int id = 0; id < 3; ++id) add_radio(radios, id, 2);
   return message.str();
 }
 
@@ -152,10 +152,10 @@ std::string domain_status(int ap_count) {
 
 std::vector<Document> sample_documents() {
   return {{"subscribe-request", subscribe_request(), true},
-          {"rrm-response 20K", rrm_response(135), true},
-          {"rrm-response 150K", rrm_response(1050), true},
+          {"rrm-response 20K", rrm_response(150), true},
+          {"rrm-response 150K", rrm_response(1180), true},
           {"configuration", configuration(), false},
-          {"domain status", domain_status(1180), false}};
+          {"domain status", domain_status(1020), false}};
 }
 
 }  // namespace rrm::bench

@@ -6,7 +6,8 @@
 #include <limits>
 #include <memory_resource>
 #include <new>
-#include <type_traits>
+
+#include "json/MonotonicArena.h"
 
 namespace yajson {
 
@@ -20,6 +21,9 @@ template <typename T>
 class BodyVector {
  public:
   explicit BodyVector(std::pmr::memory_resource* resource) noexcept : resource_(resource) {}
+  /// Takes over memory of that resource that has room for `capacity` elements.
+  BodyVector(std::pmr::memory_resource* resource, void* memory, std::size_t capacity) noexcept
+      : resource_(resource), data_(static_cast<T*>(memory)), capacity_(capacity) {}
   ~BodyVector() {
     truncate(0);
     if (data_ != nullptr) resource_->deallocate(data_, capacity_ * sizeof(T), alignof(T));
@@ -43,6 +47,14 @@ class BodyVector {
     if (size_ == capacity_) [[unlikely]]
       relocate(std::max<std::size_t>(2 * capacity_, 4));
     return *::new (data_ + size_++) T();
+  }
+
+  /// The same for a body in this arena (null: on the heap): grows where it lies if it can.
+  T& append(MonotonicArena* arena) {
+    if (size_ == capacity_ && arena != nullptr && data_ != nullptr &&
+        arena->extend(data_ + capacity_, capacity_ * sizeof(T)))
+      capacity_ *= 2;
+    return append();
   }
 
   /// Destroys the elements behind the first `size`.

@@ -1,11 +1,13 @@
 #include "json/JsonParser.h"
 
 #include <algorithm>
+#include <bit>
 #include <charconv>
-#include <cmath>
 #include <limits>
 #include <memory_resource>
 #include <string>
+
+#include "json/ByteScan.h"
 
 namespace yajson {
 namespace {
@@ -33,14 +35,142 @@ int hex_digit(char byte) {
   return letter >= 0 && letter < 6 ? letter + 10 : -1;
 }
 
+/// What the digits of a number said, before it is decided what becomes of it.
+struct Number {
+  const char* begin = nullptr;
+  std::uint64_t mantissa = 0;
+  int digits = 0;           ///< that went into the mantissa
+  int fraction_digits = 0;  ///< those of them behind the point
+  int exponent = 0;
+  bool negative = false;
+  bool overflow = false;   ///< the integer part does not fit 64 bits
+  bool truncated = false;  ///< fraction digits were left out of the mantissa
+};
+
+void append_utf8(std::pmr::string& bytes, std::uint32_t point) {
+  const auto put = [&bytes](std::uint32_t byte) { bytes += static_cast<char>(byte); };
+  if (point < 0x80) return put(point);
+  if (point < 0x800) {
+    put(0xc0 | point >> 6);
+  } else {
+    if (point < 0x10000) {
+      put(0xe0 | point >> 12);
+    } else {
+      put(0xf0 | point >> 18);
+      put(0x80 | (point >> 12 & 0x3f));
+    }
+    put(0x80 | (point >> 6 & 0x3f));
+  }
+  put(0x80 | (point & 0x3f));
+}
+
+/// Counts the elements of an array or object, from the first one on, by their commas.
+class ElementCounter {
+ public:
+  /// Looks at the bytes up to `stop` or to the closing bracket; returns the number of elements
+  /// begun.
+  std::size_t count(const char* place, const char* stop) {
+    while (!closed_ && stop - place >= kBlock) place = take_block(place);
+    if (!closed_) take_bytes(place, stop);
+    return count_;
+  }
+
+ private:
+  static constexpr std::ptrdiff_t kBlock = 64;
+
+  /// Bits of the quotes become bits of the bytes between them, opening quotes included.
+  static std::uint64_t between_quotes(std::uint64_t quotes) {
+    for (int shift = 1; shift < 64; shift *= 2) quotes ^= quotes << shift;
+    return quotes;
+  }
+
+  const char* take_block(const char* place) {
+    std::uint64_t quotes = 0, backslashes = 0, commas = 0, opening = 0, closing = 0;
+    for (int i = 0; i < kBlock; i += Bytes16::kCount) {
+      const Bytes16 bytes(place + i);
+      const Bytes16 folded = bytes.with_bits(0x20);  // '[' becomes '{' and ']' becomes '}'
+      quotes |= std::uint64_t{bytes.equal('"')} << i;
+      backslashes |= std::uint64_t{bytes.equal('\\')} << i;
+      commas |= std::uint64_t{bytes.equal(',')} << i;
+      opening |= std::uint64_t{folded.equal('{')} << i;
+      closing |= std::uint64_t{folded.equal('}')} << i;
+    }
+    if (backslashes != 0) return take_bytes(place, place + kBlock);
+    const std::uint64_t strings = between_quotes(quotes) ^ (in_string_ ? ~std::uint64_t{0} : 0);
+    in_string_ = strings >> 63 != 0;
+    take_masks(commas & ~strings, opening & ~strings, closing & ~strings);
+    return place + kBlock;
+  }
+
+  void take_masks(std::uint64_t commas, std::uint64_t opening, std::uint64_t closing) {
+    for (std::uint64_t brackets = opening | closing; brackets != 0; brackets &= brackets - 1) {
+      const std::uint64_t bracket = brackets & -brackets;
+      const std::uint64_t before = bracket - 1;
+      if (level_ == 0) count_ += static_cast<std::size_t>(std::popcount(commas & before));
+      commas &= ~before;
+      if ((opening & bracket) != 0)
+        ++level_;
+      else if (level_-- == 0)
+        return void(closed_ = true);
+    }
+    if (level_ == 0) count_ += static_cast<std::size_t>(std::popcount(commas));
+  }
+
+  const char* take_bytes(const char* place, const char* stop) {
+    for (; place < stop; ++place) {
+      const char byte = *place;
+      if (byte == '"') in_string_ = !in_string_;
+      if (in_string_) {
+        if (byte == '\\') ++place;
+      } else if (byte == '[' || byte == '{') {
+        ++level_;
+      } else if (byte == ']' || byte == '}') {
+        if (level_-- == 0) {
+          closed_ = true;
+          break;
+        }
+      } else if (byte == ',' && level_ == 0) {
+        ++count_;
+      }
+    }
+    return place;
+  }
+
+  std::size_t count_ = 1;
+  std::size_t level_ = 0;
+  bool in_string_ = false;
+  bool closed_ = false;
+};
+
+/// Tells most keys of an object apart without comparing them: a key whose bit is not yet taken is
+/// new.
+class KeyFilter {
+ public:
+  /// True when an equal key may have been seen before.
+  bool test_and_set(std::uint64_t first, std::uint64_t second) noexcept {
+    const std::uint64_t hash = (first ^ std::rotl(second, 23)) * 0x9e3779b97f4a7c15;
+    const std::uint64_t bit = std::uint64_t{1} << (hash >> 58);
+    const bool taken = (bits_ & bit) != 0;
+    bits_ |= bit;
+    return taken;
+  }
+
+ private:
+  std::uint64_t bits_ = 0;
+};
+
 }  // namespace
 
 /// One parse of one text: recursive descent over the bytes, each value built where it stays.
+///
+/// Every step is given the place where it starts and returns the place where it ends, so that the
+/// place lives in a register. kRelaxed is false for strict JSON (with or without repeated keys),
+/// which is all that the controller reads; the relaxed syntax then costs nothing.
+template <bool kRelaxed>
 class JsonParser {
  public:
   JsonParser(std::string_view text, const ParseOptions& options)
       : start_(text.data()),
-        position_(start_),
         end_(start_ + text.size()),
         options_(options),
         max_depth_(options.max_depth != 0 ? options.max_depth : kDefaultMaxDepth),
@@ -48,84 +178,79 @@ class JsonParser {
 
   JsonValue parse_document() {
     JsonValue root;
-    parse_value(root);
-    skip_space();
-    if (position_ != end_) fail(json_errc::trailing_content, "unexpected trailing content");
+    const char* place = parse_value(start_, root);
+    place = skip_space(place);
+    if (place != end_) fail(place, json_errc::trailing_content, "unexpected trailing content");
     return root;
   }
 
  private:
-  /// What the digits of a number said, before it is decided what becomes of it.
-  struct Number {
-    const char* begin = nullptr;
-    std::uint64_t mantissa = 0;
-    int digits = 0;           ///< that went into the mantissa
-    int fraction_digits = 0;  ///< those of them behind the point
-    int exponent = 0;
-    bool negative = false;
-    bool is_float = false;
-    bool overflow = false;   ///< the integer part does not fit 64 bits
-    bool truncated = false;  ///< fraction digits were left out of the mantissa
-  };
-
-  [[noreturn]] void fail(json_errc code, std::string_view detail) const {
-    fail_at(position_, code, detail);
-  }
-  [[noreturn]] void fail_at(const char* place, json_errc code, std::string_view detail) const {
+  [[noreturn, gnu::cold]] void fail(const char* place, json_errc code,
+                                    std::string_view detail) const {
     const std::string_view text(start_, static_cast<std::size_t>(end_ - start_));
     throw ParseError(code, detail, text, static_cast<std::size_t>(place - start_));
   }
-  [[noreturn]] void fail_at_end() const {
-    fail_at(end_, json_errc::unexpected_end, "unexpected end of input");
+  [[noreturn, gnu::cold]] void fail_at_end() const {
+    fail(end_, json_errc::unexpected_end, "unexpected end of input");
   }
-  [[noreturn]] void fail_unexpected() const {
-    fail(json_errc::unexpected_character, std::string("unexpected character '") + *position_ + "'");
+  [[noreturn, gnu::cold]] void fail_unexpected(const char* place) const {
+    fail(place, json_errc::unexpected_character,
+         std::string("unexpected character '") + *place + "'");
   }
 
-  std::size_t remaining() const { return static_cast<std::size_t>(end_ - position_); }
-  bool at_end() const { return position_ == end_; }
-  bool next_is(char byte) const { return position_ != end_ && *position_ == byte; }
-
-  void skip_space() {
-    if (position_ != end_ && static_cast<unsigned char>(*position_) > ' ' &&
-        !(options_.allow_comments && *position_ == '/'))
-      return;
-    skip_spaces_and_comments();
+  std::size_t remaining(const char* place) const { return static_cast<std::size_t>(end_ - place); }
+  bool is_at(const char* place, char byte) const { return place != end_ && *place == byte; }
+  bool is_digit_at(const char* place) const { return place != end_ && is_digit(*place); }
+  bool is_text_at(const char* place, std::string_view text) const {
+    return remaining(place) >= text.size() && std::memcmp(place, text.data(), text.size()) == 0;
   }
-  void skip_spaces_and_comments();
-  bool skip_comment();
 
-  void parse_value(JsonValue& value);
-  void parse_literal(std::string_view literal);
-  void expect(char wanted);
+  const char* skip_space(const char* place) const {
+    if (place != end_ && static_cast<unsigned char>(*place) > ' ' &&
+        !(kRelaxed && options_.allow_comments && *place == '/')) [[likely]]
+      return place;
+    return skip_spaces_and_comments(place);
+  }
+  const char* skip_spaces_and_comments(const char* place) const;
+  const char* skip_spaces(const char* place) const;
+  const char* skip_comment(const char* place) const;
 
-  void parse_number(JsonValue& value);
-  bool parse_special_number(JsonValue& value, const Number& number);
-  void parse_integer_part(Number& number);
-  void parse_fraction(Number& number);
-  void parse_exponent(Number& number);
-  void parse_hex(JsonValue& value, bool negative);
-  static void set_integer(JsonValue& value, const Number& number);
-  void set_float(JsonValue& value, const Number& number) const;
+  const char* parse_value(const char* place, JsonValue& value);
+  const char* parse_relaxed_value(const char* place, JsonValue& value);
+  const char* parse_literal(const char* place, std::string_view literal) const;
+  const char* expect(const char* place, char wanted) const;
 
-  void parse_string(JsonValue& value);
-  const char* find_string_end(char quote) const;
-  void parse_escaped_string(JsonValue& value, char quote);
-  void parse_escape(std::pmr::string& bytes);
-  void parse_unicode_escape(std::pmr::string& bytes);
-  std::uint32_t parse_hex4();
+  const char* parse_number(const char* place, JsonValue& value) const;
+  bool is_hex_at(const char* place) const {
+    return options_.allow_hex && remaining(place) >= 2 && *place == '0' && (place[1] | 0x20) == 'x';
+  }
+  const char* parse_integer_part(const char* place, Number& number) const;
+  const char* parse_fraction(const char* place, Number& number) const;
+  const char* parse_exponent(const char* place, Number& number) const;
+  const char* parse_hex(const char* place, bool negative, JsonValue& value) const;
+  static void set_integer(JsonValue& value, std::uint64_t magnitude, bool negative);
+  void set_float(JsonValue& value, const Number& number, const char* end) const;
+
+  const char* parse_string(const char* place, JsonValue& value);
+  const char* parse_any_string(const char* place, JsonValue& value);
+  const char* find_string_end(const char* place, char quote) const;
+  const char* parse_escaped_string(const char* place, char quote, JsonValue& value);
+  const char* parse_escape(const char* place, std::pmr::string& bytes) const;
+  const char* parse_unicode_escape(const char* place, std::pmr::string& bytes) const;
+  const char* parse_hex4(const char* place, std::uint32_t& unit) const;
   void refuse_control_chars(const char* begin, const char* end) const;
 
-  void enter();
-  std::size_t estimate_size() const;
-  bool next_element(char close, const char* unterminated, json_errc code, const char* separator);
-  void parse_array(JsonValue& value);
-  void parse_object(JsonValue& value);
-  void parse_key(JsonValue& name);
-  void refuse_duplicate(JsonObject& body) const;
+  const char* enter(const char* place, json_errc code, std::string_view unterminated);
+  std::size_t estimate_size(const char* place) const;
+  bool has_next(const char*& place, char close, json_errc code, std::string_view unterminated,
+                std::string_view separator) const;
+  const char* parse_array(const char* place, JsonValue& value);
+  const char* parse_object(const char* place, JsonValue& value);
+  const char* parse_key(const char* place, JsonValue& name);
+  bool is_repeated(const JsonObject& body, KeyFilter& filter) const;
+  void refuse_repeated(JsonObject& body, bool repeated, const char* place) const;
 
   const char* const start_;
-  const char* position_;
   const char* const end_;
   const ParseOptions options_;
   std::uint64_t depth_ = 0;
@@ -137,255 +262,319 @@ class JsonParser {
 
 // White space and tokens -----------------------------------------------------------------------
 
-void JsonParser::skip_spaces_and_comments() {
-  do {
-    while (position_ != end_ && is_space(*position_)) ++position_;
-  } while (options_.allow_comments && skip_comment());
-}
-
-bool JsonParser::skip_comment() {
-  if (remaining() < 2 || *position_ != '/') return false;
-  const std::string_view rest(position_, remaining());
-  std::size_t length;
-  if (rest[1] == '/') {
-    length = rest.find('\n', 2);
-    if (length != rest.npos) length += 1;
-  } else if (rest[1] == '*') {
-    length = rest.find("*/", 2);
-    if (length != rest.npos) length += 2;
-  } else {
-    return false;
+template <bool kRelaxed>
+const char* JsonParser<kRelaxed>::skip_spaces(const char* place) const {
+  while (remaining(place) >= Bytes16::kCount) {  // indentation comes in long runs
+    const unsigned others = Bytes16(place).non_spaces();
+    if (others != 0) return place + std::countr_zero(others);
+    place += Bytes16::kCount;
   }
-  position_ += std::min(length, rest.size());
-  return true;
+  while (place != end_ && is_space(*place)) ++place;
+  return place;
 }
 
-void JsonParser::parse_literal(std::string_view literal) {
-  if (!std::string_view(position_, remaining()).starts_with(literal))
-    fail(json_errc::invalid_literal, "expected '" + std::string(literal) + "'");
-  position_ += literal.size();
+template <bool kRelaxed>
+const char* JsonParser<kRelaxed>::skip_spaces_and_comments(const char* place) const {
+  place = skip_spaces(place);
+  if constexpr (kRelaxed) {
+    while (options_.allow_comments) {
+      const char* const behind = skip_comment(place);
+      if (behind == place) break;
+      place = skip_spaces(behind);
+    }
+  }
+  return place;
 }
 
-void JsonParser::expect(char wanted) {
-  if (at_end()) fail_at_end();
-  if (*position_ != wanted)
-    fail(json_errc::unexpected_character,
-         std::string("expected '") + wanted + "', got '" + *position_ + "'");
-  ++position_;
+/// The place itself when no comment begins there. One that is not closed runs to the end.
+template <bool kRelaxed>
+const char* JsonParser<kRelaxed>::skip_comment(const char* place) const {
+  const std::string_view rest(place, remaining(place));
+  std::string_view close;
+  if (rest.starts_with("//"))
+    close = "\n";
+  else if (rest.starts_with("/*"))
+    close = "*/";
+  else
+    return place;
+  const std::size_t length = rest.find(close, 2);
+  return length == rest.npos ? end_ : place + length + close.size();
 }
 
-void JsonParser::parse_value(JsonValue& value) {
-  skip_space();
-  if (at_end()) fail_at_end();
-  switch (*position_) {
-    case '"':
-      return parse_string(value);
-    case '\'':
-      if (options_.allow_single_quotes) return parse_string(value);
-      break;
+template <bool kRelaxed>
+const char* JsonParser<kRelaxed>::parse_literal(const char* place, std::string_view literal) const {
+  if (!is_text_at(place, literal))
+    fail(place, json_errc::invalid_literal, "expected '" + std::string(literal) + "'");
+  return place + literal.size();
+}
+
+template <bool kRelaxed>
+const char* JsonParser<kRelaxed>::expect(const char* place, char wanted) const {
+  if (place == end_) fail_at_end();
+  if (*place != wanted)
+    fail(place, json_errc::unexpected_character,
+         std::string("expected '") + wanted + "', got '" + *place + "'");
+  return place + 1;
+}
+
+/// The value must be null; white space before it is skipped.
+template <bool kRelaxed>
+[[gnu::always_inline]] inline const char* JsonParser<kRelaxed>::parse_value(const char* place,
+                                                                            JsonValue& value) {
+  place = skip_space(place);
+  if (place == end_) fail_at_end();
+  const char byte = *place;
+  if (byte == '"') return parse_string(place, value);
+  if (byte == '-' || is_digit(byte)) return parse_number(place, value);
+  switch (byte) {
     case '{':
-      return parse_object(value);
+      return parse_object(place, value);
     case '[':
-      return parse_array(value);
+      return parse_array(place, value);
     case 't':
-      parse_literal("true");
+      place = parse_literal(place, "true");
       value = JsonValue(true);
-      return;
+      return place;
     case 'f':
-      parse_literal("false");
+      place = parse_literal(place, "false");
       value = JsonValue(false);
-      return;
+      return place;
     case 'n':
-      return parse_literal("null");
-    case 'N':
-      if (!options_.allow_nan_inf) break;
-      parse_literal("NaN");
-      value = JsonValue(std::numeric_limits<double>::quiet_NaN());
-      return;
-    case 'I':
-      if (!options_.allow_nan_inf) break;
-      parse_literal("Infinity");
-      value = JsonValue(std::numeric_limits<double>::infinity());
-      return;
+      return parse_literal(place, "null");
     default:
-      if (*position_ == '-' || is_digit(*position_)) return parse_number(value);
-      break;
+      if constexpr (kRelaxed) return parse_relaxed_value(place, value);
+      fail_unexpected(place);
   }
-  fail_unexpected();
+}
+
+template <bool kRelaxed>
+const char* JsonParser<kRelaxed>::parse_relaxed_value(const char* place, JsonValue& value) {
+  if (*place == '\'' && options_.allow_single_quotes) return parse_string(place, value);
+  if (*place == 'N' && options_.allow_nan_inf) {
+    place = parse_literal(place, "NaN");
+    value.become_number(std::numeric_limits<double>::quiet_NaN());
+    return place;
+  }
+  if (*place == 'I' && options_.allow_nan_inf) {
+    place = parse_literal(place, "Infinity");
+    value.become_number(std::numeric_limits<double>::infinity());
+    return place;
+  }
+  fail_unexpected(place);
 }
 
 // Numbers --------------------------------------------------------------------------------------
 
-void JsonParser::parse_number(JsonValue& value) {
+template <bool kRelaxed>
+const char* JsonParser<kRelaxed>::parse_number(const char* place, JsonValue& value) const {
   Number number;
-  number.begin = position_;
-  if (*position_ == '-') {
+  number.begin = place;
+  if (*place == '-') {
     number.negative = true;
-    ++position_;
-    if (at_end()) fail(json_errc::invalid_number, "invalid number");
-  }
-  if (parse_special_number(value, number)) return;
-  parse_integer_part(number);
-  if (next_is('.')) parse_fraction(number);
-  if (next_is('e') || next_is('E')) parse_exponent(number);
-  if (!number.is_float && !number.overflow)
-    set_integer(value, number);
-  else
-    set_float(value, number);
-}
-
-/// -Infinity and hexadecimal integers, where they are allowed.
-bool JsonParser::parse_special_number(JsonValue& value, const Number& number) {
-  if (options_.allow_nan_inf && number.negative && *position_ == 'I') {
-    parse_literal("Infinity");
-    value = JsonValue(-std::numeric_limits<double>::infinity());
-    return true;
-  }
-  if (options_.allow_hex && remaining() >= 2 && *position_ == '0' && (position_[1] | 0x20) == 'x') {
-    position_ += 2;
-    parse_hex(value, number.negative);
-    return true;
-  }
-  return false;
-}
-
-void JsonParser::parse_integer_part(Number& number) {
-  constexpr std::uint64_t kLimit = std::numeric_limits<std::uint64_t>::max() / 10;
-  if (!is_digit(*position_)) fail(json_errc::invalid_number, "invalid number");
-  if (*position_ == '0') {  // ends the integer part at once
-    ++position_;
-    number.digits = 1;
-    return;
-  }
-  for (; !at_end() && is_digit(*position_); ++position_) {
-    const auto digit = static_cast<unsigned>(*position_ - '0');
-    if (number.mantissa > kLimit || (number.mantissa == kLimit && digit > 5)) {
-      number.overflow = true;
-      while (!at_end() && is_digit(*position_)) ++position_;
-      return;
+    if (++place == end_) fail(place, json_errc::invalid_number, "invalid number");
+    if (kRelaxed && options_.allow_nan_inf && *place == 'I') {
+      place = parse_literal(place, "Infinity");
+      value.become_number(-std::numeric_limits<double>::infinity());
+      return place;
     }
-    number.mantissa = number.mantissa * 10 + digit;
-    ++number.digits;
   }
+  if (kRelaxed && is_hex_at(place)) return parse_hex(place + 2, number.negative, value);
+  place = parse_integer_part(place, number);
+  const bool has_fraction = is_at(place, '.');
+  if (has_fraction) place = parse_fraction(place, number);
+  const bool has_exponent = is_at(place, 'e') || is_at(place, 'E');
+  if (has_exponent) place = parse_exponent(place, number);
+  if (has_fraction || has_exponent || number.overflow) [[unlikely]]
+    set_float(value, number, place);
+  else
+    set_integer(value, number.mantissa, number.negative);
+  return place;
 }
 
-void JsonParser::parse_fraction(Number& number) {
-  number.is_float = true;
-  ++position_;
-  if (at_end() || !is_digit(*position_))
-    fail(json_errc::invalid_number, "expected digit after decimal point");
-  for (; !at_end() && is_digit(*position_); ++position_) {
+template <bool kRelaxed>
+[[gnu::always_inline]] inline const char* JsonParser<kRelaxed>::parse_integer_part(
+    const char* place, Number& number) const {
+  constexpr std::uint64_t kLimit = std::numeric_limits<std::uint64_t>::max() / 10;
+  const char* const begin = place;
+  if (!is_digit(*place)) fail(place, json_errc::invalid_number, "invalid number");
+  if (*place == '0') {  // ends the integer part at once
+    number.digits = 1;
+    return place + 1;
+  }
+  std::uint64_t mantissa = 0;
+  for (; is_digit_at(place); ++place) {
+    const auto digit = static_cast<unsigned>(*place - '0');
+    if (mantissa >= kLimit && (mantissa > kLimit || digit > 5)) [[unlikely]] {
+      number.overflow = true;
+      while (is_digit_at(place)) ++place;
+      return place;
+    }
+    mantissa = mantissa * 10 + digit;
+  }
+  number.mantissa = mantissa;
+  number.digits = static_cast<int>(place - begin);
+  return place;
+}
+
+template <bool kRelaxed>
+const char* JsonParser<kRelaxed>::parse_fraction(const char* place, Number& number) const {
+  ++place;
+  if (!is_digit_at(place))
+    fail(place, json_errc::invalid_number, "expected digit after decimal point");
+  for (; is_digit_at(place); ++place) {
     if (number.digits >= kMaxMantissaDigits) {
       number.truncated = true;
       continue;
     }
-    number.mantissa = number.mantissa * 10 + static_cast<unsigned>(*position_ - '0');
+    number.mantissa = number.mantissa * 10 + static_cast<unsigned>(*place - '0');
     ++number.digits;
     ++number.fraction_digits;
   }
+  return place;
 }
 
-void JsonParser::parse_exponent(Number& number) {
-  number.is_float = true;
-  ++position_;
-  const bool negative = next_is('-');
-  if (negative || next_is('+')) ++position_;
-  if (at_end() || !is_digit(*position_))
-    fail(json_errc::invalid_number, "expected digit in exponent");
-  for (; !at_end() && is_digit(*position_); ++position_)
-    number.exponent = std::min(number.exponent * 10 + (*position_ - '0'), kExponentLimit);
+template <bool kRelaxed>
+const char* JsonParser<kRelaxed>::parse_exponent(const char* place, Number& number) const {
+  ++place;
+  const bool negative = is_at(place, '-');
+  if (negative || is_at(place, '+')) ++place;
+  if (!is_digit_at(place)) fail(place, json_errc::invalid_number, "expected digit in exponent");
+  for (; is_digit_at(place); ++place)
+    number.exponent = std::min(number.exponent * 10 + (*place - '0'), kExponentLimit);
   if (negative) number.exponent = -number.exponent;
+  return place;
 }
 
-void JsonParser::set_integer(JsonValue& value, const Number& number) {
-  const std::uint64_t magnitude = number.mantissa;
-  if (!number.negative)
-    value = magnitude < kSignBit ? JsonValue(static_cast<std::int64_t>(magnitude))
-                                 : JsonValue(magnitude);
-  else if (magnitude <= kSignBit)
-    value = JsonValue(static_cast<std::int64_t>(-magnitude));
-  else
-    value = JsonValue(-static_cast<double>(magnitude));
+template <bool kRelaxed>
+void JsonParser<kRelaxed>::set_integer(JsonValue& value, std::uint64_t magnitude, bool negative) {
+  if (magnitude < kSignBit) [[likely]] {
+    const auto number = static_cast<std::int64_t>(magnitude);
+    value.become_integer(negative ? -number : number);
+  } else if (!negative) {
+    value = JsonValue(magnitude);
+  } else if (magnitude == kSignBit) {
+    value.become_integer(std::numeric_limits<std::int64_t>::min());
+  } else {
+    value.become_number(-static_cast<double>(magnitude));
+  }
 }
 
-void JsonParser::set_float(JsonValue& value, const Number& number) const {
+template <bool kRelaxed>
+void JsonParser<kRelaxed>::set_float(JsonValue& value, const Number& number,
+                                     const char* end) const {
   const int exponent = number.exponent - number.fraction_digits;
-  double result;
-  if (!number.overflow && !number.truncated && std::abs(exponent) <= kLargestExactPower) {
+  double result = 0;
+  if (!number.overflow && !number.truncated && exponent >= -kLargestExactPower &&
+      exponent <= kLargestExactPower) {
     // Mantissas above 2^53 are rounded here; that error is accepted.
     result = static_cast<double>(number.mantissa);
     result = exponent < 0 ? result / kPowersOfTen[-exponent] : result * kPowersOfTen[exponent];
     if (number.negative) result = -result;
-  } else {
-    const auto [end, error] = std::from_chars(number.begin, position_, result);
-    if (error != std::errc()) fail(json_errc::invalid_number, "invalid number");
+  } else if (std::from_chars(number.begin, end, result).ec != std::errc()) {
+    fail(end, json_errc::invalid_number, "invalid number");
   }
-  value = JsonValue(result);
+  value.become_number(result);
 }
 
-void JsonParser::parse_hex(JsonValue& value, bool negative) {
-  if (at_end()) fail(json_errc::invalid_number, "incomplete hex number");
-  const char* const begin = position_;
+template <bool kRelaxed>
+const char* JsonParser<kRelaxed>::parse_hex(const char* place, bool negative,
+                                            JsonValue& value) const {
+  if (place == end_) fail(place, json_errc::invalid_number, "incomplete hex number");
+  const char* const begin = place;
   std::uint64_t magnitude = 0;
   bool overflow = false;
-  for (; !at_end() && hex_digit(*position_) >= 0; ++position_) {
+  for (; place != end_ && hex_digit(*place) >= 0; ++place) {
     overflow = overflow || magnitude >> 60 != 0;
-    magnitude = magnitude << 4 | static_cast<unsigned>(hex_digit(*position_));
+    magnitude = magnitude << 4 | static_cast<unsigned>(hex_digit(*place));
   }
-  if (position_ == begin) fail(json_errc::invalid_number, "expected hex digit");
+  if (place == begin) fail(place, json_errc::invalid_number, "expected hex digit");
   if (overflow || (negative && magnitude > kSignBit))
-    fail(json_errc::integer_overflow, "hex integer overflow");
-  Number number;
-  number.mantissa = magnitude;
-  number.negative = negative;
-  set_integer(value, number);
+    fail(place, json_errc::integer_overflow, "hex integer overflow");
+  set_integer(value, magnitude, negative);
+  return place;
 }
 
 // Strings --------------------------------------------------------------------------------------
 
+/// The place is at the opening quote. Strings without escapes that end well before the text does
+/// are found and copied 16 bytes at a time; all others, broken ones included, take the long way.
+template <bool kRelaxed>
+[[gnu::always_inline]] inline const char* JsonParser<kRelaxed>::parse_string(const char* place,
+                                                                             JsonValue& value) {
+  const char* const begin = place + 1;
+  if (remaining(place) <= Bytes16::kCount || (kRelaxed && *place != '"')) [[unlikely]]
+    return parse_any_string(place, value);
+  const Bytes16 bytes(begin);
+  unsigned stops = bytes.string_stops();
+  if (stops != 0) [[likely]] {
+    const auto length = static_cast<std::size_t>(std::countr_zero(stops));
+    if (begin[length] != '"') [[unlikely]]
+      return parse_any_string(place, value);
+    value.become_inline_string(bytes, length);
+    return begin + length + 1;
+  }
+  const char* stop = begin;
+  do {
+    stop += Bytes16::kCount;
+    if (remaining(stop) < Bytes16::kCount) return parse_any_string(place, value);
+    stops = Bytes16(stop).string_stops();
+  } while (stops == 0);
+  stop += std::countr_zero(stops);
+  if (*stop != '"') [[unlikely]]
+    return parse_any_string(place, value);
+  value.become_long_string(begin, static_cast<std::size_t>(stop - begin), arena_);
+  return stop + 1;
+}
+
+template <bool kRelaxed>
+[[gnu::noinline]] const char* JsonParser<kRelaxed>::parse_any_string(const char* place,
+                                                                     JsonValue& value) {
+  const char quote = *place++;
+  const char* const stop = find_string_end(place, quote);
+  if (stop == end_) fail(end_, json_errc::unterminated_string, "unterminated string");
+  if (*stop == '\\') return parse_escaped_string(place, quote, value);
+  refuse_control_chars(place, stop);
+  value = JsonValue(std::string_view(place, static_cast<std::size_t>(stop - place)), arena_);
+  return stop + 1;
+}
+
 /// The first closing quote or backslash, or the end of the text.
-const char* JsonParser::find_string_end(char quote) const {
-  const char* place = position_;
+template <bool kRelaxed>
+const char* JsonParser<kRelaxed>::find_string_end(const char* place, char quote) const {
   while (place != end_ && *place != quote && *place != '\\') ++place;
   return place;
 }
 
-void JsonParser::refuse_control_chars(const char* begin, const char* end) const {
-  if (options_.allow_control_chars) return;
+template <bool kRelaxed>
+void JsonParser<kRelaxed>::refuse_control_chars(const char* begin, const char* end) const {
+  if (kRelaxed && options_.allow_control_chars) return;
   const char* const bad = std::find_if(begin, end, is_control);
-  if (bad != end) fail_at(bad, json_errc::invalid_escape, "unescaped control character in string");
+  if (bad != end) fail(bad, json_errc::invalid_escape, "unescaped control character in string");
 }
 
-void JsonParser::parse_string(JsonValue& value) {
-  const char quote = *position_++;
-  const char* const stop = find_string_end(quote);
-  if (stop == end_) fail_at(end_, json_errc::unterminated_string, "unterminated string");
-  if (*stop == '\\') return parse_escaped_string(value, quote);
-  refuse_control_chars(position_, stop);
-  value =
-      JsonValue(std::string_view(position_, static_cast<std::size_t>(stop - position_)), arena_);
-  position_ = stop + 1;
-}
-
-void JsonParser::parse_escaped_string(JsonValue& value, char quote) {
+/// The place is behind the opening quote.
+template <bool kRelaxed>
+const char* JsonParser<kRelaxed>::parse_escaped_string(const char* place, char quote,
+                                                       JsonValue& value) {
   std::pmr::string bytes(&scratch_);
   for (;;) {
-    const char* const stop = find_string_end(quote);
-    refuse_control_chars(position_, stop);
-    bytes.append(position_, stop);
-    position_ = stop;
-    if (at_end()) fail(json_errc::unterminated_string, "unterminated string");
-    ++position_;
+    const char* const stop = find_string_end(place, quote);
+    refuse_control_chars(place, stop);
+    bytes.append(place, stop);
+    if (stop == end_) fail(end_, json_errc::unterminated_string, "unterminated string");
+    place = stop + 1;
     if (*stop == quote) break;
-    parse_escape(bytes);
+    place = parse_escape(place, bytes);
   }
   value = JsonValue(bytes, arena_);
+  return place;
 }
 
-/// The position is behind the backslash.
-void JsonParser::parse_escape(std::pmr::string& bytes) {
-  if (at_end()) fail(json_errc::invalid_escape, "unterminated escape sequence");
-  const char byte = *position_;
+/// The place is behind the backslash.
+template <bool kRelaxed>
+const char* JsonParser<kRelaxed>::parse_escape(const char* place, std::pmr::string& bytes) const {
+  if (place == end_) fail(place, json_errc::invalid_escape, "unterminated escape sequence");
+  const char byte = *place;
   switch (byte) {
     case '"':
     case '\\':
@@ -408,174 +597,196 @@ void JsonParser::parse_escape(std::pmr::string& bytes) {
       bytes += '\t';
       break;
     case 'u':
-      ++position_;
-      return parse_unicode_escape(bytes);
+      return parse_unicode_escape(place + 1, bytes);
     default:
       if (byte != '\'' || !options_.allow_single_quotes)
-        fail(json_errc::invalid_escape, std::string("invalid escape '\\") + byte + "'");
+        fail(place, json_errc::invalid_escape, std::string("invalid escape '\\") + byte + "'");
       bytes += byte;
       break;
   }
-  ++position_;
+  return place + 1;
 }
 
-std::uint32_t JsonParser::parse_hex4() {
-  if (remaining() < 4) fail(json_errc::invalid_unicode_escape, "incomplete unicode escape");
-  std::uint32_t unit = 0;
-  for (int i = 0; i < 4; ++i, ++position_) {
-    const int digit = hex_digit(*position_);
-    if (digit < 0) fail(json_errc::invalid_unicode_escape, "invalid hex digit in unicode escape");
+template <bool kRelaxed>
+const char* JsonParser<kRelaxed>::parse_hex4(const char* place, std::uint32_t& unit) const {
+  if (remaining(place) < 4)
+    fail(place, json_errc::invalid_unicode_escape, "incomplete unicode escape");
+  unit = 0;
+  for (const char* const end = place + 4; place != end; ++place) {
+    const int digit = hex_digit(*place);
+    if (digit < 0)
+      fail(place, json_errc::invalid_unicode_escape, "invalid hex digit in unicode escape");
     unit = unit << 4 | static_cast<std::uint32_t>(digit);
   }
-  return unit;
+  return place;
 }
 
-/// The position is behind the u. Writes the code point as UTF-8.
-void JsonParser::parse_unicode_escape(std::pmr::string& bytes) {
-  std::uint32_t point = parse_hex4();
+/// The place is behind the u. Writes the code point as UTF-8.
+template <bool kRelaxed>
+const char* JsonParser<kRelaxed>::parse_unicode_escape(const char* place,
+                                                       std::pmr::string& bytes) const {
+  std::uint32_t point = 0;
+  place = parse_hex4(place, point);
   if (point >= 0xdc00 && point <= 0xdfff)
-    fail(json_errc::invalid_unicode_escape, "unexpected low surrogate");
+    fail(place, json_errc::invalid_unicode_escape, "unexpected low surrogate");
   if (point >= 0xd800 && point <= 0xdbff) {
-    if (!std::string_view(position_, remaining()).starts_with("\\u"))
-      fail(json_errc::invalid_unicode_escape, "missing low surrogate");
-    position_ += 2;
-    const std::uint32_t low = parse_hex4();
+    if (!is_text_at(place, "\\u"))
+      fail(place, json_errc::invalid_unicode_escape, "missing low surrogate");
+    std::uint32_t low = 0;
+    place = parse_hex4(place + 2, low);
     if (low < 0xdc00 || low > 0xdfff)
-      fail(json_errc::invalid_unicode_escape, "invalid low surrogate value");
+      fail(place, json_errc::invalid_unicode_escape, "invalid low surrogate value");
     point = 0x10000 + ((point - 0xd800) << 10) + (low - 0xdc00);
   }
-  const auto put = [&bytes](std::uint32_t byte) { bytes += static_cast<char>(byte); };
-  if (point < 0x80) return put(point);
-  if (point < 0x800) {
-    put(0xc0 | point >> 6);
-  } else {
-    if (point < 0x10000) {
-      put(0xe0 | point >> 12);
-    } else {
-      put(0xf0 | point >> 18);
-      put(0x80 | (point >> 12 & 0x3f));
-    }
-    put(0x80 | (point >> 6 & 0x3f));
-  }
-  put(0x80 | (point & 0x3f));
+  append_utf8(bytes, point);
+  return place;
 }
 
 // Arrays and objects ---------------------------------------------------------------------------
 
-/// The position is behind the opening bracket.
-void JsonParser::enter() {
-  if (++depth_ > max_depth_) fail(json_errc::max_depth_exceeded, "maximum nesting depth exceeded");
-  skip_space();
+/// From the opening bracket to what is inside.
+template <bool kRelaxed>
+const char* JsonParser<kRelaxed>::enter(const char* place, json_errc code,
+                                        std::string_view unterminated) {
+  ++place;
+  if (++depth_ > max_depth_)
+    fail(place, json_errc::max_depth_exceeded, "maximum nesting depth exceeded");
+  place = skip_space(place);
+  if (place == end_) fail(place, code, unterminated);
+  return place;
 }
 
 /// How many elements to reserve room for: near the root, where a wrong guess is dear, the commas of
 /// this level are counted a little way ahead.
-std::size_t JsonParser::estimate_size() const {
+template <bool kRelaxed>
+std::size_t JsonParser<kRelaxed>::estimate_size(const char* place) const {
   constexpr std::size_t kLeast = 8;
+  constexpr std::size_t kShortRest = 256;
   constexpr std::size_t kLookAhead = 512;
-  if (depth_ > 2 || remaining() <= 256) return kLeast;
-  const char* const stop = position_ + std::min(remaining(), kLookAhead);
-  std::size_t count = 1;
-  std::size_t level = 0;
-  bool in_string = false;
-  for (const char* place = position_; place < stop; ++place) {
-    const char byte = *place;
-    if (byte == '"') in_string = !in_string;
-    if (in_string) {
-      if (byte == '\\') ++place;
-    } else if (byte == '[' || byte == '{') {
-      ++level;
-    } else if (byte == ']' || byte == '}') {
-      if (level-- == 0) break;
-    } else if (byte == ',' && level == 0) {
-      ++count;
-    }
-  }
-  return std::max(count, kLeast);
+  if (depth_ > 2 || remaining(place) <= kShortRest) return kLeast;
+  const char* const stop = place + std::min(remaining(place), kLookAhead);
+  return std::max(ElementCounter().count(place, stop), kLeast);
 }
 
-/// Behind an element: true when another one follows, false behind the closing bracket.
-bool JsonParser::next_element(char close, const char* unterminated, json_errc code,
-                              const char* separator) {
-  skip_space();
-  if (at_end()) fail(code, unterminated);
-  if (*position_ == ',') {
-    ++position_;
-    skip_space();
-    if (!options_.allow_trailing_commas || !next_is(close)) return true;
+/// Behind an element: true at the next one, false behind the closing bracket.
+template <bool kRelaxed>
+[[gnu::always_inline]] inline bool JsonParser<kRelaxed>::has_next(
+    const char*& place, char close, json_errc code, std::string_view unterminated,
+    std::string_view separator) const {
+  place = skip_space(place);
+  if (place == end_) fail(place, code, unterminated);
+  if (*place == ',') [[likely]] {
+    place = skip_space(place + 1);
+    if (!kRelaxed || !options_.allow_trailing_commas || !is_at(place, close)) return true;
   }
-  if (*position_ != close) fail(json_errc::unexpected_character, separator);
-  ++position_;
-  --depth_;
+  if (*place != close) fail(place, json_errc::unexpected_character, separator);
+  ++place;
   return false;
 }
 
-void JsonParser::parse_array(JsonValue& value) {
-  constexpr auto kUnterminated = "unterminated array";
-  ++position_;
-  enter();
-  if (at_end()) fail(json_errc::unterminated_array, kUnterminated);
-  value = JsonValue::array(arena_);
-  if (*position_ == ']') {
-    ++position_;
-    --depth_;
-    return;
+template <bool kRelaxed>
+const char* JsonParser<kRelaxed>::parse_array(const char* place, JsonValue& value) {
+  constexpr auto kCode = json_errc::unterminated_array;
+  constexpr std::string_view kUnterminated = "unterminated array";
+  place = enter(place, kCode, kUnterminated);
+  if (*place == ']') {
+    value.become_array(arena_, 0);
+    ++place;
+  } else {
+    JsonArray& body = value.become_array(arena_, estimate_size(place));
+    do {
+      place = parse_value(place, body.append(arena_));
+    } while (has_next(place, ']', kCode, kUnterminated, "expected ',' or ']' in array"));
   }
-  JsonArray& body = value.as_array();
-  body.reserve(estimate_size());
-  do {
-    parse_value(body.append());
-  } while (next_element(']', kUnterminated, json_errc::unterminated_array,
-                        "expected ',' or ']' in array"));
+  --depth_;
+  return place;
 }
 
-void JsonParser::parse_object(JsonValue& value) {
-  constexpr auto kUnterminated = "unterminated object";
-  ++position_;
-  enter();
-  if (at_end()) fail(json_errc::unterminated_object, kUnterminated);
-  value = JsonValue::object(arena_);
-  if (*position_ == '}') {
-    ++position_;
+template <bool kRelaxed>
+const char* JsonParser<kRelaxed>::parse_object(const char* place, JsonValue& value) {
+  constexpr auto kCode = json_errc::unterminated_object;
+  constexpr std::string_view kUnterminated = "unterminated object";
+  place = enter(place, kCode, kUnterminated);
+  if (*place == '}') {
+    value.become_object(arena_, 0);
     --depth_;
-    return;
+    return place + 1;
   }
-  JsonObject& body = value.as_object();
-  body.reserve(estimate_size());
+  JsonObject& body = value.become_object(arena_, estimate_size(place));
+  KeyFilter filter;
+  bool any_repeated = false;
   do {
-    skip_space();
-    JsonMember& member = body.append();
-    parse_key(member.name);
-    skip_space();
-    expect(':');
-    parse_value(member.value);
-    if (!options_.allow_duplicate_keys) refuse_duplicate(body);
-  } while (next_element('}', kUnterminated, json_errc::unterminated_object,
-                        "expected ',' or '}' in object"));
-  body.settle();
+    JsonMember& member = body.append(arena_);
+    place = parse_key(place, member.name);
+    place = expect(skip_space(place), ':');
+    place = parse_value(place, member.value);
+    const bool repeated = is_repeated(body, filter);
+    any_repeated |= repeated;
+    if (!options_.allow_duplicate_keys) refuse_repeated(body, repeated, place);
+  } while (has_next(place, '}', kCode, kUnterminated, "expected ',' or '}' in object"));
+  if (body.size() > JsonObject::kMaxLinear)
+    body.settle_large();
+  else if (any_repeated)
+    body.settle_small();
+  --depth_;
+  return place;
 }
 
-void JsonParser::parse_key(JsonValue& name) {
-  if (next_is('"') || (options_.allow_single_quotes && next_is('\''))) return parse_string(name);
-  if (!options_.allow_unquoted_keys || at_end() || !starts_identifier(*position_))
-    fail(json_errc::unterminated_object, "expected string key in object");
-  const char* const begin = position_;
-  while (!at_end() && (starts_identifier(*position_) || is_digit(*position_))) ++position_;
-  name = JsonValue(std::string_view(begin, static_cast<std::size_t>(position_ - begin)), arena_);
+template <bool kRelaxed>
+[[gnu::always_inline]] inline const char* JsonParser<kRelaxed>::parse_key(const char* place,
+                                                                          JsonValue& name) {
+  if (is_at(place, '"')) [[likely]]
+    return parse_string(place, name);
+  if constexpr (kRelaxed) {
+    if (options_.allow_single_quotes && is_at(place, '\'')) return parse_string(place, name);
+    if (options_.allow_unquoted_keys && place != end_ && starts_identifier(*place)) {
+      const char* const begin = place;
+      while (place != end_ && (starts_identifier(*place) || is_digit(*place))) ++place;
+      name = JsonValue(std::string_view(begin, static_cast<std::size_t>(place - begin)), arena_);
+      return place;
+    }
+  }
+  fail(place, json_errc::unterminated_object, "expected string key in object");
 }
 
-/// Judges the key of the newest member.
-void JsonParser::refuse_duplicate(JsonObject& body) const {
+/// Whether the newest of at most kMaxLinear members has the key of an earlier one.
+template <bool kRelaxed>
+[[gnu::always_inline]] inline bool JsonParser<kRelaxed>::is_repeated(const JsonObject& body,
+                                                                     KeyFilter& filter) const {
+  if (body.size() > JsonObject::kMaxLinear) return false;
   const JsonMember& newest = body.end()[-1];
-  for (const JsonMember& member : std::span(body.begin(), body.size() - 1))
-    if (member.key() == newest.key())
-      fail(json_errc::duplicate_key, "duplicate key: \"" + std::string(newest.key()) + "\"");
+  const bool is_inline = !newest.name.is_out_of_line();
+  // Long keys are told apart by their first eight bytes and their length.
+  const char* const bytes = newest.key().data();
+  std::uint64_t words[2] = {0, newest.key().size()};
+  std::memcpy(words, bytes, is_inline ? sizeof words : sizeof words[0]);
+  if (!filter.test_and_set(words[0], words[1])) [[likely]]
+    return false;
+  return std::any_of(body.begin(), body.end() - 1,
+                     [&newest](const JsonMember& member) { return member.key() == newest.key(); });
+}
+
+/// For a strict parse, behind the value. The keys of a large object are looked up in its index.
+template <bool kRelaxed>
+void JsonParser<kRelaxed>::refuse_repeated(JsonObject& body, bool repeated,
+                                           const char* place) const {
+  if (body.size() > JsonObject::kMaxLinear) {
+    body.extend_index();
+    repeated = body.index().size() != body.size();
+  }
+  if (!repeated) return;
+  const std::string_view key = body.end()[-1].key();
+  fail(place, json_errc::duplicate_key, "duplicate key: \"" + std::string(key) + "\"");
 }
 
 // ----------------------------------------------------------------------------------------------
 
 JsonValue parse(std::string_view text, const ParseOptions& options) {
-  return JsonParser(text, options).parse_document();
+  const bool relaxed = options.allow_comments || options.allow_trailing_commas ||
+                       options.allow_single_quotes || options.allow_unquoted_keys ||
+                       options.allow_nan_inf || options.allow_hex || options.allow_control_chars;
+  return relaxed ? JsonParser<true>(text, options).parse_document()
+                 : JsonParser<false>(text, options).parse_document();
 }
 
 ParseResult try_parse(std::string_view text, const ParseOptions& options) noexcept {

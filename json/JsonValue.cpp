@@ -1,6 +1,7 @@
 #include "json/JsonValue.h"
 
 #include <limits>
+#include <memory>
 #include <new>
 
 namespace yajson {
@@ -16,10 +17,17 @@ MonotonicArena* arena_of(std::pmr::memory_resource* resource) noexcept {
   return dynamic_cast<MonotonicArena*>(resource);
 }
 
-template <typename Body>
-Body* make_body(MonotonicArena* arena) {
-  if (arena == nullptr) return new Body(resource_of(nullptr));
-  return ::new (arena->bump(sizeof(Body), alignof(Body))) Body(arena);
+/// A body with room for `capacity` parts; in an arena both are one piece of memory.
+template <typename Body, typename Part>
+Body* make_body(MonotonicArena* arena, std::size_t capacity) {
+  if (arena != nullptr) {
+    void* const memory = arena->bump(sizeof(Body) + capacity * sizeof(Part), alignof(Body));
+    void* const parts = capacity != 0 ? static_cast<char*>(memory) + sizeof(Body) : nullptr;
+    return ::new (memory) Body(arena, parts, capacity);
+  }
+  auto body = std::make_unique<Body>(resource_of(nullptr));
+  body->reserve(capacity);
+  return body.release();
 }
 
 template <typename Body>
@@ -62,16 +70,38 @@ JsonValue::JsonValue(std::string_view bytes, MonotonicArena* arena) {
 
 JsonValue JsonValue::array(MonotonicArena* arena) {
   JsonValue value;
-  value.store(make_body<JsonArray>(arena));
-  value.head_ = arena != nullptr ? arena_head(JsonKind::array) : heap_head(JsonKind::array);
+  value.become_array(arena, 0);
   return value;
 }
 
 JsonValue JsonValue::object(MonotonicArena* arena) {
   JsonValue value;
-  value.store(make_body<JsonObject>(arena));
-  value.head_ = arena != nullptr ? arena_head(JsonKind::object) : heap_head(JsonKind::object);
+  value.become_object(arena, 0);
   return value;
+}
+
+void JsonValue::become_long_string(const char* bytes, std::size_t length, MonotonicArena* arena) {
+  if (arena == nullptr || length > std::numeric_limits<std::uint32_t>::max()) [[unlikely]] {
+    *this = JsonValue(std::string_view(bytes, length), arena);
+    return;
+  }
+  auto* const copy = static_cast<char*>(arena->bump(length + 1, 1));
+  copy_at_least_16(copy, bytes, length);
+  copy[length] = '\0';
+  store<const char*>(copy);
+  head_ = arena_head(JsonKind::string, length);
+}
+
+JsonArray& JsonValue::become_array(MonotonicArena* arena, std::size_t capacity) {
+  store(make_body<JsonArray, JsonValue>(arena, capacity));
+  head_ = arena != nullptr ? arena_head(JsonKind::array) : heap_head(JsonKind::array);
+  return *load<JsonArray*>();
+}
+
+JsonObject& JsonValue::become_object(MonotonicArena* arena, std::size_t capacity) {
+  store(make_body<JsonObject, JsonMember>(arena, capacity));
+  head_ = arena != nullptr ? arena_head(JsonKind::object) : heap_head(JsonKind::object);
+  return *load<JsonObject*>();
 }
 
 void JsonValue::release() noexcept {
@@ -274,13 +304,6 @@ void JsonObject::filter(Keep keep) {
     ++kept;
   }
   members_.truncate(kept);
-}
-
-void JsonObject::settle() {
-  if (size() > kMaxLinear)
-    settle_large();
-  else
-    settle_small();
 }
 
 void JsonObject::settle_small() {

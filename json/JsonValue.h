@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "json/BodyVector.h"
+#include "json/ByteScan.h"
 #include "json/JsonError.h"
 #include "json/KeyIndex.h"
 #include "json/MonotonicArena.h"
@@ -33,6 +34,8 @@ std::string_view kind_name(JsonKind kind) noexcept;
 class JsonArray;
 class JsonObject;
 struct JsonMember;
+template <bool kRelaxed>
+class JsonParser;
 
 /// One JSON value; arrays and objects own their children.
 ///
@@ -133,8 +136,10 @@ class JsonValue {
   static constexpr std::size_t kMaxInline = 15;
 
  private:
+  template <bool kRelaxed>
   friend class JsonParser;
-  friend class JsonSerializer;
+  friend class JsonObject;
+  friend struct JsonMember;
 
   // The head, low bits first: 8 bits kind, 8 bits inline length of a string (255: out of line), 8
   // bits flags, 8 unused, 32 bits length of a string in an arena. Arrays and objects have length
@@ -166,6 +171,25 @@ class JsonValue {
     std::memcpy(payload_, other.payload_, sizeof payload_);
     other.head_ = 0;
   }
+  // For the parser: a null value becomes something else where it stays, its head in one store.
+  void become_integer(std::int64_t number) noexcept {
+    head_ = head(JsonKind::integer);
+    store(number);
+  }
+  void become_number(double number) noexcept {
+    head_ = head(JsonKind::number);
+    store(number);
+  }
+  /// The first `length` <= 15 bytes; those behind them become zeros.
+  void become_inline_string(const Bytes16& bytes, std::size_t length) noexcept {
+    bytes.first(length).store(payload_);
+    head_ = inline_head(length);
+  }
+  /// At least 16 bytes.
+  void become_long_string(const char* bytes, std::size_t length, MonotonicArena* arena);
+  JsonArray& become_array(MonotonicArena* arena, std::size_t capacity);
+  JsonObject& become_object(MonotonicArena* arena, std::size_t capacity);
+
   void release() noexcept;
   [[noreturn]] void refuse(const char* expected) const;
   void require(JsonKind wanted, const char* expected) const {
@@ -190,13 +214,16 @@ static_assert(sizeof(JsonValue) == 24);
 struct JsonMember {
   JsonValue name;  ///< always a string, stored where the object's body is
   JsonValue value;
-  std::string_view key() const noexcept { return name.as_string(); }
+  std::string_view key() const noexcept { return name.string_bytes(); }
 };
 
 /// The body of an array.
 class JsonArray {
  public:
   explicit JsonArray(std::pmr::memory_resource* resource) noexcept : elements_(resource) {}
+  /// Starts with memory of that resource for `capacity` elements.
+  JsonArray(std::pmr::memory_resource* resource, void* memory, std::size_t capacity) noexcept
+      : elements_(resource, memory, capacity) {}
 
   std::size_t size() const noexcept { return elements_.size(); }
   bool empty() const noexcept { return size() == 0; }
@@ -211,6 +238,7 @@ class JsonArray {
   std::size_t capacity() const noexcept { return elements_.capacity(); }
   /// Appends null and returns it.
   JsonValue& append() { return elements_.append(); }
+  JsonValue& append(MonotonicArena* arena) { return elements_.append(arena); }
 
  private:
   BodyVector<JsonValue> elements_;
@@ -220,6 +248,9 @@ class JsonArray {
 class JsonObject {
  public:
   explicit JsonObject(std::pmr::memory_resource* resource) noexcept : members_(resource) {}
+  /// Starts with memory of that resource for `capacity` members.
+  JsonObject(std::pmr::memory_resource* resource, void* memory, std::size_t capacity) noexcept
+      : members_(resource, memory, capacity) {}
   ~JsonObject() { drop_index(); }
   JsonObject(const JsonObject&) = delete;
   JsonObject& operator=(const JsonObject&) = delete;
@@ -243,16 +274,16 @@ class JsonObject {
   bool has_index() const noexcept { return index_ != nullptr; }
 
  private:
+  template <bool kRelaxed>
   friend class JsonParser;
   friend class JsonValue;
 
   /// Adds a member whose key is known to be new.
   JsonValue& add(std::string_view key, JsonValue&& value);
   /// Appends a member without looking for its key; the index is left behind.
-  JsonMember& append() { return members_.append(); }
-  /// After append() was used: of members with equal keys only the last stays, at its own position;
-  /// builds the index of a large object.
-  void settle();
+  JsonMember& append(MonotonicArena* arena) { return members_.append(arena); }
+  /// After append() was used, of members with equal keys only the last stays, at its own position:
+  /// for objects of up to kMaxLinear members, and for larger ones, whose index is built.
   void settle_small();
   void settle_large();
   /// Keeps the members for which `keep(position)` holds, in their order.

@@ -31,6 +31,14 @@ class MonotonicArena final : public std::pmr::memory_resource {
     return start;
   }
 
+  /// Makes the newest piece, which ends at `end`, longer where it lies; false when it is not the
+  /// newest or the block has no room.
+  bool extend(const void* end, std::size_t bytes) noexcept {
+    if (end != current_ || bytes > static_cast<std::size_t>(end_ - current_)) return false;
+    current_ += bytes;
+    return true;
+  }
+
   /// Bytes obtained from the system so far, block headers included.
   std::size_t total_bytes() const noexcept { return total_bytes_; }
   /// Usable size of the next block, unless a single request needs a larger one.
