@@ -71,10 +71,11 @@ void LoadBalancerSubworker::process_client_assoc(const JsonReader& message,
     return;
   }
   if (event.no_balance) radio->blacklist.forget(event.mac);
-  if (!associate(*radio, event)) return;
-  const bool expected = radio->expected_roams.erase(event.mac) > 0;
-  if (event.no_balance) remove_from_others(event, *ap);
-  if (lock_balancer() == 0 && steer(event, ap, *radio, expected)) return;
+  if (associate(*radio, event)) {
+    const bool expected = radio->expected_roams.erase(event.mac) > 0;
+    if (event.no_balance) remove_from_others(event, *ap);
+    if (lock_balancer() == 0 && steer(event, ap, *radio, expected)) return;
+  }
   if (event.need_ack) post_assoc_ack(*ap, radio->id, event.mac, event.ssid);
 }
 
