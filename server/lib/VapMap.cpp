@@ -50,10 +50,9 @@ void report_invalid(const MacAddress& mac, const VapPool& pool) {
 bool choose_bssid(const JsonReader& element, const Vap& vap, const VapPool& pool,
                   MacAddress& bssid) {
   const MacAddress fallback = pool.radio_mac.plus(static_cast<std::uint32_t>(vap.vap_id));
-  const bool has_mac = element.has("mac");
-  bssid = has_mac ? MacAddress::from_text(element.get_str("mac")) : fallback;
+  bssid = element.has("mac") ? MacAddress::from_text(element.get_str("mac")) : fallback;
   if (in_pool(bssid, pool)) return true;
-  if (!has_mac || !in_pool(fallback, pool)) {
+  if (!in_pool(fallback, pool)) {
     report_invalid(bssid, pool);
     return false;
   }

@@ -542,6 +542,15 @@ TEST_F(ApMap80211k, LeavesOutDisabledRadiosAndThoseOfUnknownBand) {
   EXPECT_EQ(list_of(map_, *receiver), "[]");
 }
 
+TEST_F(ApMap80211k, TakesTwoRadiosOfUnknownBandForNoNeighbours) {
+  const char* unknown = R"([{"id":0,"status":1,"channel":20,
+                             "vaps":[{"id":1,"ssid":"corp","802dot11k":1}]}])";
+  const auto receiver = add(kA, 1, unknown);
+  add(kB, 1, unknown);
+  receiver->visible_members[mac("00:11:22:33:55:01")] = {};
+  EXPECT_EQ(list_of(map_, *receiver), "[]");
+}
+
 TEST_F(ApMap80211k, ComparesWithTheRadioOfTheSameChannelElseWithTheFirstEnabledOfTheBand) {
   const auto receiver = add(kA, 1, R"([
       {"id":0,"status":1,"channel":36,"band":5,"vaps":[{"id":1,"ssid":"x","802dot11k":1}]},

@@ -181,8 +181,9 @@ TEST(NeighbourMap, RestoreInfersMissingBandsAndLogsWhereItCannot) {
   NeighbourMap map;
   restore_neighbours(map, JsonReader(R"([{"mac":"00:11:22:33:44:50","channel":170},null,
                                         {"mac":"00:11:22:33:44:60","channel":20},
-                                        {"mac":"00:11:22:33:44:70","channel":20,"band":7}])"));
-  ASSERT_EQ(map.size(), 3u);
+                                        {"mac":"00:11:22:33:44:70","channel":20,"band":7},
+                                        {"mac":"00:11:22:33:44:80","channel":20,"band":0}])"));
+  ASSERT_EQ(map.size(), 4u);
   EXPECT_EQ(map.at(kA).band, 6);
   EXPECT_EQ(map.at(kB).band, 0);
   EXPECT_EQ(map.at(MacAddress::from_text("00:11:22:33:44:70")).band, 7);

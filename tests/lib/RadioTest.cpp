@@ -225,6 +225,17 @@ TEST_F(RadioPower, EirpLimitsCountOnlyWithAnAntennaConfiguration) {
   EXPECT_EQ(any.effective_max(), 16);
 }
 
+TEST_F(RadioPower, EirpLimitsOnlyNarrowTheOthers) {
+  Radio any = radio();
+  any.eirp_min = 5;
+  any.eirp_max = 40;
+  any.antenna_gain = 5;
+  any.cable_loss = 1;
+  any.has_antenna_configuration = true;
+  EXPECT_EQ(any.effective_min(), 10);  // 1 dBm would do for the EIRP
+  EXPECT_EQ(any.effective_max(), 16);  // the EIRP would allow 36 dBm
+}
+
 TEST_F(RadioPower, HasEirpLimitsWithAMinimumOrAnAntennaButNotWithAMaximumAlone) {
   Radio any = radio();
   EXPECT_FALSE(any.has_eirp_limits());
@@ -467,6 +478,14 @@ TEST_F(RadioLoad, LevelsFollowTheNumberOfAssociatedClients) {
   EXPECT_EQ(with_clients(19), 127u);
   EXPECT_EQ(with_clients(20), 0u);
   EXPECT_EQ(with_clients(3), 255u);
+}
+
+TEST_F(RadioLoad, AThresholdBelowZeroIsAlwaysPassed) {
+  config_.use_80211v = true;
+  config_.load_balance_sta_low = 0;
+  Radio any = radio();
+  any.update_load_level();
+  EXPECT_EQ(any.load_level, 127u);
 }
 
 TEST_F(RadioLoad, UpdateTellsWhetherTheLevelChanged) {
