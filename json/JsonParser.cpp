@@ -198,6 +198,11 @@ class JsonParser {
          std::string("unexpected character '") + *place + "'");
   }
 
+  [[noreturn, gnu::cold]] void fail_expected(const char* place, char wanted) const {
+    fail(place, json_errc::unexpected_character,
+         std::string("expected '") + wanted + "', got '" + *place + "'");
+  }
+
   std::size_t remaining(const char* place) const { return static_cast<std::size_t>(end_ - place); }
   bool is_at(const char* place, char byte) const { return place != end_ && *place == byte; }
   bool is_digit_at(const char* place) const { return place != end_ && is_digit(*place); }
@@ -309,11 +314,10 @@ const char* JsonParser<kRelaxed>::parse_literal(const char* place, std::string_v
 }
 
 template <bool kRelaxed>
-const char* JsonParser<kRelaxed>::expect(const char* place, char wanted) const {
+[[gnu::always_inline]] inline const char* JsonParser<kRelaxed>::expect(const char* place,
+                                                                       char wanted) const {
   if (place == end_) fail_at_end();
-  if (*place != wanted)
-    fail(place, json_errc::unexpected_character,
-         std::string("expected '") + wanted + "', got '" + *place + "'");
+  if (*place != wanted) fail_expected(place, wanted);
   return place + 1;
 }
 

@@ -285,9 +285,9 @@ constexpr std::string_view kDocument =
     R"({"b":[1,-2.5,"x",null,true,18446744073709551615],"a":{"a long key of an object":"a text that is long"}})";
 
 TEST(JsonValue, CopyIsDeepAndLiesInTheCurrentArena) {
-  MonotonicArena source_arena(256);
-  JsonValue copy;
   MonotonicArena target_arena(256);
+  JsonValue copy;
+  MonotonicArena source_arena(256);
   {
     const ArenaScope source(&source_arena);
     JsonValue document = parse(kDocument);
