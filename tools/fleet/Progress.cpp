@@ -56,7 +56,7 @@ std::string domain_line(const std::string& domain, const DomainRound& round) {
                 name(round.stage()), bar(share.done, share.all).c_str(), share.done, share.all,
                 share.what);
   std::string line = text;
-  if (round.rounds() > 0) line += ", round " + std::to_string(round.rounds()) + " done";
+  if (round.rounds() > 0) line += ", round " + std::to_string(round.rounds());
   return line;
 }
 

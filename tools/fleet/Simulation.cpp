@@ -82,10 +82,21 @@ class Simulation {
     }
   }
 
+  /// A second Ctrl-C, or a script's after the terminal's, must not cut the figures off: from here
+  /// on both signals are ignored. They are held back while the handlers change.
   void stop_watchers() {
     ev_timer_stop(loop_.get(), &timer_);
+    sigset_t both;
+    sigset_t before;
+    sigemptyset(&both);
+    sigaddset(&both, SIGINT);
+    sigaddset(&both, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &both, &before);
     ev_signal_stop(loop_.get(), &interrupt_);
     ev_signal_stop(loop_.get(), &terminate_);
+    signal(SIGINT, SIG_IGN);
+    signal(SIGTERM, SIG_IGN);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
   }
 
   void tick() {
