@@ -30,6 +30,7 @@ class SteeringTranscript : public testing::Test {
     return result;
   }
   void SetUp() override {
+    crowd.begin(0);
     for (now = 0; now < 1000; now += 100) crowd.advance(now + 100);
     events = crowd.take_events();
     ASSERT_EQ(events.size(), 1u);
@@ -49,7 +50,7 @@ class SteeringTranscript : public testing::Test {
   }
 
   World world{scenario()};
-  Crowd crowd{world, one_client(), 0};
+  Crowd crowd{world, one_client()};
   Millis now = 0;
   std::vector<ClientEvent> events;
   std::uint32_t home = 0;

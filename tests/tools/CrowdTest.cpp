@@ -28,6 +28,7 @@ class CrowdOfTwoAps : public testing::Test {
     return result;
   }
   void run_to(Crowd& crowd, Millis end) {
+    crowd.begin(now);
     for (; now < end; now += 100) crowd.advance(now + 100);
   }
   void block_everywhere(Crowd& crowd, std::uint32_t ap, Millis until) {
@@ -46,7 +47,7 @@ class CrowdOfTwoAps : public testing::Test {
 };
 
 TEST_F(CrowdOfTwoAps, EverybodyJoinsWithinASecond) {
-  Crowd crowd(world, calm(50), 0);
+  Crowd crowd(world, calm(50));
   run_to(crowd, 1000);
   EXPECT_EQ(served_at(crowd, 0) + served_at(crowd, 1), 50u);
   const std::vector<ClientEvent> events = crowd.take_events();
@@ -59,8 +60,29 @@ TEST_F(CrowdOfTwoAps, EverybodyJoinsWithinASecond) {
   EXPECT_TRUE(crowd.take_events().empty());
 }
 
+TEST_F(CrowdOfTwoAps, NobodyComesBeforeItBegins) {
+  Crowd crowd(world, calm(50));
+  for (; now < 5000; now += 100) crowd.advance(now + 100);
+  EXPECT_TRUE(crowd.take_events().empty());
+  EXPECT_EQ(sample_crowd(world, crowd, now).clients, 0u);
+  EXPECT_FALSE(crowd.probe_heard(now, {0, 0}, crowd.mac(0)));
+  run_to(crowd, 6000);
+  EXPECT_EQ(crowd.counters().associations, 50u);
+}
+
+TEST_F(CrowdOfTwoAps, ClientsArriveOneAfterTheOther) {
+  CrowdOptions options = calm(100);
+  options.arrival = 10000;
+  Crowd crowd(world, options);
+  run_to(crowd, 5000);
+  EXPECT_GT(crowd.counters().associations, 25u);
+  EXPECT_LT(crowd.counters().associations, 75u);
+  run_to(crowd, 11100);
+  EXPECT_EQ(crowd.counters().associations, 100u);
+}
+
 TEST_F(CrowdOfTwoAps, AClientJoinsTheLoudestRadioAndLikesTheUpperBands) {
-  Crowd crowd(world, calm(50), 0);
+  Crowd crowd(world, calm(50));
   run_to(crowd, 1000);
   for (std::uint32_t client = 0; client < crowd.size(); ++client) {
     double best = -1000;
@@ -84,8 +106,8 @@ TEST_F(CrowdOfTwoAps, AClientJoinsTheLoudestRadioAndLikesTheUpperBands) {
 }
 
 TEST_F(CrowdOfTwoAps, SameSeedSameCrowd) {
-  Crowd one(world, calm(50), 0);
-  Crowd two(world, calm(50), 0);
+  Crowd one(world, calm(50));
+  Crowd two(world, calm(50));
   run_to(one, 1000);
   now = 0;
   run_to(two, 1000);
@@ -97,8 +119,10 @@ TEST_F(CrowdOfTwoAps, SameSeedSameCrowd) {
 TEST_F(CrowdOfTwoAps, ClientsWalkAlikeWhetherTheyAreSteeredOrNot) {
   CrowdOptions options = calm(20);
   options.moving = 1;
-  Crowd free(world, options, 0);
-  Crowd steered(world, options, 0);
+  Crowd free(world, options);
+  Crowd steered(world, options);
+  free.begin(0);
+  steered.begin(0);
   for (; now < 60000; now += 100) {
     free.advance(now + 100);
     steered.advance(now + 100);
@@ -110,7 +134,7 @@ TEST_F(CrowdOfTwoAps, ClientsWalkAlikeWhetherTheyAreSteeredOrNot) {
 }
 
 TEST_F(CrowdOfTwoAps, ABlockedClientGoesElsewhere) {
-  Crowd crowd(world, calm(50), 0);
+  Crowd crowd(world, calm(50));
   block_everywhere(crowd, 0, 60000);
   run_to(crowd, 5000);
   EXPECT_EQ(served_at(crowd, 0), 0u);
@@ -119,12 +143,12 @@ TEST_F(CrowdOfTwoAps, ABlockedClientGoesElsewhere) {
 }
 
 TEST_F(CrowdOfTwoAps, ABlockEndsWithItsTimeOrByAnUnblock) {
-  Crowd crowd(world, calm(10), 0);
+  Crowd crowd(world, calm(10));
   block_everywhere(crowd, 0, 5000);
   block_everywhere(crowd, 1, 1000000);
   run_to(crowd, 4900);
   EXPECT_EQ(served_at(crowd, 0) + served_at(crowd, 1), 0u);
-  run_to(crowd, 20000);  // a client tries again ten seconds after a refusal
+  run_to(crowd, 6000);
   EXPECT_EQ(served_at(crowd, 0), 10u);
   crowd.set_alive(now, 0, false);
   for (std::uint32_t client = 0; client < 10; ++client) {
@@ -135,7 +159,7 @@ TEST_F(CrowdOfTwoAps, ABlockEndsWithItsTimeOrByAnUnblock) {
 }
 
 TEST_F(CrowdOfTwoAps, AKickedClientLeavesAndIsRefusedThere) {
-  Crowd crowd(world, calm(1), 0);
+  Crowd crowd(world, calm(1));
   run_to(crowd, 1000);
   crowd.take_events();
   const RadioKey before = *crowd.served_by(0);
@@ -156,7 +180,7 @@ TEST_F(CrowdOfTwoAps, AKickedClientLeavesAndIsRefusedThere) {
 TEST_F(CrowdOfTwoAps, ARefusingClientInsistsOnTheRadioThatKickedIt) {
   CrowdOptions options = calm(1);
   options.refusing = 1;
-  Crowd crowd(world, options, 0);
+  Crowd crowd(world, options);
   run_to(crowd, 1000);
   const RadioKey before = *crowd.served_by(0);
   crowd.kick(now, before, crowd.mac(0), now + 20000);
@@ -169,7 +193,7 @@ TEST_F(CrowdOfTwoAps, ARefusingClientInsistsOnTheRadioThatKickedIt) {
 }
 
 TEST_F(CrowdOfTwoAps, AKickOfSomebodyElsewhereOnlyBlocks) {
-  Crowd crowd(world, calm(1), 0);
+  Crowd crowd(world, calm(1));
   run_to(crowd, 1000);
   const RadioKey here = *crowd.served_by(0);
   crowd.kick(now, {1 - here.ap, 0}, crowd.mac(0), now + 30000);
@@ -178,7 +202,7 @@ TEST_F(CrowdOfTwoAps, AKickOfSomebodyElsewhereOnlyBlocks) {
 }
 
 TEST_F(CrowdOfTwoAps, UnknownAddressesAreIgnored) {
-  Crowd crowd(world, calm(1), 0);
+  Crowd crowd(world, calm(1));
   run_to(crowd, 1000);
   const MacAddress stranger = MacAddress::from_text("06:43:4c:00:00:07");
   crowd.kick(now, {0, 0}, stranger, now + 1000);
@@ -188,7 +212,7 @@ TEST_F(CrowdOfTwoAps, UnknownAddressesAreIgnored) {
 }
 
 TEST_F(CrowdOfTwoAps, ATransitionMovesAClientThatAgrees) {
-  Crowd crowd(world, calm(1), 0);
+  Crowd crowd(world, calm(1));
   run_to(crowd, 1000);
   const RadioKey from = *crowd.served_by(0);
   const RadioKey to{1 - from.ap, 0};
@@ -201,7 +225,7 @@ TEST_F(CrowdOfTwoAps, ATransitionMovesAClientThatAgrees) {
 TEST_F(CrowdOfTwoAps, ARefusingClientDeclinesATransition) {
   CrowdOptions options = calm(1);
   options.refusing = 1;
-  Crowd crowd(world, options, 0);
+  Crowd crowd(world, options);
   run_to(crowd, 1000);
   const RadioKey from = *crowd.served_by(0);
   EXPECT_FALSE(crowd.ask_transition(now, 0, from, {1 - from.ap, 0}));
@@ -210,7 +234,7 @@ TEST_F(CrowdOfTwoAps, ARefusingClientDeclinesATransition) {
 }
 
 TEST_F(CrowdOfTwoAps, GoingBackWithinAMinuteIsPingPong) {
-  Crowd crowd(world, calm(1), 0);
+  Crowd crowd(world, calm(1));
   run_to(crowd, 1000);
   const RadioKey home = *crowd.served_by(0);
   const RadioKey away{1 - home.ap, 0};
@@ -223,7 +247,7 @@ TEST_F(CrowdOfTwoAps, GoingBackWithinAMinuteIsPingPong) {
 }
 
 TEST_F(CrowdOfTwoAps, ADeadAccessPointServesNobody) {
-  Crowd crowd(world, calm(20), 0);
+  Crowd crowd(world, calm(20));
   run_to(crowd, 1000);
   crowd.set_alive(now, 0, false);
   EXPECT_EQ(served_at(crowd, 0), 0u);
@@ -238,7 +262,7 @@ TEST_F(CrowdOfTwoAps, ADeadAccessPointServesNobody) {
 TEST_F(CrowdOfTwoAps, AStormMakesAFloorJoinAnew) {
   CrowdOptions options = calm(10);
   options.storms = 20;  // every three seconds
-  Crowd crowd(world, options, 0);
+  Crowd crowd(world, options);
   run_to(crowd, 5000);
   EXPECT_EQ(crowd.counters().associations, 20u);
   EXPECT_EQ(crowd.counters().moves, 0u) << "everybody joins where it was";
@@ -247,7 +271,7 @@ TEST_F(CrowdOfTwoAps, AStormMakesAFloorJoinAnew) {
 TEST_F(CrowdOfTwoAps, AProbeIsHeardForFifteenSeconds) {
   CrowdOptions options = calm(1);
   options.rare = 1;
-  Crowd crowd(world, options, 0);
+  Crowd crowd(world, options);
   EXPECT_FALSE(crowd.probe_heard(0, {0, 0}, crowd.mac(0))) << "it has not arrived";
   run_to(crowd, 1000);
   EXPECT_EQ(crowd.probe_heard(now, {0, 0}, crowd.mac(0)), crowd.client_rssi(0, {0, 0}));
@@ -260,7 +284,7 @@ TEST_F(CrowdOfTwoAps, AProbeIsHeardForFifteenSeconds) {
 TEST_F(CrowdOfTwoAps, WalkersReportTheirSignal) {
   CrowdOptions options = calm(5);
   options.moving = 1;
-  Crowd crowd(world, options, 0);
+  Crowd crowd(world, options);
   run_to(crowd, 300000);
   const std::vector<ClientEvent> events = crowd.take_events();
   EXPECT_GT(std::count_if(
@@ -270,7 +294,7 @@ TEST_F(CrowdOfTwoAps, WalkersReportTheirSignal) {
 }
 
 TEST_F(CrowdOfTwoAps, TheSampleCountsRadiosAndImbalance) {
-  Crowd crowd(world, calm(12), 0);
+  Crowd crowd(world, calm(12));
   block_everywhere(crowd, 1, 1000000);
   for (std::uint32_t client = 0; client < 12; ++client) {
     for (const int radio : {1, 2}) crowd.block({0, radio}, crowd.mac(client), 1000000);
@@ -287,7 +311,7 @@ TEST_F(CrowdOfTwoAps, TheSampleCountsRadiosAndImbalance) {
 }
 
 TEST_F(CrowdOfTwoAps, TheSampleKnowsWhoStillWaits) {
-  Crowd crowd(world, calm(3), 0);
+  Crowd crowd(world, calm(3));
   block_everywhere(crowd, 0, 1000000);
   block_everywhere(crowd, 1, 1000000);
   run_to(crowd, 9000);

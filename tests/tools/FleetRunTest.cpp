@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 
 #include "server/lib/JsonReader.h"
@@ -140,11 +141,81 @@ TEST_F(FleetRunOfFour, SumsUpTheAirWhenARoundHasFinished) {
   EXPECT_EQ(run.air().before_dbm, run.air().after_dbm) << "nothing was changed";
 }
 
+/// A fleet of four with clients of both kinds, which come as soon as there is a plan.
+class FleetRunWithClients : public testing::Test {
+ protected:
+  static CrowdOptions crowd_options() {
+    CrowdOptions options;
+    options.clients = 20;
+    options.moving = 0;
+    options.arrival = 0;
+    return options;
+  }
+  void run_to(Millis end) {
+    for (; now < end; now += 10) run.advance(now);
+  }
+  void all_hear(const char* text) {
+    for (std::uint32_t ap = 0; ap < 4; ++ap) run.on_text(now, ap, text);
+    run_to(now + 5100);
+  }
+  std::size_t sent(const char* cmd) const {
+    return static_cast<std::size_t>(
+        std::count_if(connections.sent.begin(), connections.sent.end(), [&](const auto& message) {
+          return std::string_view(JsonReader(message.second.c_str()).get_str("cmd")) == cmd;
+        }));
+  }
+
+  World world{Scenario::of_size(4, 1, 1)};
+  Crowd steered{world, crowd_options()};
+  Crowd unsteered{world, crowd_options()};
+  FakeConnections connections;
+  Millis now = 0;
+  FleetRun run{world, {}, connections, now, &steered, &unsteered};
+};
+
+TEST_F(FleetRunWithClients, TellsOfTheSteeredOnesAndNotOfTheOthers) {
+  run_to(1000);
+  for (std::uint32_t ap = 0; ap < 4; ++ap) {
+    run.on_open(now, ap);
+    run.on_text(now, ap, kAccepted);
+  }
+  all_hear(R"({"service":"rrm","cmd":"rrm-request-mode"})");
+  EXPECT_FALSE(steered.begun());
+  all_hear(R"({"service":"rrm","cmd":"rrm-update","rrm-scan-delay":0})");
+  all_hear(R"({"service":"rrm","cmd":"rrm-info","config":{}})");
+  EXPECT_EQ(steered.counters().associations, 20u);
+  EXPECT_EQ(unsteered.counters().associations, 20u);
+  EXPECT_EQ(sent("rrm-client-assoc"), 20u);
+}
+
+TEST_F(FleetRunWithClients, ARestartingAccessPointServesNobodyUntilItIsBack) {
+  steered.begin(0);
+  unsteered.begin(0);
+  run_to(1200);
+  const std::uint32_t ap = steered.served_by(0)->ap;
+  for (std::uint32_t i = 0; i < 4; ++i) {
+    run.on_open(now, i);
+    run.on_text(now, i, kAccepted);
+  }
+  RunOptions churning;
+  churning.churn = 6000;
+  FakeConnections others;
+  FleetRun restarting(world, churning, others, now, &steered, &unsteered);
+  for (std::uint32_t i = 0; i < 4; ++i) {
+    restarting.on_open(now, i);
+    restarting.on_text(now, i, kAccepted);
+  }
+  while (std::find(others.closed.begin(), others.closed.end(), ap) == others.closed.end()) {
+    restarting.advance(now += 10);
+    ASSERT_LT(now, 10000);
+  }
+  for (int radio = 0; radio < 3; ++radio) EXPECT_TRUE(steered.members({ap, radio}).empty());
+}
+
 TEST(FleetRun, RestartsSoManyAccessPointsPerMinute) {
   World world(Scenario::of_size(50, 1, 1));
   FakeConnections connections;
-  FleetRun run(world, {.rate = 1000, .max_opening = 1000, .churn = 6, .timing = {}}, connections,
-               0);
+  FleetRun run(world, {.rate = 1000, .max_opening = 1000, .churn = 6}, connections, 0);
   Millis now = 0;
   for (; now < 1000; now += 10) run.advance(now);
   for (const std::uint32_t ap : connections.opened) {
@@ -162,7 +233,7 @@ TEST(FleetRun, RestartsSoManyAccessPointsPerMinute) {
 TEST(FleetRun, StartsConnectionsAtItsRate) {
   World world(Scenario::of_size(100, 1, 1));
   FakeConnections connections;
-  FleetRun run(world, {.rate = 50, .max_opening = 1000, .churn = 0, .timing = {}}, connections, 0);
+  FleetRun run(world, {.rate = 50, .max_opening = 1000, .churn = 0}, connections, 0);
   for (Millis now = 0; now <= 1000; now += 10) run.advance(now);
   EXPECT_GE(connections.opened.size(), 50u);
   EXPECT_LE(connections.opened.size(), 52u);
@@ -171,7 +242,7 @@ TEST(FleetRun, StartsConnectionsAtItsRate) {
 TEST(FleetRun, DoesNotCatchUpWithABurstAfterAStall) {
   World world(Scenario::of_size(100, 1, 1));
   FakeConnections connections;
-  FleetRun run(world, {.rate = 50, .max_opening = 1000, .churn = 0, .timing = {}}, connections, 0);
+  FleetRun run(world, {.rate = 50, .max_opening = 1000, .churn = 0}, connections, 0);
   run.advance(10000);
   EXPECT_LE(connections.opened.size(), 5u);
 }
@@ -179,7 +250,7 @@ TEST(FleetRun, DoesNotCatchUpWithABurstAfterAStall) {
 TEST(FleetRun, KeepsOnlySoManyConnectionsUnderWay) {
   World world(Scenario::of_size(100, 1, 1));
   FakeConnections connections;
-  FleetRun run(world, {.rate = 10000, .max_opening = 8, .churn = 0, .timing = {}}, connections, 0);
+  FleetRun run(world, {.rate = 10000, .max_opening = 8, .churn = 0}, connections, 0);
   for (Millis now = 0; now <= 1000; now += 10) run.advance(now);
   EXPECT_EQ(connections.opened.size(), 8u);
   run.on_open(1000, connections.opened[0]);

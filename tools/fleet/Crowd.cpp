@@ -21,7 +21,8 @@ constexpr Millis kProbeMemory = 15000;
 constexpr Millis kProbeEvery = 12000;
 constexpr Millis kProbeRarely = 90000;
 constexpr Millis kPingPong = 60000;
-constexpr Millis kRefusalMemory = 10000;  ///< how long a client avoids a radio that refused it
+constexpr Millis kInsistEvery = 3000;  ///< between two tries of a client that takes no refusal
+constexpr Millis kRoamEvery = 4000;
 constexpr Millis kSignalEvery = 5000;
 constexpr int kSignalStep = 4;      ///< dB that are worth a report
 constexpr double kListenAgain = 3;  ///< metres after which the surroundings sound different
@@ -34,11 +35,9 @@ double distance(double ax, double ay, double bx, double by) noexcept {
 
 }  // namespace
 
-Crowd::Crowd(const World& world, const CrowdOptions& options, Millis now)
+Crowd::Crowd(const World& world, const CrowdOptions& options)
     : world_(world),
       storms_per_minute_(options.storms),
-      last_slot_(now / kSlot),
-      last_advance_(now),
       random_(hash({world.scenario().seed, kCrowd})),
       alive_(world.aps().size(), true),
       members_(world.aps().size() * 3),
@@ -48,10 +47,10 @@ Crowd::Crowd(const World& world, const CrowdOptions& options, Millis now)
     buildings_[ap.site][static_cast<std::size_t>(ap.place.building + 1)].push_back(ap.index);
   }
   clients_.resize(options.clients);
-  for (std::uint32_t i = 0; i < options.clients; ++i) make_client(i, options, now);
+  for (std::uint32_t i = 0; i < options.clients; ++i) make_client(i, options);
 }
 
-void Crowd::make_client(std::uint32_t index, const CrowdOptions& options, Millis now) {
+void Crowd::make_client(std::uint32_t index, const CrowdOptions& options) {
   Client& client = clients_[index];
   client.random = Random(hash({world_.scenario().seed, kClient, index}));
   Random& random = client.random;
@@ -84,9 +83,7 @@ void Crowd::make_client(std::uint32_t index, const CrowdOptions& options, Millis
   client.sticky = random.chance(options.sticky);
   client.refusing = random.chance(options.refusing);
   client.rare = random.chance(options.rare);
-  client.arrives =
-      now + static_cast<Millis>(random.uniform(0, static_cast<double>(options.arrival)));
-  client.unserved_since = client.arrives;
+  client.arrives = static_cast<Millis>(random.uniform(0, static_cast<double>(options.arrival)));
 }
 
 MacAddress Crowd::mac(std::uint32_t client) const noexcept {
@@ -110,7 +107,19 @@ std::vector<ClientEvent> Crowd::take_events() {
   return events;
 }
 
+void Crowd::begin(Millis now) {
+  if (begun_) return;
+  begun_ = true;
+  last_slot_ = now / kSlot;
+  last_advance_ = now;
+  for (Client& client : clients_) {
+    client.arrives += now;
+    client.unserved_since = client.arrives;
+  }
+}
+
 void Crowd::advance(Millis now) {
+  if (!begun_) return;
   storm(now);
   // At most one round of turns, however long the last call is ago.
   last_slot_ = std::max(last_slot_, now / kSlot - kThinkSlots);
@@ -229,28 +238,22 @@ bool Crowd::serves(RadioKey radio, int ssid) const noexcept {
                      [&](const Vap& vap) { return vap.ssid == wanted; });
 }
 
-std::optional<RadioKey> Crowd::best_radio(Millis now, const Client& client) const {
+std::optional<RadioKey> Crowd::best_radio(Millis now, std::uint32_t index, bool blocked_too) const {
+  const Client& client = clients_[index];
   std::optional<RadioKey> best;
-  double best_score = kJoinAt;
+  double best_score = -1000;
   for (const Candidate& candidate : client.candidates) {
     for (int band = 0; band < 3; ++band) {
       const RadioKey radio{candidate.ap, band};
       const double signal = downlink(client, radio);
       const double score = signal + (band > 0 ? kWideBandBonus : 0);
       if (signal < kJoinAt || score <= best_score || !serves(radio, client.ssid)) continue;
-      if (avoids(now, client, radio)) continue;
+      if (!blocked_too && is_blocked(now, radio, index)) continue;
       best = radio;
       best_score = score;
     }
   }
   return best;
-}
-
-bool Crowd::avoids(Millis now, const Client& client, RadioKey radio) const noexcept {
-  if (client.refusing) return false;
-  return std::any_of(client.refusals.begin(), client.refusals.end(), [&](const Refusal& refusal) {
-    return refusal.radio == radio && now < refusal.until;
-  });
 }
 
 bool Crowd::is_blocked(Millis now, RadioKey radio, std::uint32_t index) const {
@@ -259,37 +262,30 @@ bool Crowd::is_blocked(Millis now, RadioKey radio, std::uint32_t index) const {
   return found != blocks.end() && now < found->second;
 }
 
-bool Crowd::attempt(Millis now, std::uint32_t index, RadioKey radio) {
+std::optional<RadioKey> Crowd::answering_radio(Millis now, std::uint32_t index) {
   Client& client = clients_[index];
-  if (is_blocked(now, radio, index)) {
-    ++counters_.refused;
-    std::erase_if(client.refusals, [&](const Refusal& old) { return old.until <= now; });
-    client.refusals.push_back({radio, now + kRefusalMemory});
-    return false;
-  }
-  if (client.radio) leave(now, index);
-  associate(now, index, radio);
-  return true;
+  const auto best = best_radio(now, index, true);
+  if (!best || !is_blocked(now, *best, index)) return best;
+  ++counters_.refused;
+  if (!client.refusing) return best_radio(now, index, false);
+  client.next_try = now + kInsistEvery;
+  return std::nullopt;
 }
 
 void Crowd::try_to_join(Millis now, std::uint32_t index) {
-  Client& client = clients_[index];
-  // A refusal takes a fraction of a second; then the next best is tried.
-  for (int tries = 0; tries < 5 && now >= client.next_try; ++tries) {
-    const auto best = best_radio(now, client);
-    if (!best || attempt(now, index, *best)) return;
-    if (client.refusing) client.next_try = now + 3000;  // insists on this one
-  }
+  if (now < clients_[index].next_try) return;
+  if (const auto radio = answering_radio(now, index)) associate(now, index, *radio);
 }
 
 void Crowd::consider_roaming(Millis now, std::uint32_t index) {
   Client& client = clients_[index];
   const double signal = downlink(client, *client.radio);
   if (signal >= (client.sticky ? kStickyBelow : kRoamBelow) || now < client.next_try) return;
-  client.next_try = now + 4000;
-  const auto best = best_radio(now, client);
-  if (!best || *best == *client.radio) return;
-  if (downlink(client, *best) >= signal + kRoamGain) attempt(now, index, *best);
+  client.next_try = now + kRoamEvery;
+  const auto radio = answering_radio(now, index);
+  if (!radio || *radio == *client.radio || downlink(client, *radio) < signal + kRoamGain) return;
+  leave(now, index);
+  associate(now, index, *radio);
 }
 
 void Crowd::report_signal(Millis now, std::uint32_t index) {
@@ -354,7 +350,8 @@ std::optional<int> Crowd::probe_heard(Millis now, RadioKey radio, const MacAddre
   const auto index = index_of(mac);
   if (!index || !alive_[radio.ap]) return std::nullopt;
   const Client& client = clients_[*index];
-  if (now < client.arrives || now - client.last_probe > kProbeMemory) return std::nullopt;
+  if (!begun_ || now < client.arrives || now - client.last_probe > kProbeMemory)
+    return std::nullopt;
   const int rssi = client_rssi(*index, radio);
   if (rssi < kHeardAt) return std::nullopt;
   return rssi;
@@ -367,7 +364,12 @@ bool Crowd::ask_transition(Millis now, std::uint32_t index, RadioKey from, Radio
     ++counters_.declined;
     return false;
   }
-  if (!attempt(now, index, to)) return false;
+  if (is_blocked(now, to, index)) {
+    ++counters_.refused;
+    return false;
+  }
+  leave(now, index);
+  associate(now, index, to);
   ++counters_.transitions;
   return true;
 }
@@ -399,7 +401,7 @@ std::vector<RadioKey> Crowd::radios_hearing(std::uint32_t index, int band, int r
 
 Millis Crowd::unserved_for(Millis now, std::uint32_t index) const noexcept {
   const Client& client = clients_[index];
-  return client.radio || now < client.arrives ? 0 : now - client.unserved_since;
+  return !begun_ || client.radio || now < client.arrives ? 0 : now - client.unserved_since;
 }
 
 }  // namespace rrm::fleet

@@ -28,7 +28,7 @@ struct CrowdOptions {
   double refusing = 0.1;   ///< decline transitions and go back to where they were kicked from
   double rare = 0.15;      ///< probe once in 90 s instead of every 12 s
   double gathered = 0.4;   ///< stand in a few crowded rooms
-  Millis arrival = 30000;  ///< all have arrived by then
+  Millis arrival = 60000;  ///< from the first to the last one
   double storms = 0;       ///< per minute: everybody on a building's floor joins anew at once
 };
 
@@ -46,7 +46,7 @@ struct CrowdCounters {
   std::uint64_t associations = 0;
   std::uint64_t moves = 0;        ///< from one radio to another
   std::uint64_t ping_pong = 0;    ///< moves back to a radio left within the last 60 s
-  std::uint64_t refused = 0;      ///< attempts at a radio that blocks the client
+  std::uint64_t refused = 0;      ///< times that the radio of choice blocked the client
   std::uint64_t declined = 0;     ///< transitions that the client would not make
   std::uint64_t transitions = 0;  ///< transitions made
   std::uint64_t kicks = 0;
@@ -60,10 +60,14 @@ struct CrowdCounters {
 /// alike. Threading: one thread. Refers to the world, whose present powers decide what is heard.
 class Crowd {
  public:
-  Crowd(const World& world, const CrowdOptions& options, Millis now);
+  Crowd(const World& world, const CrowdOptions& options);
 
   std::uint32_t size() const noexcept { return static_cast<std::uint32_t>(clients_.size()); }
   const CrowdCounters& counters() const noexcept { return counters_; }
+
+  /// From now on clients arrive; nothing happens before. A second call does nothing.
+  void begin(Millis now);
+  bool begun() const noexcept { return begun_; }
 
   /// Lets the clients think whose turn has come.
   void advance(Millis now);
@@ -100,10 +104,6 @@ class Crowd {
     std::uint32_t ap;
     std::array<float, 3> loss_db;
   };
-  struct Refusal {
-    RadioKey radio;
-    Millis until;
-  };
   struct Departure {
     RadioKey radio;
     Millis at;
@@ -124,7 +124,6 @@ class Crowd {
     std::optional<Departure> earlier;  ///< the one before that
     int reported_rssi = 0;
     Millis reported_at = 0;
-    std::vector<Refusal> refusals;
     double heard_x = -1e9, heard_y = -1e9;  ///< where `candidates` was made
     std::vector<Candidate> candidates;
     Random random{0};
@@ -133,7 +132,7 @@ class Crowd {
   std::size_t slot(RadioKey radio) const noexcept {
     return std::size_t{radio.ap} * 3 + static_cast<std::size_t>(radio.radio);
   }
-  void make_client(std::uint32_t index, const CrowdOptions& options, Millis now);
+  void make_client(std::uint32_t index, const CrowdOptions& options);
   void think(Millis now, std::uint32_t index);
   void walk(Client& client) const;
   void listen(std::uint32_t index, Client& client) const;
@@ -142,23 +141,26 @@ class Crowd {
   void consider_roaming(Millis now, std::uint32_t index);
   void report_signal(Millis now, std::uint32_t index);
   void storm(Millis now);
-  /// The loudest radio that serves the client; absent when none is loud enough.
-  std::optional<RadioKey> best_radio(Millis now, const Client& client) const;
+  /// The loudest radio that serves the client, those that block it included or not; absent when
+  /// none is loud enough.
+  std::optional<RadioKey> best_radio(Millis now, std::uint32_t index, bool blocked_too) const;
+  /// The loudest radio that answers a probe. A radio that blocks the client does not; one that
+  /// takes no refusal then goes nowhere else.
+  std::optional<RadioKey> answering_radio(Millis now, std::uint32_t index);
   bool serves(RadioKey radio, int ssid) const noexcept;
   std::optional<float> loss(const Client& client, RadioKey radio) const noexcept;
   double downlink(const Client& client, RadioKey radio) const noexcept;
-  bool avoids(Millis now, const Client& client, RadioKey radio) const noexcept;
   void count_move(Millis now, const Client& client, RadioKey radio);
   bool is_blocked(Millis now, RadioKey radio, std::uint32_t index) const;
-  bool attempt(Millis now, std::uint32_t index, RadioKey radio);
   void associate(Millis now, std::uint32_t index, RadioKey radio);
   void leave(Millis now, std::uint32_t index);
   std::optional<std::uint32_t> index_of(const MacAddress& mac) const noexcept;
 
   const World& world_;
   double storms_per_minute_;
-  Millis last_slot_;
-  Millis last_advance_;
+  bool begun_ = false;
+  Millis last_slot_ = 0;
+  Millis last_advance_ = 0;
   double storms_due_ = 0;
   Random random_;
   std::vector<Client> clients_;

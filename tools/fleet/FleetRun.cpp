@@ -70,6 +70,11 @@ void FleetRun::advance(Millis now) {
 }
 
 void FleetRun::advance_crowds(Millis now) {
+  if (options_.clients_at_once || every_domain_planned()) {
+    for (Crowd* crowd : {steered_, unsteered_}) {
+      if (crowd != nullptr) crowd->begin(now);
+    }
+  }
   if (steered_ != nullptr) steered_->advance(now);
   tell_events(now);
   if (unsteered_ == nullptr) return;

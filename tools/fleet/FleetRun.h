@@ -34,7 +34,9 @@ struct RunOptions {
   std::uint32_t max_opening = 256;  ///< connections under way at once
   double churn = 0;                 ///< access points that restart per minute
   Millis restart = 10000;           ///< how long a restarting one is away
-  AgentTiming timing;
+  /// Clients arrive from the start and not from the first plan of every domain on.
+  bool clients_at_once = false;
+  AgentTiming timing{};
 };
 
 /// What a run has counted so far.

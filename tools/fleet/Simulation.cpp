@@ -60,7 +60,7 @@ class Simulation {
 
  private:
   std::unique_ptr<Crowd> make_crowd(const World& world, bool wanted) const {
-    return wanted ? std::make_unique<Crowd>(world, options_.crowd, monotonic_ms()) : nullptr;
+    return wanted ? std::make_unique<Crowd>(world, options_.crowd) : nullptr;
   }
 
   static void on_timer(struct ev_loop*, ev_timer* timer, int) {

@@ -24,6 +24,7 @@ struct Options {
   double duration = 0;
   double scan_time = 4;
   double churn = 0;
+  double arrival = 60;
   std::string scenario;
   bool json = false;
   bool quiet = false;
@@ -82,6 +83,14 @@ void define(CLI::App& app, Options& options) {
         ->capture_default_str()
         ->group(kClients);
   }
+  app.add_option("--arrival", options.arrival,
+                 "Seconds from the first client's arrival to the last's")
+      ->check(CLI::NonNegativeNumber)
+      ->capture_default_str()
+      ->group(kClients);
+  app.add_flag("--clients-at-once", options.simulation.run.clients_at_once,
+               "Clients arrive from the start, not from the first plan of every domain on")
+      ->group(kClients);
   app.add_option("--storms", crowd.storms, "Times a minute that a whole floor joins anew")
       ->check(CLI::NonNegativeNumber)
       ->capture_default_str()
@@ -107,6 +116,7 @@ int run(Options& options, bool seed_given) {
   World world(scenario_of(options, seed_given));
   SimulationOptions& simulation = options.simulation;
   simulation.run.rate = options.rate;
+  simulation.crowd.arrival = static_cast<Millis>(options.arrival * 1000);
   simulation.run.churn = options.churn;
   simulation.run.timing.scan = static_cast<Millis>(options.scan_time * 1000);
   simulation.duration = static_cast<Millis>(options.duration * 1000);
