@@ -2,7 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
+#include <algorithm>
+#include <random>
 #include <string>
 
 #include "json/JsonSerializer.h"
@@ -565,6 +566,27 @@ TEST(JsonParser, LookAheadCountsOnlyCommasOfItsOwnLevelOutsideOfStrings) {
   const std::string text =
       R"([[1,2,3],{"a":1,"b":2},",,,\",,",4,5,6,7,8,9])" + std::string(300, ' ');
   EXPECT_EQ(parse(text).as_array().capacity(), 9u);
+}
+
+TEST(JsonParser, LookAheadOverAWholeShortTextCountsItsElementsExactly) {
+  constexpr const char* kElements[] = {
+      "1",        "-2.5",          "\",\"",         "\"[{\"",
+      "\"\\\"\"", "\"\\\\\"",      "[1,2,[3,4]]",   "{\"a,b\":[1],\"c\":2}",
+      "[]",       "{\"]\":\"}\"}", "\"\\\\\\\",\"", "\"a longer text, with commas\""};
+  std::mt19937 random(3);
+  for (int round = 0; round < 3000; ++round) {
+    std::string text = "[";
+    std::size_t count = 0;
+    do {
+      if (count++ > 0) text += ',';
+      text += kElements[random() % std::size(kElements)];
+    } while (text.size() < 260 + random() % 200);
+    text += "]";
+    ASSERT_LT(text.size(), 512u);
+    const JsonValue value = parse(text);
+    ASSERT_EQ(value.elements().size(), count) << text;
+    ASSERT_EQ(value.as_array().capacity(), std::max<std::size_t>(count, 8)) << text;
+  }
 }
 
 }  // namespace
