@@ -83,6 +83,8 @@ class GlobalConfig {
   bool validate_and_load(const JsonReader& document, JsonWriter& errors, bool& invalid);
   /// Rewrites the whole file; nothing with an empty path.
   void save() const;
+  /// What save() writes.
+  std::string to_file_text() const;
 
   // --- global options
 
@@ -135,7 +137,6 @@ class GlobalConfig {
   const DomainConfig* find_pattern(const std::string& name) const;
   /// Names of the domains that are bound to a pattern.
   std::vector<std::string> domains_of(const std::string& pattern) const;
-  std::string to_file_text() const;
 
   const std::string path_;
   std::string host_name_;
