@@ -69,15 +69,14 @@ bool ApiCli::connect() {
     return false;
   }
   list_.insert(list_.begin(), pollfd{fd, kEvents, 0});
+  port_ = port_of(fd);
   return true;
 }
 
-int ApiCli::port() const {
-  if (list_.empty()) return 0;
+int ApiCli::port_of(int fd) {
   sockaddr_in address{};
   socklen_t length = sizeof(address);
-  if (::getsockname(list_.front().fd, reinterpret_cast<sockaddr*>(&address), &length) != 0)
-    return 0;
+  if (::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) return 0;
   return ntohs(address.sin_port);
 }
 

@@ -29,7 +29,7 @@ class ApiCli : public rrm::Api {
   void run() override;
 
   /// The port listened on, which differs from the configured one when that is 0; 0 without one.
-  int port() const;
+  int port() const noexcept { return port_; }
   /// Open connections; on the thread of run() or after it has ended.
   std::size_t connection_count() const noexcept { return list_.empty() ? 0 : list_.size() - 1; }
 
@@ -39,12 +39,14 @@ class ApiCli : public rrm::Api {
  private:
   int accept_connection(int listen_fd);
   bool process_packet(int fd);
+  static int port_of(int fd);
   void serve_first_ready(const std::vector<pollfd>& polled);
   Reply answer(const rrm::JsonReader& request);
   bool send_all(int fd, std::string_view text);
 
   VrrpWorker* vrrp_worker_;
   std::atomic<bool> running_ = false;
+  std::atomic<int> port_ = 0;
   StopSignal stop_;
   std::vector<pollfd> list_;  ///< the listening socket first, then the connections as accepted
 };

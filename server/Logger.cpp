@@ -94,8 +94,7 @@ RRM_Logger::RRM_Logger(LoggerSettings settings)
   const bool configured = configure();
   note_taken_levels();
   if (!configured) return;
-  if (std::strtol(own_keys_.log_file_timeout.c_str(), nullptr, 10) > 0)
-    rollout_thread_ = std::thread(&RRM_Logger::run_rollout, this);
+  if (rollover_hours(own_keys_) > 0) rollout_thread_ = std::thread(&RRM_Logger::run_rollout, this);
   cleaner_thread_ = std::thread(&RRM_Logger::run_cleaner, this);
   PROCESS_LOG(Info) << "Start logging.";
 }
@@ -179,8 +178,7 @@ void RRM_Logger::set_aside(const std::string& file) const {
 
 void RRM_Logger::run_rollout() {
   el::Logger* logger = default_logger();
-  const long hours = std::strtol(own_keys_.log_file_timeout.c_str(), nullptr, 10);
-  const auto period = settings_.hour * hours;
+  const auto period = settings_.hour * rollover_hours(own_keys_);
   auto tick = steady_clock::now() + settings_.rollout_tick;
   auto deadline = steady_clock::now() + period;
   while (!stopping_.is_set()) {

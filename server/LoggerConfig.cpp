@@ -88,6 +88,12 @@ LoggerOwnKeys take_own_keys(std::string& text) {
   return keys;
 }
 
+std::int64_t rollover_hours(const LoggerOwnKeys& keys) {
+  constexpr std::int64_t kCentury_h = 876'600;  // beyond it the sum of times would not fit
+  const std::int64_t hours = std::strtol(keys.log_file_timeout.c_str(), nullptr, 10);
+  return std::min(hours, kCentury_h);
+}
+
 CleanerLimits cleaner_limits(const LoggerOwnKeys& keys) {
   constexpr std::uint64_t kMostFiles = 100;
   constexpr std::uint64_t kOldest_h = 720;

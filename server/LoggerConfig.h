@@ -31,6 +31,9 @@ struct CleanerLimits {
   std::uint64_t files_age;    ///< hours, at most 720
 };
 
+/// Hours between two roll-overs by time; 0 or less means none.
+std::int64_t rollover_hours(const LoggerOwnKeys& keys);
+
 CleanerLimits cleaner_limits(const LoggerOwnKeys& keys);
 
 /// Takes the lines with own keys out of a configuration file, as the library would refuse them.

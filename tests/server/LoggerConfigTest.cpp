@@ -38,6 +38,14 @@ TEST(LoggerConfig, CommentsAndOtherTextsAreNoOwnKeys) {
   EXPECT_EQ(text, before);
 }
 
+TEST(LoggerConfig, HoursBetweenRolloversAreReadAsANumber) {
+  EXPECT_EQ(rollover_hours({}), 0);
+  EXPECT_EQ(rollover_hours({.log_file_timeout = "24"}), 24);
+  EXPECT_EQ(rollover_hours({.log_file_timeout = "-1"}), -1);
+  EXPECT_EQ(rollover_hours({.log_file_timeout = "soon"}), 0);
+  EXPECT_EQ(rollover_hours({.log_file_timeout = "99999999999999999999"}), 876'600);
+}
+
 struct LimitCase {
   const char* name;
   LoggerOwnKeys keys;

@@ -114,7 +114,8 @@ TEST_F(Logger, OneEnabledLevelIsEnough) {
 }
 
 TEST_F(Logger, LogsToItsOwnFileWhateverTheConfigurationNames) {
-  configure(" FILENAME = " + folder_.file("other.log") + "\n FORMAT = \"%level %func %msg\"\n");
+  configure(" FILENAME = " + folder_.file("other.log") + "\n FORMAT = \"%level %func %msg\"\n" +
+            "* DEBUG:\n ENABLED = false\n");
   {
     const RRM_Logger logger(settings());
     PROCESS_LOG(Warning) << "a " << 1;
@@ -178,7 +179,7 @@ TEST_F(Logger, TimeoutSetsTheFileAsideOnceItsPeriodIsOver) {
 }
 
 TEST_F(Logger, ForcedRolloverLeavesAnEmptyFileThatIsWrittenTo) {
-  configure(" FORMAT = \"%msg\"\n");
+  configure(" FORMAT = \"%msg\"\n* DEBUG:\n ENABLED = false\n");
   const RRM_Logger logger(settings());
   PROCESS_LOG(Info) << "before";
   force_rollover(*el::Loggers::getLogger("default"));

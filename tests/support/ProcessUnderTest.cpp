@@ -37,7 +37,10 @@ std::string content(const std::string& path) {
   ::dup2(output, STDOUT_FILENO);
   ::dup2(errors, STDERR_FILENO);
   // The program tears itself down in a signal handler on purpose.
-  ::setenv("TSAN_OPTIONS", "report_signal_unsafe=0:halt_on_error=1:exitcode=66", 1);
+  const char* options = std::getenv("TSAN_OPTIONS");
+  const std::string more =
+      std::string(options != nullptr ? options : "") + " report_signal_unsafe=0";
+  ::setenv("TSAN_OPTIONS", more.c_str(), 1);
   if (::chdir(folder.c_str()) == 0) ::execv(words[0], words.data());
   ::_exit(127);
 }

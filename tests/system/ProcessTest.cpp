@@ -61,7 +61,9 @@ class Process : public testing::Test {
   }
   int interrupt() {
     process_->signal(SIGINT);
-    return process_->wait();
+    const int status = process_->wait();
+    if (status != 0) ADD_FAILURE() << process_->errors();
+    return status;
   }
   std::string ask(const std::string& request) { return http_post(web_port_, request).body; }
 
