@@ -93,10 +93,22 @@ bool ApiWeb::connect() {
   // Every line that is asked for is formatted, even when nobody takes it.
   lws_set_log_level(rrm::log_enabled(rrm::LogLevel::Debug) ? kLogEverything : LLL_ERR | LLL_WARN,
                     nullptr);
-  context_ = lws_create_context(&info);
-  if (context_ == nullptr) return false;
+  if (!create_context(info)) return false;
   running_ = true;
   return true;
+}
+
+// The port is opened in a step of its own: a context whose port fails while it is created is given up
+// by the library without being freed.
+bool ApiWeb::create_context(lws_context_creation_info& info) {
+  const std::uint64_t port_options = info.options;
+  info.options |= LWS_SERVER_OPTION_EXPLICIT_VHOSTS;
+  context_ = lws_create_context(&info);
+  if (context_ == nullptr) return false;
+  info.options = port_options;
+  if (lws_create_vhost(context_, &info) != nullptr) return true;
+  destroy_context();
+  return false;
 }
 
 void ApiWeb::destroy_context() {

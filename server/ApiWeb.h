@@ -77,6 +77,7 @@ class ApiWeb : public rrm::Api {
   Reply process_body(const std::string& body);
 
   void serve_pass();
+  bool create_context(lws_context_creation_info& info);
   void destroy_context();
 
   VrrpWorker* vrrp_worker_;
