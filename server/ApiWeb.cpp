@@ -98,8 +98,8 @@ bool ApiWeb::connect() {
   return true;
 }
 
-// The port is opened in a step of its own: a context whose port fails while it is created is given up
-// by the library without being freed.
+// The port is opened in a step of its own: the library gives up a context whose port fails while it
+// is created without freeing it.
 bool ApiWeb::create_context(lws_context_creation_info& info) {
   const std::uint64_t port_options = info.options;
   info.options |= LWS_SERVER_OPTION_EXPLICIT_VHOSTS;

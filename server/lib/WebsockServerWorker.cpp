@@ -179,7 +179,16 @@ bool WebsockServerWorker::create_context() {
   info.user = this;
   update_library_log_level();
 
+  // The port is opened in a step of its own: the library gives up a context whose port fails while
+  // it is created without freeing it.
+  const std::uint64_t port_options = info.options;
+  info.options |= LWS_SERVER_OPTION_EXPLICIT_VHOSTS;
   lws_context* context = lws_create_context(&info);
+  info.options = port_options;
+  if (context != nullptr && lws_create_vhost(context, &info) == nullptr) {
+    lws_context_destroy(context);
+    context = nullptr;
+  }
   if (context == nullptr) {
     destroy_context();
     return false;
