@@ -59,10 +59,7 @@ ApiWeb::~ApiWeb() { destroy_context(); }
 // --- life --------------------------------------------------------------------------------------
 
 bool ApiWeb::connect() {
-  if (context_ != nullptr) {
-    running_ = false;
-    destroy_context();
-  }
+  if (context_ != nullptr) destroy_context();
   const bool tls = config().use_https;
   const char* name = tls ? "https" : "http";
   web_root_ = config().www_path.get();
@@ -93,9 +90,7 @@ bool ApiWeb::connect() {
   // Every line that is asked for is formatted, even when nobody takes it.
   lws_set_log_level(rrm::log_enabled(rrm::LogLevel::Debug) ? kLogEverything : LLL_ERR | LLL_WARN,
                     nullptr);
-  if (!create_context(info)) return false;
-  running_ = true;
-  return true;
+  return create_context(info);
 }
 
 // The port is opened in a step of its own: the library gives up a context whose port fails while it
@@ -120,7 +115,6 @@ void ApiWeb::destroy_context() {
 }
 
 void ApiWeb::stop() {
-  running_ = false;
   // The loop sees it at the end of its pass and takes the context down on its own thread.
   stop_.set();
 }

@@ -3,7 +3,6 @@
 #include <libwebsockets.h>
 
 #include <array>
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -82,7 +81,6 @@ class ApiWeb : public rrm::Api {
 
   VrrpWorker* vrrp_worker_;
   const Files files_;
-  std::atomic<bool> running_ = false;
   StopSignal stop_;
   rrm::SafeUnorderedMap<lws*, HttpSession> sessions_;
   std::function<void()> between_passes_;
