@@ -5,6 +5,7 @@
 
 #include "server/lib/Hooks.h"
 #include "server/lib/LoadBalancerSubworker.h"
+#include "server/lib/MessageArena.h"
 #include "server/lib/RrmWorker.h"
 
 namespace rrm {
@@ -184,6 +185,7 @@ void BlacklistSubworker::post_blacklist(ApEntry& ap) {
                   [](const Radio& radio) { return radio.blacklist.changes.empty(); })) {
     return;
   }
+  const MessageArena arena;
   JsonWriter message("rrm", "rrm-blacklist");
   {
     JsonWriter array = JsonWriter::array(message, "radios");

@@ -9,6 +9,7 @@
 
 #include "server/lib/Hooks.h"
 #include "server/lib/JsonWriter.h"
+#include "server/lib/MessageArena.h"
 
 namespace rrm {
 
@@ -245,6 +246,7 @@ void write_vap(JsonWriter& array, const Radio& radio, const Vap& vap) {
 }  // namespace
 
 std::string FbtDistribution::message(const ApEntry& ap) const {
+  const MessageArena arena(16384);
   JsonWriter message("rrm", "fbt-info");
   message.add("ap-mac", ap.base_mac.upper().c_str());
   message.add("wavelom-use-80211r", true);

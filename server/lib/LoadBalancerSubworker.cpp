@@ -159,39 +159,80 @@ bool LoadBalancerSubworker::make_pending(const MacAddress& client,
   return true;
 }
 
+/// Texts of the "rrm-probe-request" about one client. They differ in the access point's MAC and in
+/// the radios that are asked, so each set of radios is written once and then only gets its MAC.
+class LoadBalancerSubworker::ProbeRequests {
+ public:
+  ProbeRequests(const std::string& domain, const MacAddress& client, const std::string& ssid)
+      : domain_(domain), client_(client), ssid_(ssid) {}
+
+  std::string text(const ApEntry& ap, const std::vector<const Radio*>& radios) {
+    std::uint32_t set = 0;
+    for (const Radio* radio : radios) set |= 1U << (static_cast<std::uint32_t>(radio->id) & 31U);
+    const MacText mac = ap.base_mac.upper();
+    const auto known = std::find_if(written_.begin(), written_.end(),
+                                    [set](const Written& written) { return written.set == set; });
+    if (known == written_.end()) return written_.emplace_back(write(set, mac, radios)).text;
+    known->text.replace(known->mac_at, kMacLength, mac.c_str());
+    return known->text;
+  }
+
+ private:
+  static constexpr std::size_t kMacLength = 17;
+
+  struct Written {
+    std::uint32_t set;   ///< radio ids as bits
+    std::size_t mac_at;  ///< where the access point's MAC stands
+    std::string text;
+  };
+
+  Written write(std::uint32_t set, const MacText& mac,
+                const std::vector<const Radio*>& radios) const {
+    JsonWriter message("rrm", "rrm-probe-request");
+    message.add("ap-mac", mac.c_str());
+    message.add("domain", domain_);
+    {
+      JsonWriter array = JsonWriter::array(message, "radios");
+      for (const Radio* radio : radios) {
+        radio->probe_list_to_json(array, ssid_, client_, kPending_s);
+      }
+    }
+    std::string text = message.str();
+    const std::size_t mac_at = text.find(mac.c_str());
+    return {set, mac_at, std::move(text)};
+  }
+
+  const std::string& domain_;
+  const MacAddress& client_;
+  const std::string& ssid_;
+  std::vector<Written> written_;
+};
+
 /// Asks the client's own access point and those that could take it over.
 /// @return whether there was anybody to ask; their radios are then awaited by the entry
 bool LoadBalancerSubworker::post_probe_req(const MacAddress& client,
                                            const std::shared_ptr<ApEntry>& source,
                                            ProbeEntry& entry) {
   RRM_LOG(Debug, "post_probe_req enter");
-  bool asked = ask(client, *source, entry);
+  ProbeRequests requests(domain(), client, entry.ssid);
+  bool asked = ask(*source, entry, requests);
   for (const auto& [mac, ap] : aps().aps()) {
     if (ap->base_mac == source->base_mac) continue;
     if (!config().use_all_ap_balance && !hears(*ap, *source)) continue;
-    asked = ask(client, *ap, entry) || asked;
+    asked = ask(*ap, entry, requests) || asked;
   }
   worker().broadcast_buffer_flush();
   return asked;
 }
 
-bool LoadBalancerSubworker::ask(const MacAddress& client, const ApEntry& ap, ProbeEntry& entry) {
+bool LoadBalancerSubworker::ask(const ApEntry& ap, ProbeEntry& entry, ProbeRequests& requests) {
   std::vector<const Radio*> radios;
   for (const Radio& radio : ap.radios.radios) {
     if (serves(radio, entry.ssid) && radio.locked_for_balancer == 0) radios.push_back(&radio);
   }
   if (radios.empty()) return false;
-  JsonWriter message("rrm", "rrm-probe-request");
-  message.add("ap-mac", ap.base_mac.upper().c_str());
-  message.add("domain", domain());
-  {
-    JsonWriter array = JsonWriter::array(message, "radios");
-    for (const Radio* radio : radios) {
-      radio->probe_list_to_json(array, entry.ssid, client, kPending_s);
-      entry.awaited.insert(radio->mac);
-    }
-  }
-  worker().broadcast_buffer_add(message.str(), ap.session);
+  for (const Radio* radio : radios) entry.awaited.insert(radio->mac);
+  worker().broadcast_buffer_add(requests.text(ap, radios), ap.session);
   return true;
 }
 

@@ -36,6 +36,7 @@ class LoadBalancerSubworker : public IRrmSubworker {
 
  private:
   struct Source;
+  class ProbeRequests;
   struct Destination;
 
   void process_client_assoc(const JsonReader& message, const std::shared_ptr<ApEntry>& ap);
@@ -51,7 +52,7 @@ class LoadBalancerSubworker : public IRrmSubworker {
                     const Radio& radio, const std::string& ssid);
   bool post_probe_req(const MacAddress& client, const std::shared_ptr<ApEntry>& source,
                       ProbeEntry& entry);
-  bool ask(const MacAddress& client, const ApEntry& ap, ProbeEntry& entry);
+  bool ask(const ApEntry& ap, ProbeEntry& entry, ProbeRequests& requests);
   void post_assoc_ack(const ApEntry& ap, std::int32_t radio_id, const MacAddress& client,
                       const std::string& ssid);
 

@@ -4,6 +4,7 @@
 #include "server/lib/Envelope.h"
 #include "server/lib/Hooks.h"
 #include "server/lib/LoadBalancer802dot11vSubworker.h"
+#include "server/lib/MessageArena.h"
 #include "server/lib/RRM.h"
 #include "server/lib/RrmWorker.h"
 #include "server/lib/TpcDcaSubworker.h"
@@ -33,6 +34,7 @@ void RrmWorker::send_subscribe_fail(const Message& message, std::int32_t code) {
 }
 
 void RrmWorker::send_subscribe_success(const Message& message, const ApEntry& ap) {
+  const MessageArena arena(16384);
   JsonWriter answer("rrm", "subscribe-response");
   answer.add("status", "success");
   answer.add("domain", domain_);

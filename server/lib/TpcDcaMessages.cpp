@@ -4,6 +4,7 @@
 #include <string>
 
 #include "server/lib/Hooks.h"
+#include "server/lib/MessageArena.h"
 #include "server/lib/RrmWorker.h"
 #include "server/lib/TpcDcaSubworker.h"
 
@@ -144,6 +145,7 @@ void TpcDcaSubworker::post_tpc_results() {
 }
 
 void TpcDcaSubworker::post_tpc_results_ap(const ApEntry& ap, bool flush) {
+  const MessageArena arena(16384);
   JsonWriter message("rrm", "rrm-info");
   message.add("ap-mac", ap.base_mac.upper().c_str());
   {
