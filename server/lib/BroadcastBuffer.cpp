@@ -10,6 +10,7 @@ namespace rrm {
 void BroadcastBuffer::add(const char* text, const SessionAddress& session) {
   if (text == nullptr) {
     RRM_LOG(Error, "broadcast_buffer_add msg null");
+    raise_event(EventCode::BroadcastBufferFailed);
     return;
   }
   add(std::string(text), session);

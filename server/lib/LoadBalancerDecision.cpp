@@ -87,7 +87,7 @@ LoadBalancerSubworker::Destination LoadBalancerSubworker::choose(const MacAddres
   const DomainConfig& options = config();
   Destination best;
   for (const auto& [mac, rssi_dbm] : entry.heard) {
-    const auto ap = aps().find_by_bssid(mac);
+    const auto ap = aps().find_any(mac);
     if (ap == nullptr) continue;
     const Radio* radio = ap->radios.find(aps().radio_id_of_bssid(mac));
     if (radio == nullptr) continue;
@@ -136,7 +136,7 @@ bool LoadBalancerSubworker::worth_moving(const Source& source, const Destination
 /// @return whether the client was sent away, so that its access point must not acknowledge it
 bool LoadBalancerSubworker::move_client(const MacAddress& client, const ProbeEntry& entry,
                                         const Source& source, const Destination& destination) {
-  const auto ap = aps().find_by_bssid(destination.mac);
+  const auto ap = aps().find_any(destination.mac);
   const std::int32_t radio_id = aps().radio_id_of_bssid(destination.mac);
   Radio* radio = ap == nullptr ? nullptr : enabled_radio(*ap, radio_id);
   if (radio == nullptr) {

@@ -130,14 +130,19 @@ std::array<NeighbourLoad, 3> write_80211v_lists(const ApMap& aps, const ApEntry&
     return found != heard.end() && radio.id >= 0 && radio.id < 32 &&
            (found->second >> radio.id & 1U) != 0;
   };
+  const auto add_radios = [&](RadioLists& lists, const ApEntry& owner, const Radio& own) {
+    for (const Radio& radio : owner.radios.radios) {
+      if (is_neighbour(owner, own, radio)) lists.add(owner, radio);
+    }
+  };
   for (const Radio& own : ap.radios.radios) {
     if (!takes_part(own)) continue;
     RadioLists lists(ap, own);
     for (const auto& [mac, owner] : aps.aps()) {
-      for (const Radio& radio : owner->radios.radios) {
-        if (is_neighbour(*owner, own, radio)) lists.add(*owner, radio);
-      }
+      add_radios(lists, *owner, own);
     }
+    // A returning access point gets its list before it is among the others again.
+    if (aps.find(ap.base_mac) == nullptr) add_radios(lists, ap, own);
     const NeighbourLoad load = lists.write(array);
     if (own.id >= 0 && static_cast<std::size_t>(own.id) < loads.size()) {
       loads[static_cast<std::size_t>(own.id)] = load;

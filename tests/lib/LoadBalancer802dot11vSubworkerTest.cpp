@@ -341,6 +341,18 @@ TEST(Lists80211v, GroupNeighboursByOwnRadioAndBand) {
   }
 }
 
+TEST(Lists80211v, OfAReturningAccessPointNameItsOwnOtherRadio) {
+  Engine engine(steering_config());
+  const auto radios = all_radios({steering_radio(0), steering_radio(1, 44)});
+  engine.subscribe(1, radios);
+  const std::string before = list_of(engine.rrm().take("subscribe-response").at(0));
+  EXPECT_EQ(before, "[{\"id\":0,\"band5\":[" + entry(1, 44, 255, "10") +
+                        "]},{\"id\":1,\"band5\":[" + entry(1, 36, 255) + "]}]");
+  engine.close_session(101);
+  engine.subscribe(1, radios, 7);
+  EXPECT_EQ(list_of(engine.rrm().take("subscribe-response").at(0)), before);
+}
+
 TEST(Lists80211v, NeverNameForeignNetworks) {
   Engine engine(steering_config());
   RadioSpec two = steering_radio();

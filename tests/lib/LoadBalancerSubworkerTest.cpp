@@ -529,6 +529,17 @@ TEST(BalancingDecision, IgnoresAccessPointsThatHaveLeftSince) {
   EXPECT_FALSE(kicked(engine, 1));
 }
 
+TEST(BalancingDecision, IgnoresAnAccessPointThatOnlyTheIndexStillKnows) {
+  Engine engine(balance_config());
+  subscribe_all(engine, 2);
+  associate(engine, 1, -80);
+  hear(engine, 1, -80);
+  hear(engine, 2, -50);
+  engine.receive("unsubscribe-request", 2, 9, "");  // from another session
+  engine.pass(1);
+  EXPECT_FALSE(kicked(engine, 1));
+}
+
 TEST(BalancingDecision, UnblocksTheClientAtItsDestination) {
   Engine engine(balance_config());
   subscribe_all(engine, 2);

@@ -548,6 +548,7 @@ TEST(RrmWorkerBroadcastBuffer, KeepsTheOrderUntilItIsFlushed) {
   engine.worker().broadcast_buffer_add(std::string("two"), Engine::address(8));
   engine.worker().broadcast_buffer_add(nullptr, Engine::address(8));
   EXPECT_TRUE(engine.log().has(LogLevel::Error, "broadcast_buffer_add msg null"));
+  EXPECT_TRUE(engine.log().has_event(EventCode::BroadcastBufferFailed, ""));
   EXPECT_TRUE(engine.rrm().take().empty());
   engine.worker().broadcast_buffer_flush();
   EXPECT_EQ(engine.rrm().take(), (std::vector<RecordingRrm::Sent>{{7, "one"}, {8, "two"}}));
