@@ -136,6 +136,6 @@ int main() {
   std::printf(
       "one enqueue (message, push, wake-up): %.2f us on a worker at work, %.2f us on one that "
       "sleeps "
-      "(at most 0.7)\n",
+      "that sleeps on another processor\n",
       enqueue_seconds(false) * 1e6, enqueue_seconds(true) * 1e6);
 }

@@ -115,21 +115,33 @@ int printable(std::string_view text) { return static_cast<int>(std::min(text.siz
 
 /// One service thread: its loop and the sessions that have something to send.
 struct WebsockServerWorker::ServiceThread {
-  ServiceThread() : loop(ev_loop_new(EVFLAG_AUTO)) {
+  ServiceThread(WebsockServerWorker* worker, std::size_t index)
+      : owner(worker), number(index), loop(ev_loop_new(EVFLAG_AUTO)) {
     ev_async_init(&wake_up, [](struct ev_loop*, ev_async* watcher, int) {
-      lws_cancel_service(static_cast<lws_context*>(watcher->data));
+      const auto* const self = static_cast<ServiceThread*>(watcher->data);
+      self->owner->serve_waiting(self->number);
     });
+    wake_up.data = this;
     ev_async_start(loop, &wake_up);
+    ev_prepare_init(&before_wait, [](struct ev_loop*, ev_prepare* watcher, int) {
+      const auto* const self = static_cast<ServiceThread*>(watcher->data);
+      self->owner->wake_parsers();
+    });
+    before_wait.data = this;
+    ev_prepare_start(loop, &before_wait);
   }
   ~ServiceThread() { ev_loop_destroy(loop); }
   ServiceThread(const ServiceThread&) = delete;
   ServiceThread& operator=(const ServiceThread&) = delete;
 
-  /// Lets the library ask for what there is to do; from any thread.
+  /// Lets it look at who waits; from any thread.
   void wake() { ev_async_send(loop, &wake_up); }
 
-  struct ev_loop* loop;
-  ev_async wake_up;  ///< its data is the context
+  WebsockServerWorker* const owner;
+  const std::size_t number;
+  struct ev_loop* const loop;
+  ev_async wake_up;
+  ev_prepare before_wait;  ///< wakes the parsing threads once for all that one pass received
   std::thread thread;
   std::mutex waiting_mutex;
   std::vector<SessionAddress> waiting;  ///< guarded by waiting_mutex
@@ -159,7 +171,7 @@ bool WebsockServerWorker::connect() {
 bool WebsockServerWorker::create_context() {
   services_.clear();
   loops_.clear();
-  services_.push_back(std::make_unique<ServiceThread>());
+  services_.push_back(std::make_unique<ServiceThread>(this, 0));
   loops_.push_back(services_.back()->loop);
 
   lws_context_creation_info info{};
@@ -193,7 +205,6 @@ bool WebsockServerWorker::create_context() {
     destroy_context();
     return false;
   }
-  for (auto& service : services_) service->wake_up.data = context;
   const std::lock_guard lock(context_mutex_);
   context_ = context;
   bound_port_ = lws_get_vhost_listen_port(lws_get_vhost_by_name(context, "default"));
@@ -269,12 +280,16 @@ void WebsockServerWorker::serve(std::size_t index) {
 // --- parsing threads
 
 void WebsockServerWorker::wake_parsers() noexcept {
+  if (received_.empty() && !stop_) return;
+  // A thread that is at work looks again before it sleeps.
+  if (!parser_sleeps_.exchange(false)) return;
   const std::uint64_t one = 1;
   [[maybe_unused]] const auto written = write(parser_wakeup_fd_, &one, sizeof one);
 }
 
 void WebsockServerWorker::parse_messages() {
   prctl(PR_SET_NAME, "jsonificator");
+  work_in_batches();
   Received received;
   while (!stop_) {
     if (received_first_.try_pop(received) || received_.try_pop(received)) {
@@ -283,6 +298,8 @@ void WebsockServerWorker::parse_messages() {
       received = {};
       continue;
     }
+    parser_sleeps_.exchange(true);
+    if (!received_first_.empty() || !received_.empty()) continue;
     pollfd wait{parser_wakeup_fd_, POLLIN, 0};
     if (poll(&wait, 1, kParserWait_ms) > 0 && (wait.revents & POLLIN) != 0) {
       std::uint64_t count = 0;
@@ -441,15 +458,17 @@ void WebsockServerWorker::count_message(const SessionAddress& address, std::int6
 }
 
 bool WebsockServerWorker::queue_for_parsing(std::string&& text, const SessionAddress& address) {
-  if (!push_with_backoff(received_, Received(std::move(text), address),
-                         [this] { return stop_.load(); })) {
+  const auto wait = [this] {
+    wake_parsers();
+    return stop_.load();
+  };
+  if (!push_with_backoff(received_, Received(std::move(text), address), wait)) {
     if (stop_) return false;
     RRM_LOG(Error, "jsonificator_queue overflow: message dropped from session %d",
             static_cast<int>(address.id));
     raise_event(EventCode::WebsocketOverflow);
     return false;
   }
-  wake_parsers();
   return true;
 }
 
@@ -545,7 +564,11 @@ void WebsockServerWorker::announce(Outgoing& queue, const SessionAddress& addres
 
 void WebsockServerWorker::on_wait_cancelled(lws* stand_in) {
   const auto index = static_cast<std::size_t>(lws_get_tsi(stand_in));
-  if (index >= services_.size()) return;
+  if (index < services_.size()) serve_waiting(index);
+}
+
+/// Sends, or asks for the moment to write, for every session on the thread's list.
+void WebsockServerWorker::serve_waiting(std::size_t index) {
   if (library_debug_ != log_enabled(LogLevel::Debug)) update_library_log_level();
   std::vector<SessionAddress> waiting;
   {
@@ -556,6 +579,11 @@ void WebsockServerWorker::on_wait_cancelled(lws* stand_in) {
     const Session session = find_session(address.wsi);
     if (session == nullptr || session->address != address) continue;
     if (const auto queue = outgoing_[index].find(address.wsi)) queue->listed = false;
+    if (!session->drop_due && lws_send_pipe_choked(address.wsi) == 0) {
+      // There is room: no need to wait for the moment to write. Closing needs a callback, though.
+      if (on_writeable(address.wsi) == 0) continue;
+      session->closing = true;
+    }
     lws_callback_on_writable(address.wsi);
     if (session->drop_due) lws_set_timeout(address.wsi, PENDING_TIMEOUT_USER_OK, stuck_peer_s_);
   }
@@ -566,6 +594,7 @@ void WebsockServerWorker::on_wait_cancelled(lws* stand_in) {
 int WebsockServerWorker::on_writeable(lws* wsi) {
   const Session session = find_session(wsi);
   if (session == nullptr) return 0;
+  if (session->closing) return -1;
   const std::int32_t tsi = session->address.tsi;
   if (!is_service_thread(tsi)) {
     RRM_LOG(Error, "process_server_writeable: invalid lws tsi %d", tsi);

@@ -114,7 +114,8 @@ class WebsockServerWorker : public Worker {
   void on_pong(lws* wsi);
   int on_writeable(lws* wsi);
   void on_closed(lws* wsi);
-  void on_wait_cancelled(lws* wsi);
+  void on_wait_cancelled(lws* stand_in);
+  void serve_waiting(std::size_t index);
 
   Session find_session(lws* wsi) const { return sessions_.find(wsi); }
   void count_message(const SessionAddress& address, std::int64_t second);
@@ -147,6 +148,8 @@ class WebsockServerWorker : public Worker {
   MessageRing<Received> received_{kCapacity};
   MessageRing<Received> received_first_{kCapacity};  ///< drained first; nothing fills it so far
   int parser_wakeup_fd_;
+  /// A parsing thread is about to wait for the descriptor; set by it, taken back by who wakes it.
+  std::atomic<bool> parser_sleeps_{false};
   std::atomic<std::size_t> backlog_{0};  ///< bytes received and not yet parsed
 
   std::mutex context_mutex_;  ///< guards context_ against its end while a producer wakes it

@@ -19,6 +19,7 @@ struct WebsockSession {
   std::atomic<std::int64_t> last_activity_s{0};
   /// It was asked to close; a peer that takes nothing more is then cut off.
   std::atomic<bool> drop_due{false};
+  bool closing = false;        ///< its end was sent for; service thread only
   std::string receive_buffer;  ///< fragments of the message being received
 };
 

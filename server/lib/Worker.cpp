@@ -1,6 +1,8 @@
 #include "server/lib/Worker.h"
 
 #include <poll.h>
+#include <pthread.h>
+#include <sched.h>
 #include <sys/eventfd.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -21,6 +23,11 @@ std::size_t ring_capacity(int requested) {
 }
 
 }  // namespace
+
+void work_in_batches() noexcept {
+  const sched_param none{};
+  pthread_setschedparam(pthread_self(), SCHED_BATCH, &none);
+}
 
 Worker::Worker(std::string name, RRM* owner, int idle_wait_us, int capacity, bool with_wakeup)
     : idle_wait_us_(idle_wait_us),
@@ -67,7 +74,8 @@ void Worker::push(Ring& ring, JsonReader&& document, const SessionAddress& addre
 }
 
 void Worker::wake() noexcept {
-  if (wakeup_fd_ < 0) return;
+  // A thread that is at work looks again before it sleeps.
+  if (wakeup_fd_ < 0 || !sleeps_.exchange(false)) return;
   const std::uint64_t one = 1;
   // A full counter is as good as a written one.
   [[maybe_unused]] const auto written = write(wakeup_fd_, &one, sizeof one);
@@ -146,6 +154,7 @@ void Worker::discard_messages() noexcept {
 
 void Worker::run() {
   prctl(PR_SET_NAME, thread_name_);
+  work_in_batches();
   try {
     serve();
   } catch (const std::exception& error) {
@@ -193,6 +202,8 @@ bool Worker::wait_for_messages() {
   if (wakeup_fd_ < 0) {
     usleep(static_cast<useconds_t>(idle_wait_us_));
   } else {
+    sleeps_.exchange(true);
+    if (!force_.empty() || !normal_.empty()) return true;
     pollfd wait{wakeup_fd_, POLLIN, 0};
     if (poll(&wait, 1, (idle_wait_us_ + 999) / 1000) > 0 && (wait.revents & POLLIN) != 0) {
       clear_wakeup();

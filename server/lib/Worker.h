@@ -19,6 +19,10 @@ namespace rrm {
 
 class RRM;
 
+/// Lets the calling thread wait for a processor instead of taking it from the thread that wakes it:
+/// under load a producer then hands over many messages at a time instead of one.
+void work_in_batches() noexcept;
+
 /// Base of everything that processes messages: a thread that drains two bounded queues, the force
 /// queue first, one message at a time under the worker's processing lock.
 ///
@@ -132,6 +136,8 @@ class Worker : public std::enable_shared_from_this<Worker> {
   Ring normal_;
   Ring force_;
   int wakeup_fd_ = -1;  ///< eventfd, or -1
+  /// The thread is about to wait for the descriptor; set by it, taken back by who wakes it.
+  std::atomic<bool> sleeps_{false};
   std::atomic<std::uint64_t> dropped_{0};
   const std::string name_;
   std::atomic<bool> notify_owner_on_exit_{true};
