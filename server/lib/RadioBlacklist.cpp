@@ -13,17 +13,13 @@ const char* RadioBlacklist::action_name(Action action) noexcept {
 
 /// @return whether the client was no member and now is one
 bool RadioBlacklist::add_member(const MacAddress& client, std::int32_t timeout_s) {
-  const auto member = members.find(client);
-  if (member != members.end()) {
-    member->second = timeout_s;
-    return false;
-  }
-  if (members.size() >= kMaxMembers) {
+  if (members.size() >= kMaxMembers && !members.contains(client)) {
     RRM_LOG(Warning, "Blacklist is full, client %s left out", client.upper().c_str());
     return false;
   }
-  members.emplace(client, timeout_s);
-  return true;
+  const auto [member, is_new] = members.try_emplace(client, timeout_s);
+  member->second = timeout_s;
+  return is_new;
 }
 
 void RadioBlacklist::block(const MacAddress& client, std::int32_t timeout_s) {
