@@ -116,16 +116,19 @@ bool BlacklistSubworker::held_elsewhere(const StateChange& change) const {
 void BlacklistSubworker::block_pass(const MacAddress& client, const ApEntry& ap,
                                     const std::string& ssid, std::int32_t radio_id, bool strong) {
   if (!config().use_balance) return;
+  const auto could_serve = [&ssid](const Radio& radio) {
+    return radio.status && radio.locked_for_balancer == 0 && radio.id != kNeverBlockedRadio &&
+           radio.vaps.vaps().contains(ssid);
+  };
   for (const auto& [mac, other] : aps().aps()) {
+    const bool own_ap = other->base_mac == ap.base_mac;
     for (Radio& radio : other->radios.radios) {
-      const bool own = other->base_mac == ap.base_mac && radio.id == radio_id;
-      if (own || !radio.status || radio.locked_for_balancer != 0 ||
-          radio.id == kNeverBlockedRadio || !radio.vaps.vaps().contains(ssid)) {
-        continue;
-      }
+      if (own_ap && radio.id == radio_id) continue;
       if (!strong) {
-        radio.blacklist.unblock(client);
-      } else if (radio.assoc_clients.find(client) == nullptr) {
+        if (radio.blacklist.members.contains(client) && could_serve(radio)) {
+          radio.blacklist.unblock(client);
+        }
+      } else if (could_serve(radio) && radio.assoc_clients.find(client) == nullptr) {
         radio.blacklist.block(client, config().blacklist_timeout);
       }
     }

@@ -1,0 +1,167 @@
+// Client events at a domain worker: associations, signal changes and probe answers, mixed evenly,
+// of clients that wander among neighbouring access points. Parsing is not counted. The figures are
+// of one run, by the processor time of the thread: events per second and how long single events
+// take.
+//
+// What grows with the number of access points: an association blocks or unblocks the client on
+// every other radio of its SSID, and a question goes to every access point that hears the client's.
+
+#include <time.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "server/lib/Clock.h"
+#include "server/lib/RRM.h"
+#include "server/lib/RrmWorker.h"
+#include "tests/support/Engine.h"
+
+namespace {
+
+using namespace rrm;
+
+constexpr int kClientsPerAp = 20;
+constexpr int kEvents = 40000;
+constexpr int kEventsPerSecond = 2000;  ///< as the worker's clock counts them
+constexpr int kNeighbours = 32;
+constexpr const char* kSsid = "office";
+
+std::int64_t now_s = 1'000'000;
+
+double cpu_us() {
+  timespec now{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) * 1e6 + static_cast<double>(now.tv_nsec) / 1e3;
+}
+
+/// Takes what is sent and drops it.
+class SilentRrm : public RRM {
+ public:
+  using RRM::RRM;
+  void send_text(const char*, const SessionAddress&) override { ++sent; }
+  void send_serialized(std::string&&, const SessionAddress&) override { ++sent; }
+  bool is_session_alive(const SessionAddress&) const override { return true; }
+
+  std::size_t sent = 0;
+};
+
+class Site {
+ public:
+  explicit Site(int aps) : count_(aps), global_({}, "{}"), rrm_(&global_) {
+    DomainConfig config;
+    config.use_rrm_report = false;
+    config.use_optimization_event = false;
+    config.use_80211k = false;
+    config.use_80211r = false;
+    worker_ = std::make_shared<RrmWorker>(&global_, config, &rrm_, "site", 2048, 0);
+    for (int n = 0; n < count_; ++n) subscribe(n);
+    for (int n = 0; n < count_; ++n) hear_neighbours(n);
+  }
+
+  void run() {
+    std::vector<double> times;
+    const double begin = cpu_us();
+    for (int i = 0; i < kEvents; ++i) {
+      const int client = pick(count_ * kClientsPerAp);
+      const int ap = (client / kClientsPerAp + pick(5)) % count_;
+      const JsonReader message(event(ap, client).c_str(), 8192);
+      const double start = cpu_us();
+      worker_->process_message(message, session(ap));
+      times.push_back(cpu_us() - start);
+      if (i % kEventsPerSecond == kEventsPerSecond - 1) {
+        ++now_s;
+        worker_->on_loop();
+      }
+    }
+    report(times, cpu_us() - begin);
+  }
+
+ private:
+  static SessionAddress session(int ap) { return {nullptr, 0, static_cast<std::uint32_t>(ap + 1)}; }
+  int pick(int below) { return static_cast<int>(random_() % static_cast<unsigned>(below)); }
+
+  static std::string mac(const char* format, int number) {
+    char text[18];
+    std::snprintf(text, sizeof text, format, static_cast<unsigned>(number >> 8 & 0xff),
+                  static_cast<unsigned>(number & 0xff));
+    return text;
+  }
+  static std::string ap_mac(int n) { return mac("00:11:22:%02x:%02x:00", n); }
+
+  static std::string head(int ap, const char* cmd) {
+    return std::string("{\"service\":\"rrm\",\"version\":\"2.4\",\"cmd\":\"") + cmd +
+           "\",\"ap-mac\":\"" + ap_mac(ap) + "\",";
+  }
+
+  void subscribe(int n) {
+    std::vector<test::RadioSpec> radios;
+    for (int id = 0; id < 3; ++id) {
+      radios.push_back({.id = id, .vaps = {{.ssid = kSsid}}, .locked_balancer = 0});
+    }
+    const JsonReader message(
+        (head(n, "subscribe-request") +
+         R"("factory":{"board":"b","hw":"h","serial":"s","mac":"m"},"radios":)" +
+         test::radios_text(radios) + "}")
+            .c_str());
+    worker_->process_message(message, session(n));
+  }
+
+  void hear_neighbours(int n) {
+    const auto ap = worker_->aps().find(MacAddress::from_text(ap_mac(n).c_str()));
+    for (int step = 1; step <= kNeighbours / 2; ++step) {
+      for (const int other : {n + step, n - step + count_}) {
+        const auto neighbour =
+            worker_->aps().find(MacAddress::from_text(ap_mac(other % count_).c_str()));
+        for (int id = 0; id < 3; ++id) {
+          ap->visible_members[neighbour->get_radio_mac(id)] = {-60, 36, 5, 20, 15};
+        }
+      }
+    }
+  }
+
+  std::string event(int ap, int client) {
+    const std::string rssi = std::to_string(-45 - pick(40));
+    const std::string of_client = "\"sta-mac\":\"" + mac("02:aa:00:00:%02x:%02x", client) +
+                                  "\",\"ssid\":\"" + kSsid + "\",\"radio\":1,\"rssi\":" + rssi;
+    switch (pick(3)) {
+      case 0:
+        return head(ap, "rrm-client-assoc") + of_client + ",\"need-ack\":1}";
+      case 1:
+        return head(ap, "rrm-assoc-state-changed") + of_client + ",\"state\":\"stable\"}";
+      default:
+        return head(ap, "rrm-probe-response") +
+               "\"radios\":[{\"id\":1,\"probe-list\":[{\"mac\":\"" +
+               mac("02:aa:00:00:%02x:%02x", client) + "\",\"ssid\":\"" + kSsid +
+               "\",\"rssi\":" + rssi + "}]}]}";
+    }
+  }
+
+  void report(std::vector<double>& times, double total_us) const {
+    double handled_us = 0;
+    for (const double time : times) handled_us += time;
+    std::sort(times.begin(), times.end());
+    std::printf("%5d  %9.0f  %9.0f  %8.1f  %8.1f  %8.1f  %9zu\n", count_,
+                kEvents / handled_us * 1e6, kEvents / total_us * 1e6, times[times.size() / 2],
+                times[times.size() * 99 / 100], times.back(), rrm_.sent);
+  }
+
+  const int count_;
+  std::mt19937 random_{1};
+  GlobalConfig global_;
+  SilentRrm rrm_;
+  std::shared_ptr<RrmWorker> worker_;
+};
+
+}  // namespace
+
+int main() {
+  set_clock_sources([] { return now_s; }, [] { return now_s * 1'000'000; });
+  std::printf("  APs  handled/s  all in/s    p50 us    p99 us    max us   messages sent\n");
+  for (const int aps : {64, 128, 300, 600}) Site(aps).run();
+  return 0;
+}
