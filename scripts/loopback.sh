@@ -1,5 +1,6 @@
 # Sourced by the scripts that run a controller on loopback: free ports, a configuration, start and stop.
-# They set `dir` (working folder, absolute) first.
+# They set `dir` (working folder, absolute) first, and `common_options` if the domains' settings shall not be
+# the default ones.
 
 say() { printf '\n== %s\n' "$*"; }
 die() { printf '%s: %s\n' "${0##*/}" "$*" >&2; exit 1; }
@@ -39,7 +40,7 @@ write_configuration() {
     "vrrp_backup_path": "$dir/backup",
     "vrrp_state_file": "$dir/keep.mode"
   },
-  "common": {},
+  "common": {${common_options:-}},
   "domains": [$domains
   ],
   "patterns": []
