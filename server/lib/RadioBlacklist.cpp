@@ -1,6 +1,7 @@
 #include "server/lib/RadioBlacklist.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <vector>
 
 #include "server/lib/Hooks.h"
@@ -11,12 +12,31 @@ const char* RadioBlacklist::action_name(Action action) noexcept {
   return action == Action::Block ? "block" : "unblock";
 }
 
+namespace {
+
+/// First size of a radio's tables. A client is blocked on all radios of a domain at once, so tables
+/// of the same first size would all grow with the same client; these grow one by one.
+std::size_t first_size(const void* table) {
+  const auto mixed = reinterpret_cast<std::uintptr_t>(table) * std::uint64_t{0x9e3779b97f4a7c15};
+  return 32 + static_cast<std::size_t>(mixed >> 59);
+}
+
+template <class Table>
+void prepare(Table& table) {
+  constexpr std::size_t kBucketsOfANewTable = 1;
+  if (table.bucket_count() <= kBucketsOfANewTable) table.reserve(first_size(&table));
+}
+
+}  // namespace
+
 /// @return whether the client was no member and now is one
 bool RadioBlacklist::add_member(const MacAddress& client, std::int32_t timeout_s) {
   if (members.size() >= kMaxMembers && !members.contains(client)) {
     RRM_LOG(Warning, "Blacklist is full, client %s left out", client.upper().c_str());
     return false;
   }
+  prepare(members);
+  prepare(changes);
   const auto [member, is_new] = members.try_emplace(client, timeout_s);
   member->second = timeout_s;
   return is_new;
