@@ -38,7 +38,7 @@ void sample_imbalance(const Crowd& crowd, std::size_t band, CrowdSample& sample)
   std::size_t counted = 0;
   for (std::uint32_t client = 0; client < crowd.size(); ++client) {
     if (!crowd.served_by(client)) continue;
-    const auto radios = crowd.radios_hearing(client, kBands[band], kWeakDbm);
+    const auto radios = crowd.radios_hearing(client, kBands[band], kStrongDbm + 1);
     if (radios.size() < 2) continue;
     sum += imbalance_of(crowd, radios);
     ++counted;

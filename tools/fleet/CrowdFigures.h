@@ -20,8 +20,9 @@ struct CrowdSample {
   Millis longest_unserved = 0;  ///< of the run so far, those included who still wait
 };
 
-inline constexpr int kWeakDbm =
-    -75;  ///< where the controller's default settings call a client weak
+// RSSI thresholds of the controller's default settings.
+inline constexpr int kWeakDbm = -75;    ///< at or below it a client is weak
+inline constexpr int kStrongDbm = -65;  ///< above it a client is strong: only there it may be sent
 
 CrowdSample sample_crowd(const World& world, const Crowd& crowd, Millis now);
 
