@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
+#include <cstdlib>
 
 #include "tests/tools/SmallWorld.h"
 #include "tools/fleet/CrowdFigures.h"
@@ -279,6 +281,32 @@ TEST_F(CrowdOfTwoAps, AProbeIsHeardForFifteenSeconds) {
   EXPECT_FALSE(crowd.probe_heard(now, {0, 0}, crowd.mac(0))) << "it probes once in 90 s";
   run_to(crowd, 92000);
   EXPECT_TRUE(crowd.probe_heard(now, {0, 0}, crowd.mac(0)));
+}
+
+TEST_F(CrowdOfTwoAps, AStepChangesASignalOnlyALittle) {
+  Scenario shadowed = scenario();
+  shadowed.propagation.shadowing_db = 4;
+  const World hall(shadowed);
+  CrowdOptions options = calm(20);
+  options.moving = 1;
+  Crowd crowd(hall, options);
+  crowd.begin(0);
+  std::vector<int> last(20, 0);
+  double sum = 0;
+  int steps = 0;
+  for (; now < 120000; now += 1000) {
+    crowd.advance(now + 1000);
+    for (std::uint32_t client = 0; client < 20; ++client) {
+      const int rssi = crowd.client_rssi(client, {0, 0});
+      if (last[client] != 0 && last[client] > -100 && rssi != last[client]) {
+        sum += std::abs(rssi - last[client]);
+        ++steps;
+      }
+      last[client] = rssi;
+    }
+  }
+  ASSERT_GT(steps, 50);
+  EXPECT_LT(sum / steps, 4) << "three metres further, mean change in dB";
 }
 
 TEST_F(CrowdOfTwoAps, WalkersReportTheirSignal) {

@@ -27,10 +27,33 @@ constexpr Millis kSignalEvery = 5000;
 constexpr int kSignalStep = 4;      ///< dB that are worth a report
 constexpr double kListenAgain = 3;  ///< metres after which the surroundings sound different
 
+constexpr double kShadowGrid = 8;  ///< metres over which shadowing changes
+
 enum Stream : std::uint64_t { kClient = 0xc11e47, kCrowd, kRooms, kAir };
 
 double distance(double ax, double ay, double bx, double by) noexcept {
   return std::hypot(ax - bx, ay - by);
+}
+
+/// A smooth random field of mean 0 and deviation 1: between the corners of a grid the values of the
+/// corners are weighed by nearness. Moving a few metres changes a signal a little, not at random.
+double shadow(std::uint64_t field, const Place& place) noexcept {
+  const double column = std::floor(place.x / kShadowGrid);
+  const double row = std::floor(place.y / kShadowGrid);
+  const double right = place.x / kShadowGrid - column;
+  const double up = place.y / kShadowGrid - row;
+  double sum = 0;
+  double squares = 0;
+  for (const int dx : {0, 1}) {
+    for (const int dy : {0, 1}) {
+      const double weight = (dx == 1 ? right : 1 - right) * (dy == 1 ? up : 1 - up);
+      const auto x = static_cast<std::uint64_t>(static_cast<std::int64_t>(column) + dx);
+      const auto y = static_cast<std::uint64_t>(static_cast<std::int64_t>(row) + dy);
+      sum += weight * gaussian(hash({field, x, y}));
+      squares += weight * weight;
+    }
+  }
+  return sum / std::sqrt(squares);
 }
 
 }  // namespace
@@ -184,19 +207,16 @@ void Crowd::listen(std::uint32_t index, Client& client) const {
   client.candidates.clear();
   const Propagation& propagation = world_.scenario().propagation;
   const Site& site = world_.sites()[client.site];
-  const auto x =
-      static_cast<std::uint64_t>(static_cast<std::int64_t>(client.place.x / kListenAgain));
-  const auto y =
-      static_cast<std::uint64_t>(static_cast<std::int64_t>(client.place.y / kListenAgain));
-  const std::uint64_t here = hash({kAir, index, x, y});
   for (const std::uint32_t ap :
        buildings_[client.site][static_cast<std::size_t>(client.place.building + 1)]) {
     const Obstacles obstacles = between(site.buildings, client.place, world_.ap(ap).place);
     Candidate candidate{ap, {}};
     for (int band = 0; band < 3; ++band) {
-      candidate.loss_db[static_cast<std::size_t>(band)] =
-          static_cast<float>(propagation.mean_loss_db(band, obstacles) +
-                             propagation.shadowing(world_.scenario().seed, here, ap, band));
+      candidate.loss_db[static_cast<std::size_t>(band)] = static_cast<float>(
+          propagation.mean_loss_db(band, obstacles) +
+          propagation.shadowing_db * shadow(hash({world_.scenario().seed, kAir, index, ap,
+                                                  static_cast<std::uint64_t>(band)}),
+                                            client.place));
     }
     if (candidate.loss_db[0] < kClientPower - kHeardAt + 6) client.candidates.push_back(candidate);
   }
