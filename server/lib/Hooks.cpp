@@ -25,8 +25,8 @@ bool log_enabled(LogLevel level) noexcept {
   return filter == nullptr || filter(level);
 }
 
-void log_write(const char* file, int line, const char* function, LogLevel level,
-               const char* format, ...) {
+void log_write(const char* file, int line, const char* function, LogLevel level, const char* format,
+               ...) {
   const LogSink sink = log_sink.load(std::memory_order_acquire);
   if (sink == nullptr) return;
   std::va_list arguments;

@@ -70,8 +70,8 @@ void raise_event(EventCode code, std::string payload = {});
 }  // namespace rrm
 
 /// One record of the calling function; the arguments are not evaluated when nobody takes the level.
-#define RRM_LOG(level, ...)                                                                  \
-  do {                                                                                       \
-    if (::rrm::log_enabled(::rrm::LogLevel::level))                                          \
+#define RRM_LOG(level, ...)                                                                \
+  do {                                                                                     \
+    if (::rrm::log_enabled(::rrm::LogLevel::level))                                        \
       ::rrm::log_write(__FILE__, __LINE__, __func__, ::rrm::LogLevel::level, __VA_ARGS__); \
   } while (false)

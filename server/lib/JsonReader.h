@@ -17,12 +17,13 @@ struct FileDescriptor {
   int number;
 };
 
-/// Forgiving view of a JSON document: broken text is an empty reader, a missing key reads as 0 or "".
+/// Forgiving view of a JSON document: broken text is an empty reader, a missing key
+/// reads as 0 or "".
 ///
 /// Purpose:   every message, request and file is read through it; nothing throws on bad input.
-/// Ownership: a parsing reader owns its arena and tree; a child reader owns only its cached text and
-///            must not outlive the reader it was taken from. Moving a reader keeps its children's
-///            values where they are but not a pointer to the reader itself.
+/// Ownership: a parsing reader owns its arena and tree; a child reader owns only its cached
+///            text and must not outlive the reader it was taken from. Moving a reader keeps its
+///            children's values where they are but not a pointer to the reader itself.
 /// Threading: one thread at a time.
 class JsonReader {
  public:
@@ -50,7 +51,8 @@ class JsonReader {
   std::size_t size() const noexcept;
   bool has(std::string_view key) const;
 
-  /// The member's bytes, NUL-terminated; "" when missing or no string. Valid as long as the document.
+  /// The member's bytes, NUL-terminated; "" when missing or no string.
+  /// Valid as long as the document.
   const char* get_str(std::string_view key) const;
   /// Integers truncated to their low 32 bits, booleans 0 or 1, strings by strtol (base 10, whole
   /// string; on a range error 0 and errno == ERANGE, else errno is untouched), anything else 0.

@@ -24,8 +24,8 @@ class JsonWriter {
   /// An empty object, with "version" first when the version is a non-empty text.
   explicit JsonWriter(const char* version = nullptr);
   /// The envelope of every message: {"version", "service", "cmd"} with an explicit version, and
-  /// {"service", "version": "2.4", "cmd"} without one when the service is "rrm". Empty parts are left
-  /// out.
+  /// {"service", "version": "2.4", "cmd"} without one when the service is "rrm". Empty parts are
+  /// left out.
   JsonWriter(const char* service, const char* cmd, const char* version = nullptr);
 
   /// Child that stands for a new empty object or array: under `key` of the parent's object
@@ -44,7 +44,9 @@ class JsonWriter {
   void add(std::string_view key, std::int64_t number);
   void add(std::string_view key, std::int32_t number) { add(key, std::int64_t{number}); }
   void add(std::string_view key, std::uint32_t number) { add(key, std::int64_t{number}); }
-  void add(std::string_view key, std::uint64_t number) { add(key, static_cast<std::int64_t>(number)); }
+  void add(std::string_view key, std::uint64_t number) {
+    add(key, static_cast<std::int64_t>(number));
+  }
   void add(std::string_view key, bool flag) { add(key, std::int64_t{flag}); }
   void add(std::string_view key, std::optional<std::int32_t> number) {
     if (number) add(key, std::int64_t{*number});

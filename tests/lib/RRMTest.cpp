@@ -25,8 +25,9 @@ using test::RecordingWorker;
 using test::wait_until;
 using Texts = std::vector<std::string>;
 
-constexpr char kConfig[] = R"({"domains":[{"domain":"site","pattern":"common","time_zone":"00:00"},)"
-                           R"({"domain":"other","pattern":"common","time_zone":"03:00"}]})";
+constexpr char kConfig[] =
+    R"({"domains":[{"domain":"site","pattern":"common","time_zone":"00:00"},)"
+    R"({"domain":"other","pattern":"common","time_zone":"03:00"}]})";
 
 const SessionAddress kSession{reinterpret_cast<lws*>(0x1000), 0, 5};
 

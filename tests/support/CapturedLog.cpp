@@ -75,10 +75,9 @@ std::vector<std::pair<EventCode, std::string>> CapturedLog::events() const {
 
 std::size_t CapturedLog::count(LogLevel level, const std::string& text) const {
   const std::lock_guard lock(mutex_);
-  return static_cast<std::size_t>(
-      std::count_if(records_.begin(), records_.end(), [&](const Record& record) {
-        return record.level == level && record.text == text;
-      }));
+  return static_cast<std::size_t>(std::count_if(
+      records_.begin(), records_.end(),
+      [&](const Record& record) { return record.level == level && record.text == text; }));
 }
 
 bool CapturedLog::has_event(EventCode code, const std::string& payload) const {
