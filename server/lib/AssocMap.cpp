@@ -1,11 +1,12 @@
 #include "server/lib/AssocMap.h"
 
-#include <iterator>
+#include <vector>
 
 #include "server/lib/Clock.h"
 #include "server/lib/Hooks.h"
 
 namespace rrm {
+
 void AssocMap::from_json(const JsonReader& assoclist) {
   if (assoclist.is_null()) return;
   associated_.clear();
@@ -57,11 +58,12 @@ void AssocMap::expect_client(const MacAddress& mac, const MacAddress& target_ap,
 void AssocMap::forget_expected(const MacAddress& mac) { expected_.erase(mac); }
 
 void AssocMap::age_expected() {
-  for (auto entry = expected_.begin(); entry != expected_.end();) {
-    std::int32_t& countdown = entry->second.countdown;
-    if (countdown > 0) --countdown;
-    entry = countdown < 1 ? expected_.erase(entry) : std::next(entry);
+  std::vector<MacAddress> over;
+  for (auto& [mac, client] : expected_) {
+    if (client.countdown > 0) --client.countdown;
+    if (client.countdown < 1) over.push_back(mac);
   }
+  for (const MacAddress& mac : over) expected_.erase(mac);
 }
 
 void AssocMap::clear() {

@@ -3,11 +3,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
-#include <unordered_map>
 
 #include "server/lib/JsonReader.h"
 #include "server/lib/JsonWriter.h"
 #include "server/lib/MacAddress.h"
+#include "server/lib/MacMap.h"
 
 namespace rrm {
 
@@ -58,22 +58,22 @@ class AssocMap {
   void age_expected();
   void clear();
 
-  /// The associated client, or null.
+  /// The associated client, or null; valid until the next change.
   const AssocClient* find(const MacAddress& mac) const;
-  const std::unordered_map<MacAddress, AssocClient>& associated() const { return associated_; }
-  const std::unordered_map<MacAddress, ExpectedClient>& expected() const { return expected_; }
+  const MacMap<AssocClient>& associated() const { return associated_; }
+  const MacMap<ExpectedClient>& expected() const { return expected_; }
 
   void dump() const;  ///< Debug records
-  void to_json(
-      JsonWriter& array) const;  ///< {"mac", "dbm-signal", "ssid", "no-balance"} per client
+  /// {"mac", "dbm-signal", "ssid", "no-balance"} per associated client into an array.
+  void to_json(JsonWriter& array) const;
   /// {"dbm-signal", "ssid", "no-balance"} of one client into an object.
   static void client_to_json(const AssocClient& client, JsonWriter& object);
 
  private:
   bool refuse(const MacAddress& mac) const;
 
-  std::unordered_map<MacAddress, AssocClient> associated_;
-  std::unordered_map<MacAddress, ExpectedClient> expected_;
+  MacMap<AssocClient> associated_;
+  MacMap<ExpectedClient> expected_;
 };
 
 }  // namespace rrm

@@ -17,13 +17,14 @@ namespace rrm {
 
 /// Map by MAC address that keeps its entries side by side in the order of insertion.
 ///
-/// Purpose:   what access points hear is copied with every snapshot and walked by every planner;
-///            two blocks of memory are copied and walked faster than a node per entry. The order
-///            does not depend on hashes, so runs are repeatable.
+/// Purpose:   what access points hear is copied with every snapshot and walked by every planner,
+///            and a client may be blocked on every radio of a domain at once; two blocks of memory
+///            are copied and walked faster than a node per entry. The order does not depend on
+///            hashes, so runs are repeatable; erasing puts the last entry into the gap.
 /// Errors:    at() throws std::out_of_range for an absent key.
 /// Threading: none inside; const operations may run side by side.
-/// Note:      inserting moves the entries: iterators and references do not survive it. Keys must
-///            not be changed through an iterator. Single entries cannot be erased.
+/// Note:      inserting and erasing move entries: iterators and references do not survive them.
+///            Keys must not be changed through an iterator.
 template <class Value>
 class MacMap {
  public:
@@ -60,6 +61,26 @@ class MacMap {
     return {std::prev(end()), true};
   }
   Value& operator[](const MacAddress& mac) { return try_emplace(mac).first->second; }
+  void insert_or_assign(const MacAddress& mac, const Value& value) {
+    const auto [entry, is_new] = try_emplace(mac, value);
+    if (!is_new) entry->second = value;
+  }
+
+  /// @return how many entries the key had
+  std::size_t erase(const MacAddress& mac) noexcept {
+    if (slots_.empty()) return 0;
+    const std::size_t at = probe(mac);
+    if (slots_[at] == 0) return 0;
+    const std::uint32_t gap = slots_[at];
+    const auto last = static_cast<std::uint32_t>(entries_.size());
+    if (gap != last) {
+      slot_of(entries_.back().first) = gap;
+      entries_[gap - 1] = std::move(entries_.back());
+    }
+    free_slot(at);
+    entries_.pop_back();
+    return 1;
+  }
 
   /// Keeps a little memory for the next filling.
   void clear() noexcept {
@@ -72,7 +93,7 @@ class MacMap {
   }
 
  private:
-  static constexpr std::size_t kKeptEntries = 512;
+  static constexpr std::size_t kKeptEntries = 128;
   static constexpr std::size_t kFirstSlots = 16;
 
   /// Unknown to those who choose the addresses, so that they can't aim them at one slot.
@@ -91,10 +112,14 @@ class MacMap {
     return entry;
   }
 
+  /// The slot where the search for a MAC begins.
+  std::size_t home(const MacAddress& mac) const noexcept {
+    return mac.number() * multiplier() >> (64 - std::countr_zero(slots_.size()));
+  }
+
   /// Slot of a MAC, or the free one where it belongs. There is always a free one.
   std::size_t probe(const MacAddress& mac) const noexcept {
-    const int shift = 64 - std::countr_zero(slots_.size());
-    std::size_t at = mac.number() * multiplier() >> shift;
+    std::size_t at = home(mac);
     while (slots_[at] != 0 && entries_[slots_[at] - 1].first != mac)
       at = (at + 1) & (slots_.size() - 1);
     return at;
@@ -107,6 +132,19 @@ class MacMap {
     return slot != 0 ? slot - 1 : static_cast<std::ptrdiff_t>(size());
   }
 
+  /// Empties a slot and moves up those behind it that were pushed past it. Called while every other
+  /// slot names its entry, as far as its place counts.
+  void free_slot(std::size_t gap) noexcept {
+    const std::size_t mask = slots_.size() - 1;
+    for (std::size_t at = (gap + 1) & mask; slots_[at] != 0; at = (at + 1) & mask) {
+      const std::size_t pushed = (at - home(entries_[slots_[at] - 1].first)) & mask;
+      if (pushed < ((at - gap) & mask)) continue;
+      slots_[gap] = slots_[at];
+      gap = at;
+    }
+    slots_[gap] = 0;
+  }
+
   void grow() {
     slots_.assign(slots_.empty() ? kFirstSlots : 2 * slots_.size(), 0);
     for (std::size_t i = 0; i < entries_.size(); ++i)
@@ -115,6 +153,31 @@ class MacMap {
 
   std::vector<value_type> entries_;
   std::vector<std::uint32_t> slots_;  ///< open addressing: index + 1 of an entry, 0 when free
+};
+
+/// Set of MAC addresses, stored alike.
+class MacSet {
+ public:
+  MacSet() = default;
+  MacSet(std::initializer_list<MacAddress> macs) {
+    for (const MacAddress& mac : macs) insert(mac);
+  }
+
+  std::size_t size() const noexcept { return map_.size(); }
+  bool empty() const noexcept { return map_.empty(); }
+  /// The element, or null.
+  const MacAddress* find(const MacAddress& mac) const noexcept {
+    const auto found = map_.find(mac);
+    return found == map_.end() ? nullptr : &found->first;
+  }
+  bool contains(const MacAddress& mac) const noexcept { return map_.contains(mac); }
+  void insert(const MacAddress& mac) { map_.try_emplace(mac); }
+  void erase(const MacAddress& mac) noexcept { map_.erase(mac); }
+  void clear() noexcept { map_.clear(); }
+
+ private:
+  struct Nothing {};
+  MacMap<Nothing> map_;
 };
 
 }  // namespace rrm

@@ -1,7 +1,6 @@
 #include "server/lib/RadioBlacklist.h"
 
 #include <algorithm>
-#include <cstdint>
 #include <vector>
 
 #include "server/lib/Hooks.h"
@@ -12,31 +11,12 @@ const char* RadioBlacklist::action_name(Action action) noexcept {
   return action == Action::Block ? "block" : "unblock";
 }
 
-namespace {
-
-/// First size of a radio's tables. A client is blocked on all radios of a domain at once, so tables
-/// of the same first size would all grow with the same client; these grow one by one.
-std::size_t first_size(const void* table) {
-  const auto mixed = reinterpret_cast<std::uintptr_t>(table) * std::uint64_t{0x9e3779b97f4a7c15};
-  return 32 + static_cast<std::size_t>(mixed >> 59);
-}
-
-template <class Table>
-void prepare(Table& table) {
-  constexpr std::size_t kBucketsOfANewTable = 1;
-  if (table.bucket_count() <= kBucketsOfANewTable) table.reserve(first_size(&table));
-}
-
-}  // namespace
-
 /// @return whether the client was no member and now is one
 bool RadioBlacklist::add_member(const MacAddress& client, std::int32_t timeout_s) {
   if (members.size() >= kMaxMembers && !members.contains(client)) {
     RRM_LOG(Warning, "Blacklist is full, client %s left out", client.upper().c_str());
     return false;
   }
-  prepare(members);
-  prepare(changes);
   const auto [member, is_new] = members.try_emplace(client, timeout_s);
   member->second = timeout_s;
   return is_new;
@@ -47,16 +27,14 @@ void RadioBlacklist::block(const MacAddress& client, std::int32_t timeout_s) {
 }
 
 void RadioBlacklist::unblock(const MacAddress& client) {
-  const auto member = members.find(client);
-  if (member == members.end()) return;
+  if (members.erase(client) == 0) return;
   if (kicked.erase(client) == 0) changes[client] = {Action::Unblock, 0};
-  members.erase(member);
 }
 
 void RadioBlacklist::kick(const MacAddress& client, std::int32_t timeout_s,
                           const std::string& ssid) {
   if (ssid.empty()) return;
-  if (add_member(client, timeout_s)) kicked.emplace(client, Kicked{ssid, false});
+  if (add_member(client, timeout_s)) kicked.try_emplace(client, {ssid, false});
 }
 
 void RadioBlacklist::forget(const MacAddress& client) {

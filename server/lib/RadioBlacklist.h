@@ -3,10 +3,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
-#include <unordered_map>
 
 #include "server/lib/JsonWriter.h"
 #include "server/lib/MacAddress.h"
+#include "server/lib/MacMap.h"
 
 namespace rrm {
 
@@ -30,9 +30,9 @@ struct RadioBlacklist {
     bool sent = false;  ///< was listed in a disassociation request
   };
 
-  std::unordered_map<MacAddress, std::int32_t> members;  ///< client, remaining seconds
-  std::unordered_map<MacAddress, Change> changes;
-  std::unordered_map<MacAddress, Kicked> kicked;  ///< never longer than the membership
+  MacMap<std::int32_t> members;  ///< client, remaining seconds
+  MacMap<Change> changes;
+  MacMap<Kicked> kicked;  ///< never longer than the membership
 
   /// Makes the client a member and tells the access point; a member only starts its time anew.
   void block(const MacAddress& client, std::int32_t timeout_s);

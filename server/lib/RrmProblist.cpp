@@ -1,5 +1,7 @@
 #include "server/lib/RrmProblist.h"
 
+#include <utility>
+
 #include "server/lib/Hooks.h"
 
 namespace rrm {
@@ -21,8 +23,7 @@ void ProbeEntry::stop_awaiting(const MacAddress& bssid, const std::string& of_ss
 }
 
 const MacAddress* ProbeEntry::is_awaited(const MacAddress& bssid) const {
-  const auto found = awaited.find(bssid);
-  return found == awaited.end() ? nullptr : &*found;
+  return awaited.find(bssid);
 }
 
 void ProbeEntry::clear() {
@@ -30,8 +31,8 @@ void ProbeEntry::clear() {
   awaited.clear();
 }
 
-void RrmProblist::add(const MacAddress& client, const ProbeEntry& entry) {
-  entries_.try_emplace(client, entry);
+void RrmProblist::add(const MacAddress& client, ProbeEntry entry) {
+  entries_.try_emplace(client, std::move(entry));
 }
 
 ProbeEntry* RrmProblist::find(const MacAddress& client) {

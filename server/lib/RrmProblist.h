@@ -3,16 +3,16 @@
 #include <cstdint>
 #include <string>
 #include <unordered_map>
-#include <unordered_set>
 
 #include "server/lib/MacAddress.h"
+#include "server/lib/MacMap.h"
 
 namespace rrm {
 
 /// What is known of one client that the probe-response balancer asked the access points about.
 struct ProbeEntry {
-  std::unordered_map<MacAddress, std::int32_t> heard;  ///< radio MAC, RSSI of the client there, dBm
-  std::unordered_set<MacAddress> awaited;              ///< radios whose answer is still missing
+  MacMap<std::int32_t> heard;   ///< radio MAC, RSSI of the client there, dBm
+  MacSet awaited;               ///< radios whose answer is still missing
   std::string ssid;             ///< every update must name the same, non-empty SSID
   MacAddress mac;               ///< given at creation: who reported the client first
   std::uint32_t countdown = 0;  ///< life counter, kept by the balancer
@@ -33,7 +33,7 @@ class RrmProblist {
   using Map = std::unordered_map<MacAddress, ProbeEntry>;
 
   /// Inserts unless the client has an entry.
-  void add(const MacAddress& client, const ProbeEntry& entry);
+  void add(const MacAddress& client, ProbeEntry entry);
   ProbeEntry* find(const MacAddress& client);
   const ProbeEntry* find(const MacAddress& client) const;
   void remove(const MacAddress& client);

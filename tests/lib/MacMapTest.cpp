@@ -5,6 +5,7 @@
 #include <random>
 #include <stdexcept>
 #include <unordered_map>
+#include <vector>
 
 namespace rrm {
 namespace {
@@ -76,6 +77,44 @@ TEST(MacMap, ClearForgetsEverySize) {
     map[mac(7)] = 2;
     EXPECT_EQ(map.at(mac(7)), 2);
     EXPECT_EQ(map.size(), 1u);
+  }
+}
+
+TEST(MacMap, ErasingPutsTheLastEntryIntoTheGap) {
+  MacMap<int> map = {{mac(1), 1}, {mac(2), 2}, {mac(3), 3}, {mac(4), 4}};
+  EXPECT_EQ(map.erase(mac(9)), 0u);
+  EXPECT_EQ(map.erase(mac(2)), 1u);
+  EXPECT_EQ(map.erase(mac(2)), 0u);
+  std::vector<int> order;
+  for (const auto& [key, value] : map) order.push_back(value);
+  EXPECT_EQ(order, (std::vector<int>{1, 4, 3}));
+  EXPECT_EQ(map.at(mac(4)), 4);
+  EXPECT_FALSE(map.contains(mac(2)));
+  EXPECT_EQ(map.erase(mac(3)), 1u);  // the last one
+  EXPECT_EQ(map.size(), 2u);
+  EXPECT_EQ(MacMap<int>().erase(mac(1)), 0u);
+}
+
+TEST(MacMap, HoldsWhatAnUnorderedMapHoldsWhileEntriesComeAndGo) {
+  std::mt19937 random(2);
+  MacMap<std::uint32_t> map;
+  std::unordered_map<MacAddress, std::uint32_t> expected;
+  for (int i = 0; i < 50000; ++i) {
+    const MacAddress key = mac(static_cast<std::uint32_t>(random() % 300));
+    if (random() % 2 == 0) {
+      const auto value = static_cast<std::uint32_t>(random());
+      EXPECT_EQ(map.try_emplace(key, value).second, expected.try_emplace(key, value).second);
+    } else {
+      EXPECT_EQ(map.erase(key), expected.erase(key));
+    }
+  }
+  ASSERT_EQ(map.size(), expected.size());
+  for (std::uint32_t i = 0; i < 300; ++i) {
+    const auto found = expected.find(mac(i));
+    ASSERT_EQ(map.contains(mac(i)), found != expected.end());
+    if (found != expected.end()) {
+      EXPECT_EQ(map.at(mac(i)), found->second);
+    }
   }
 }
 
