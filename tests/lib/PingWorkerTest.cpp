@@ -32,7 +32,7 @@ class PingWorkerTest : public testing::Test {
     ping_->check_sessions(kStart_s + second);
   }
   bool is_pinged() {
-    const auto frame = client_.receive_frame(2000);
+    const auto frame = client_.receive_frame();
     return frame.opcode == RawClient::Ping && frame.payload == "lws_ping";
   }
   std::size_t drops() const {
@@ -101,9 +101,9 @@ TEST_F(PingWorkerTest, APongResetsTheSilenceSoThatAnAccessPointThatOnlyAnswersPi
 TEST_F(PingWorkerTest, ACheckThatIsLateByASecondSkipsAPing) {
   check_at(29);
   check_at(31);
-  EXPECT_FALSE(client_.receive_frame(50).opcode == RawClient::Ping);
   check_at(40);
   EXPECT_TRUE(is_pinged());
+  EXPECT_EQ(pings(), 1U);
 }
 
 TEST_F(PingWorkerTest, ASessionWithoutPongIsGoneAfterTheTimeOut) {
@@ -115,7 +115,7 @@ TEST_F(PingWorkerTest, ASessionWithoutPongIsGoneAfterTheTimeOut) {
 }
 
 TEST_F(PingWorkerTest, APongKeepsASessionBeyondTheTimeOut) {
-  server_.server().set_time_limits(1, 5);
+  server_.server().set_time_limits(3, 5);  // leaves a busy machine the time to answer
   RawClient silent(server_.port());
   ASSERT_TRUE(silent.handshake());
   server_.wait_sessions(2);
@@ -137,13 +137,16 @@ TEST_F(PingWorkerTest, ChecksOnceASecondByItselfBetweenStartAndStop) {
   EXPECT_TRUE(wait_until([&] { return ping_->is_ready(); }));
   FakeClock::now_s = kStart_s + 30;
   EXPECT_TRUE(is_pinged());
+  ping_->run_locked([] {});  // the check of that second is over and the next one is armed
   FakeClock::now_s = kStart_s + 40;
   EXPECT_TRUE(is_pinged());
   ping_->stop();
   EXPECT_TRUE(log_.has(LogLevel::Debug, "Start worker Ping-worker"));
   EXPECT_TRUE(log_.has(LogLevel::Debug, "Stop worker Ping-worker"));
   FakeClock::now_s = kStart_s + 50;
-  EXPECT_FALSE(client_.receive_frame(50).opcode == RawClient::Ping);
+  server_.rrm.send_text("a ping would come first", address_);
+  EXPECT_EQ(client_.receive_frame().payload, "a ping would come first");
+  EXPECT_EQ(pings(), 2U);
 }
 
 TEST_F(PingWorkerTest, HasItsNameAndQueuesAndNoStatus) {

@@ -12,7 +12,8 @@ namespace rrm::test {
 
 inline std::atomic<bool> virtual_sleep{false};
 inline std::atomic<std::int64_t> slept_us{0};
-inline std::atomic<std::int64_t> sleeps{0};
+/// Of the calling thread: idle workers sleep all the time.
+inline thread_local std::int64_t sleeps = 0;
 
 /// Switches it on for its lifetime, with fresh sums.
 class VirtualSleep {

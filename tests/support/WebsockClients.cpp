@@ -5,6 +5,7 @@
 #include <libwebsockets.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -15,12 +16,26 @@
 #include <deque>
 
 namespace rrm::test {
+namespace {
+
+/// Both ends of some thousand connections live in one process, and libwebsockets sizes its tables
+/// by the limit: a login shell's 1024 is too small, a container's billion too large.
+[[maybe_unused]] const bool limit_is_set = [] {
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 20000);
+  return setrlimit(RLIMIT_NOFILE, &limit) == 0;
+}();
+
+}  // namespace
 
 bool wait_until(const std::function<bool()>& condition, int timeout_ms) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
   while (!condition()) {
     if (std::chrono::steady_clock::now() > end) return condition();
-    usleep(500);
+    // Not usleep(), which a test may have made virtual.
+    constexpr timespec kPause{0, 500'000};
+    nanosleep(&kPause, nullptr);
   }
   return true;
 }
@@ -306,7 +321,7 @@ bool RawClient::handshake(const std::string& protocol) {
   if (!send_bytes(request + "\r\n")) return false;
   std::size_t end = std::string::npos;
   while ((end = input_.find("\r\n\r\n")) == std::string::npos)
-    if (!fill(input_.size() + 1, 10000)) return false;
+    if (!fill(input_.size() + 1, kPatience_ms)) return false;
   const bool agreed = input_.rfind("HTTP/1.1 101", 0) == 0;
   input_.erase(0, end + 4);
   return agreed;

@@ -17,8 +17,11 @@ struct lws_context;
 
 namespace rrm::test {
 
+/// How long a test waits for what must come, however busy the machine is; a failing one only.
+inline constexpr int kPatience_ms = 30000;
+
 /// Polls a condition until it holds. @return false when it did not within the time
-bool wait_until(const std::function<bool()>& condition, int timeout_ms = 10000);
+bool wait_until(const std::function<bool()>& condition, int timeout_ms = kPatience_ms);
 
 /// Many real websocket clients on one service thread of their own, connecting to loopback.
 ///
@@ -101,9 +104,9 @@ class RawClient {
   bool handshake(const std::string& protocol = "websock-rrm");
   bool send_bytes(const std::string& bytes);
   bool send_frame(int opcode, const std::string& payload, bool final = true);
-  ServerFrame receive_frame(int timeout_ms = 10000);
+  ServerFrame receive_frame(int timeout_ms = kPatience_ms);
   /// Waits until the other end has closed. @return false when it did not within the time
-  bool wait_end(int timeout_ms = 10000);
+  bool wait_end(int timeout_ms = kPatience_ms);
   /// Cuts the connection with a reset instead of an orderly end.
   void reset();
   int fd() const noexcept { return fd_; }
