@@ -211,8 +211,8 @@ class SerializerWalk {
   char* write_number(char* out, double number);
   char* write_string(char* out, const JsonValue& value);
   char* write_inline_string(char* out, const JsonValue& value);
-  char* write_long_string(char* out, std::string_view bytes);
-  char* write_escaping(char* out, std::string_view bytes);
+  char* write_long_string(char* out, std::string_view text);
+  char* write_escaping(char* out, std::string_view text);
   const char* find_escape(const char* place, const char* end) const;
   char* write_escape(char* out, const char*& place, const char* end);
   char* write_array(char* out, const JsonArray& body);

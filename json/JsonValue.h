@@ -51,6 +51,7 @@ class JsonParser;
 class JsonValue {
  public:
   JsonValue() noexcept = default;
+  // NOLINTBEGIN(google-explicit-constructor): literals turn into values where one is wanted
   JsonValue(std::nullptr_t) noexcept {}
   template <std::same_as<bool> T>  // a template, so that no pointer turns into a bool
   JsonValue(T flag) noexcept : head_(head(JsonKind::boolean)) {
@@ -67,6 +68,7 @@ class JsonValue {
   JsonValue(std::string_view bytes) : JsonValue(bytes, current_arena) {}
   JsonValue(const char* text) : JsonValue(std::string_view(text)) {}
   JsonValue(const std::string& bytes) : JsonValue(std::string_view(bytes)) {}
+  // NOLINTEND(google-explicit-constructor)
   /// A string in this arena, or on the heap when it is null, whatever is current.
   JsonValue(std::string_view bytes, MonotonicArena* arena);
 
@@ -156,15 +158,16 @@ class JsonValue {
   static constexpr std::uint64_t heap_head(JsonKind kind) { return head(kind) | kOutOfLine; }
   std::size_t inline_length() const noexcept { return head_ >> 8 & 0xff; }
 
+  // T may be a pointer, whose size is meant.
   template <typename T>
   T load() const noexcept {
     T value;
-    std::memcpy(&value, payload_, sizeof value);
+    std::memcpy(&value, payload_, sizeof value);  // NOLINT(bugprone-sizeof-expression)
     return value;
   }
   template <typename T>
   void store(T value) noexcept {
-    std::memcpy(payload_, &value, sizeof value);
+    std::memcpy(payload_, &value, sizeof value);  // NOLINT(bugprone-sizeof-expression)
   }
   void take(JsonValue& other) noexcept {
     head_ = other.head_;
