@@ -77,8 +77,8 @@ bool ApiWeb::connect() {
   info.port = config().api_port;
   info.protocols = protocols_.data();
   info.mounts = &mount_;
-  info.gid = static_cast<gid_t>(-1);
-  info.uid = static_cast<uid_t>(-1);
+  info.gid = -1;
+  info.uid = -1;
   info.server_string = name;
   info.user = this;
   info.options = tls ? kTlsOptions : kPlainOptions;

@@ -35,7 +35,7 @@ std::string upper(std::string text) {
 
 /// The value of "KEY = value", without quotes and a comment behind it.
 std::string value_of(std::string_view text) {
-  const std::string value = trimmed(text.substr(0, text.find("##")));
+  std::string value = trimmed(text.substr(0, text.find("##")));
   if (value.size() < 2 || value.front() != '"' || value.back() != '"') return value;
   return value.substr(1, value.size() - 2);
 }

@@ -30,8 +30,8 @@ const char* platform_name(std::int32_t platform) noexcept;
 /// Threading: the domain worker's thread only.
 class ApEntry {
  public:
-  ApEntry(const DomainConfig& config, const MacAddress& base_mac, const SessionAddress& session,
-          ApDescription description);
+  ApEntry(const DomainConfig& domain_config, const MacAddress& mac, const SessionAddress& address,
+          ApDescription ap_description);
 
   std::int32_t platform = -1;
   MacAddress base_mac;

@@ -88,7 +88,7 @@ class FbtDistribution::Index {
   explicit Index(const ApMap& aps) {
     for (const auto& [mac, ap] : aps.aps()) {
       const bool ap_has_6ghz = has_6ghz(*ap);
-      for_each_fbt_vap(std::as_const(*ap), [&](const Radio& radio, const Vap& vap) {
+      for_each_fbt_vap(std::as_const(*ap), [&, &ap = ap](const Radio& radio, const Vap& vap) {
         const Peer peer{ap.get(), &radio, &vap, ap_has_6ghz};
         by_ssid_[vap.ssid].push_back(peer);
         by_key_holder_[key_holder_mac(vap.r1_keyholder)].push_back(peer);

@@ -35,7 +35,7 @@ void log_write(const char* file, int line, const char* function, LogLevel level,
   va_end(arguments);
 }
 
-void raise_event(EventCode code, std::shared_ptr<std::string> payload) {
+void raise_event(EventCode code, const std::shared_ptr<std::string>& payload) {
   const EventSink sink = event_sink.load(std::memory_order_acquire);
   if (sink != nullptr) sink(code, payload);
 }

@@ -63,7 +63,7 @@ bool log_enabled(LogLevel level) noexcept;
 [[gnu::format(printf, 5, 6)]] void log_write(const char* file, int line, const char* function,
                                              LogLevel level, const char* format, ...);
 
-void raise_event(EventCode code, std::shared_ptr<std::string> payload);
+void raise_event(EventCode code, const std::shared_ptr<std::string>& payload);
 /// The same with the payload's text (empty for none).
 void raise_event(EventCode code, std::string payload = {});
 

@@ -10,7 +10,6 @@
 namespace rrm {
 namespace {
 
-using yajson::JsonKind;
 using yajson::JsonValue;
 
 constexpr auto kEnvelopeVersion = "2.4";

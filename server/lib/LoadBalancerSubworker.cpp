@@ -155,7 +155,7 @@ bool LoadBalancerSubworker::make_pending(const MacAddress& client,
   entry.mac = radio.mac;
   entry.countdown = kPending_s;
   if (!post_probe_req(client, ap, entry)) return false;
-  pending_.add(client, std::move(entry));
+  pending_.add(client, entry);
   return true;
 }
 

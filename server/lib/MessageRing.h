@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <type_traits>
 #include <utility>
 
 namespace rrm {
@@ -147,7 +148,7 @@ class PushBackoff {
 /// Pushes with back-off until there is room, the attempts are used up, or `give_up()` is true.
 /// @return whether the value was pushed
 template <class T, class GiveUp>
-bool push_with_backoff(MessageRing<T>& ring, T&& value, GiveUp&& give_up) {
+bool push_with_backoff(MessageRing<T>& ring, std::type_identity_t<T>&& value, GiveUp&& give_up) {
   PushBackoff backoff;
   while (!ring.try_push(std::move(value)))
     if (give_up() || !backoff.wait()) return false;

@@ -30,9 +30,9 @@ using ChannelSets = std::array<std::unordered_set<std::int32_t>, 7>;
 /// Units:     powers and EIRP in dBm, gains and losses in dB(i), bandwidth in MHz.
 class Radio {
  public:
-  Radio(const DomainConfig& config, const MacAddress& base_mac, std::int32_t id, bool status,
-        std::int32_t channel, std::int32_t power, std::int32_t power_max, std::int32_t power_min,
-        std::int32_t bandwidth);
+  Radio(const DomainConfig& domain_config, const MacAddress& ap_mac, std::int32_t radio_id,
+        bool enabled, std::int32_t radio_channel, std::int32_t power_dbm,
+        std::int32_t power_max_dbm, std::int32_t power_min_dbm, std::int32_t width_mhz);
 
   const DomainConfig* config;      ///< of the domain; not owned
   std::int32_t power_changed = 0;  ///< dB applied by the controller since the last reset

@@ -6,7 +6,7 @@
 namespace rrm {
 
 TpcDcaCandidateQueue::TpcDcaCandidateQueue(std::size_t members)
-    : words_((members + 63) / 64), bits_(kCounts * words_), held_{}, count_(members, kAbsent) {}
+    : words_((members + 63) / 64), bits_(kCounts * words_), count_(members, kAbsent) {}
 
 void TpcDcaCandidateQueue::insert(std::size_t member, std::int32_t count) {
   const auto slot = static_cast<std::size_t>(count);

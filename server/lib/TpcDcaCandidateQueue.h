@@ -31,10 +31,10 @@ class TpcDcaCandidateQueue {
     return bits_[count * words_ + member / 64];
   }
 
-  std::size_t words_;                      ///< per count
-  std::vector<std::uint64_t> bits_;        ///< members by count
-  std::array<std::size_t, kCounts> held_;  ///< members per count
-  std::vector<std::int16_t> count_;        ///< per member
+  std::size_t words_;                        ///< per count
+  std::vector<std::uint64_t> bits_;          ///< members by count
+  std::array<std::size_t, kCounts> held_{};  ///< members per count
+  std::vector<std::int16_t> count_;          ///< per member
   std::size_t size_ = 0;
   std::size_t highest_ = 0;  ///< no member has a higher count
 };
