@@ -54,8 +54,9 @@ Millis ApAgent::on_closed() {
   ++attempts_;
   const Millis longest = std::min(timing_->back_off_first << doublings, timing_->back_off_last);
   // Spread over the upper half, so that a fleet does not come back at once.
-  return longest / 2 + static_cast<Millis>(own_share(kBackOff + (std::uint64_t{attempts_} << 8)) *
-                                           static_cast<double>(longest / 2));
+  const Millis half = longest / 2;
+  return half + static_cast<Millis>(own_share(kBackOff + (std::uint64_t{attempts_} << 8)) *
+                                    static_cast<double>(half));
 }
 
 void ApAgent::on_text(Millis now, std::string_view text, AgentOutput& out) {

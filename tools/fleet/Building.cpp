@@ -40,8 +40,10 @@ void fill_floor(const Building& building, int index, int floor, int count, Rando
   const double dx = building.width / columns;
   const double dy = building.depth / rows;
   for (int i = 0; i < count; ++i) {
-    const double x = (i % columns + 0.5 + random.uniform(-0.25, 0.25)) * dx;
-    const double y = (i / columns + 0.5 + random.uniform(-0.25, 0.25)) * dy;
+    const int column = i % columns;
+    const int row = i / columns;
+    const double x = (column + 0.5 + random.uniform(-0.25, 0.25)) * dx;
+    const double y = (row + 0.5 + random.uniform(-0.25, 0.25)) * dy;
     places.push_back({index, floor, building.x + x, building.y + y, 2.5});
   }
 }

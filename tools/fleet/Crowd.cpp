@@ -56,6 +56,12 @@ double shadow(std::uint64_t field, const Place& place) noexcept {
   return sum / std::sqrt(squares);
 }
 
+/// Where a building's access points stand in a site's list; those outdoors (-1) come first.
+std::size_t list_of(const Place& place) noexcept {
+  const int list = place.building + 1;
+  return static_cast<std::size_t>(list);
+}
+
 }  // namespace
 
 Crowd::Crowd(const World& world, const CrowdOptions& options)
@@ -67,7 +73,7 @@ Crowd::Crowd(const World& world, const CrowdOptions& options)
       blocks_(world.aps().size() * 3) {
   for (const Site& site : world.sites()) buildings_.emplace_back(site.buildings.size() + 1);
   for (const AccessPoint& ap : world.aps()) {
-    buildings_[ap.site][static_cast<std::size_t>(ap.place.building + 1)].push_back(ap.index);
+    buildings_[ap.site][list_of(ap.place)].push_back(ap.index);
   }
   clients_.resize(options.clients);
   for (std::uint32_t i = 0; i < options.clients; ++i) make_client(i, options);
@@ -207,8 +213,7 @@ void Crowd::listen(std::uint32_t index, Client& client) const {
   client.candidates.clear();
   const Propagation& propagation = world_.scenario().propagation;
   const Site& site = world_.sites()[client.site];
-  for (const std::uint32_t ap :
-       buildings_[client.site][static_cast<std::size_t>(client.place.building + 1)]) {
+  for (const std::uint32_t ap : buildings_[client.site][list_of(client.place)]) {
     const Obstacles obstacles = between(site.buildings, client.place, world_.ap(ap).place);
     Candidate candidate{ap, {}};
     for (int band = 0; band < 3; ++band) {

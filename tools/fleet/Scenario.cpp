@@ -33,7 +33,7 @@ class Section {
   }
   bool flag(const char* key, bool fallback) const { return reader_.get_int_or(key, fallback) != 0; }
   std::string text(const char* key) const {
-    const std::string value = reader_.get_str(key);
+    std::string value = reader_.get_str(key);
     if (value.empty()) fail(key, "must be a text");
     return value;
   }
@@ -197,15 +197,17 @@ std::vector<Building> campus_for(int aps) {
   const int floors = std::clamp(per_building / 6, 1, kFloors);
   const int per_floor = (per_building + floors - 1) / floors;
   const double depth = std::ceil(std::sqrt(std::max(per_floor, 1) * kSquareMetresPerAp / 2));
-  const int row = static_cast<int>(std::ceil(std::sqrt(buildings)));
+  const int columns = static_cast<int>(std::ceil(std::sqrt(buildings)));
   std::vector<Building> result;
   for (int i = 0; i < buildings; ++i) {
     Building building;
     building.width = 2 * depth;
     building.depth = depth;
     building.floors = floors;
-    building.x = (i % row) * (building.width + kStreet);
-    building.y = (i / row) * (building.depth + kStreet);
+    const int column = i % columns;
+    const int row = i / columns;
+    building.x = column * (building.width + kStreet);
+    building.y = row * (building.depth + kStreet);
     result.push_back(building);
   }
   return result;
