@@ -3,8 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "server/lib/Clock.h"
 #include "tests/support/CapturedLog.h"
+#include "tests/support/FakeClock.h"
 #include "tests/support/JsonText.h"
 
 namespace rrm {
@@ -17,15 +17,6 @@ const MacAddress kFirst = MacAddress::from_text("AA:00:00:00:00:01");
 const MacAddress kSecond = MacAddress::from_text("AA:00:00:00:00:02");
 const MacAddress kThird = MacAddress::from_text("AA:00:00:00:00:03");
 const MacAddress kAp = MacAddress::from_text("00:11:22:33:44:50");
-
-/// Stops the monotonic clock at 4711 seconds.
-class StoppedClock {
- public:
-  StoppedClock() {
-    set_clock_sources([] { return std::int64_t{4711}; }, nullptr);
-  }
-  ~StoppedClock() { set_clock_sources(nullptr, nullptr); }
-};
 
 TEST(AssocMap, CountsTwoAssociatedAndOneExpectedClientAsThree) {
   AssocMap map;
@@ -97,7 +88,7 @@ TEST(AssocMap, ANullListChangesNothingAndAnotherTypeCountsAsEmpty) {
 }
 
 TEST(AssocMap, AddClientNotesTheMonotonicSecondAndReplaces) {
-  const StoppedClock clock;
+  const test::FakeClock clock(4711);
   AssocMap map;
   map.add_client(kFirst, -50, "corp", false, false);
   map.add_client(kFirst, -60, "guest", true, true);

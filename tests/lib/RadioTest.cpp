@@ -6,14 +6,17 @@
 #include <climits>
 #include <string>
 
+#include "tests/support/ApBuilder.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/JsonText.h"
+#include "tests/support/RadioMembers.h"
 
 namespace rrm {
 namespace {
 
 using test::array_text;
 using test::CapturedLog;
+using test::limit_power;
 using test::object_text;
 using testing::ElementsAre;
 using testing::UnorderedElementsAre;
@@ -93,22 +96,25 @@ TEST_F(RadioConstruction, FillsLoadLevelsOnlyWith80211vAndBalancing) {
 
 // --- bands ---
 
+/// What the "band" rule makes of a known band.
+std::int32_t band_read(const char* text, std::int32_t channel, std::int32_t known,
+                       const char* context = "radio message") {
+  std::int32_t band = known;
+  update_band_from_json(JsonReader(text), channel, band, kBase, 1, context);
+  return band;
+}
+
 TEST_F(RadioBand, OfAKnownValueIsTakenSilently) {
   CapturedLog log;
-  for (const std::int32_t named : {2, 5, 6}) {
-    std::int32_t band = 0;
-    const std::string text = "{\"band\":" + std::to_string(named) + "}";
-    update_band_from_json(JsonReader(text.c_str()), 1, band, kBase, 0, "radio message");
-    EXPECT_EQ(band, named);
-  }
+  EXPECT_EQ(band_read(R"({"band":2})", 40, 0), 2);
+  EXPECT_EQ(band_read(R"({"band":5})", 1, 2), 5);
+  EXPECT_EQ(band_read(R"({"band":6})", 1, 2), 6);
   EXPECT_TRUE(log.records().empty());
 }
 
 TEST_F(RadioBand, Of3WithChannel40IsInferredAndLogged) {
   CapturedLog log;
-  std::int32_t band = 0;
-  update_band_from_json(JsonReader(R"({"band":3})"), 40, band, kBase, 1, "radio message");
-  EXPECT_EQ(band, 5);
+  EXPECT_EQ(band_read(R"({"band":3})", 40, 0), 5);
   EXPECT_THAT(log.texts(LogLevel::Debug),
               ElementsAre("radio message without band: inferred/reused band=5 "
                           "mac=00:11:22:33:44:00 id=1 channel=40"));
@@ -116,24 +122,19 @@ TEST_F(RadioBand, Of3WithChannel40IsInferredAndLogged) {
 
 TEST_F(RadioBand, OfChannel0WithoutAnyHintIsUnknownAndWarnedOf) {
   CapturedLog log;
-  std::int32_t band = 0;
-  update_band_from_json(JsonReader("{}"), 0, band, kBase, 2, "radio restore");
-  EXPECT_EQ(band, 0);
+  EXPECT_EQ(band_read("{}", 0, 0, "radio restore"), 0);
   EXPECT_THAT(log.texts(LogLevel::Warning),
               ElementsAre("radio restore without band and band cannot be inferred: "
-                          "mac=00:11:22:33:44:00 id=2 channel=0"));
+                          "mac=00:11:22:33:44:00 id=1 channel=0"));
 }
 
 TEST_F(RadioBand, IsReusedWhenTheMessageHasNoneButNotWhenItIsInvalid) {
   CapturedLog log;
-  std::int32_t band = 6;
-  update_band_from_json(JsonReader("{}"), 1, band, kBase, 0, "radio message");
-  EXPECT_EQ(band, 6);
+  EXPECT_EQ(band_read("{}", 1, 6), 6);
   EXPECT_TRUE(log.has(LogLevel::Debug,
                       "radio message without band: inferred/reused band=6 "
-                      "mac=00:11:22:33:44:00 id=0 channel=1"));
-  update_band_from_json(JsonReader(R"({"band":null})"), 20, band, kBase, 0, "radio message");
-  EXPECT_EQ(band, 0);
+                      "mac=00:11:22:33:44:00 id=1 channel=1"));
+  EXPECT_EQ(band_read(R"({"band":null})", 20, 6), 0);
 }
 
 TEST_F(RadioBand, OfMessagesFollowsTheChannelFrom166OnAndTheRadioBelow) {
@@ -200,18 +201,18 @@ TEST_F(RadioPower, LimitsNotGivenAre10And16) {
 
 TEST_F(RadioPower, LimitsOfTheAccessPointGoBeforeThoseOfTheDomain) {
   Radio any = radio();
-  any.power_min = 0;
-  any.power_max = 23;
+  limit_power(any, {.power_min = 0, .power_max = 23});
   EXPECT_EQ(any.effective_min(), 0);
   EXPECT_EQ(any.effective_max(), 23);
 }
 
 TEST_F(RadioPower, EirpLimitsCountOnlyWithAnAntennaConfiguration) {
   Radio any = radio();
-  any.eirp_min = 20;
-  any.eirp_max = 18;
-  any.antenna_gain = 5;
-  any.cable_loss = 1;
+  limit_power(any, {.eirp_min = 20,
+                    .eirp_max = 18,
+                    .antenna_gain = 5,
+                    .cable_loss = 1,
+                    .has_antenna_configuration = false});
   EXPECT_EQ(any.effective_min(), 10);
   EXPECT_EQ(any.effective_max(), 16);
   any.has_antenna_configuration = true;
@@ -227,11 +228,7 @@ TEST_F(RadioPower, EirpLimitsCountOnlyWithAnAntennaConfiguration) {
 
 TEST_F(RadioPower, EirpLimitsOnlyNarrowTheOthers) {
   Radio any = radio();
-  any.eirp_min = 5;
-  any.eirp_max = 40;
-  any.antenna_gain = 5;
-  any.cable_loss = 1;
-  any.has_antenna_configuration = true;
+  limit_power(any, {.eirp_min = 5, .eirp_max = 40, .antenna_gain = 5, .cable_loss = 1});
   EXPECT_EQ(any.effective_min(), 10);  // 1 dBm would do for the EIRP
   EXPECT_EQ(any.effective_max(), 16);  // the EIRP would allow 36 dBm
 }
@@ -250,10 +247,7 @@ TEST_F(RadioPower, HasEirpLimitsWithAMinimumOrAnAntennaButNotWithAMaximumAlone) 
 
 TEST_F(RadioPower, EirpMinimum20ThroughGain5AndLoss1RaisesPower10To16) {
   Radio any = radio(10);
-  any.eirp_min = 20;
-  any.antenna_gain = 5;
-  any.cable_loss = 1;
-  any.has_antenna_configuration = true;
+  limit_power(any, {.eirp_min = 20, .antenna_gain = 5, .cable_loss = 1});
   any.update_eirp();
   EXPECT_EQ(any.eirp, 20);
   EXPECT_EQ(any.power, 16);
@@ -261,9 +255,7 @@ TEST_F(RadioPower, EirpMinimum20ThroughGain5AndLoss1RaisesPower10To16) {
 
 TEST_F(RadioPower, EirpMaximumLowersPower) {
   Radio any = radio(16);
-  any.eirp_max = 17;
-  any.antenna_gain = 5;
-  any.has_antenna_configuration = true;
+  limit_power(any, {.eirp_max = 17, .antenna_gain = 5});
   any.update_eirp();  // 21 is limited to 17, which 12 dBm gives
   EXPECT_EQ(any.eirp, 17);
   EXPECT_EQ(any.power, 12);
@@ -271,9 +263,7 @@ TEST_F(RadioPower, EirpMaximumLowersPower) {
 
 TEST_F(RadioPower, EirpAboveTheMaximumStaysLimitedWherePowerCannotFollow) {
   Radio any = radio(12);
-  any.eirp_max = 10;
-  any.antenna_gain = 6;
-  any.has_antenna_configuration = true;
+  limit_power(any, {.eirp_max = 10, .antenna_gain = 6});
   any.update_eirp();  // 4 dBm would give 10, but 10 dBm is the least: EIRP 16, limited again
   EXPECT_EQ(any.power, 10);
   EXPECT_EQ(any.eirp, 10);
@@ -281,9 +271,7 @@ TEST_F(RadioPower, EirpAboveTheMaximumStaysLimitedWherePowerCannotFollow) {
 
 TEST_F(RadioPower, WithoutEirpLimitsFollowsPowerThroughTheAntenna) {
   Radio any = radio(3);
-  any.antenna_gain = 6;
-  any.cable_loss = 2;
-  any.has_antenna_configuration = true;
+  limit_power(any, {.antenna_gain = 6, .cable_loss = 2});
   any.update_eirp();
   EXPECT_EQ(any.eirp, 7);
   EXPECT_EQ(any.power, 3);  // nothing was limited, so not even the power limits apply
@@ -379,8 +367,7 @@ TEST_F(RadioPower, IncreaseToALowerTargetStopsAtTheLowerLimit) {
 
 TEST_F(RadioPower, StepsUpdateTheEirp) {
   Radio any = radio(16);
-  any.antenna_gain = 4;
-  any.has_antenna_configuration = true;
+  limit_power(any, {.antenna_gain = 4});
   any.apply_power_decrease(-60, -62);
   EXPECT_EQ(any.eirp, 18);
   any.power_changed = 0;
@@ -393,13 +380,12 @@ TEST_F(RadioPower, NewLimitsFitPowerAndEirpAndAreLogged) {
   any.power_initialised = true;
   any.eirp = 19;
   Radio limits = radio(0);
-  limits.power_min = 2;
-  limits.power_max = 14;
-  limits.eirp_min = 5;
-  limits.eirp_max = 17;
-  limits.antenna_gain = 6;
-  limits.cable_loss = 2;
-  limits.has_antenna_configuration = true;
+  limit_power(limits, {.power_min = 2,
+                       .power_max = 14,
+                       .eirp_min = 5,
+                       .eirp_max = 17,
+                       .antenna_gain = 6,
+                       .cable_loss = 2});
   CapturedLog log;
   any.set_validate_power(limits);  // at most min(17 - 6 + 2, 14) = 13 dBm
   EXPECT_EQ(any.power, 13);
@@ -447,12 +433,11 @@ TEST_F(RadioPower, SurvivesEveryNumberThatFitsIntoAMessage) {
           any.power_initialised = true;
           any.power_changed = loss;
           Radio limits = any;
-          limits.antenna_gain = gain;
-          limits.cable_loss = loss;
-          limits.has_antenna_configuration = true;
-          limits.eirp_min = limit;
-          limits.eirp_max = gain;
-          limits.power_max = loss;
+          limit_power(limits, {.power_max = loss,
+                               .eirp_min = limit,
+                               .eirp_max = gain,
+                               .antenna_gain = gain,
+                               .cable_loss = loss});
           any.set_validate_power(limits);
           any.apply_power_decrease(gain, loss);
           any.apply_power_increase(loss, gain, limit);
@@ -697,25 +682,6 @@ TEST_F(RadioMessage, OrsTheChangedFlagIn) {
 }
 
 TEST_F(RadioMessage, SurvivesWrongTypesAndAbsurdNumbersInEveryMember) {
-  const char* members[] = {"locked-for-tpc",
-                           "locked-for-balancer",
-                           "status",
-                           "channel",
-                           "band",
-                           "power",
-                           "power-max",
-                           "power-min",
-                           "eirp",
-                           "eirp-min",
-                           "eirp-max",
-                           "antenna-configuration",
-                           "bandwidth",
-                           "mac-offset",
-                           "radio-mac-count",
-                           "primary-channel",
-                           "available-channels",
-                           "vaps",
-                           "assoclist"};
   const char* values[] = {"null",
                           "true",
                           "-1",
@@ -731,7 +697,7 @@ TEST_F(RadioMessage, SurvivesWrongTypesAndAbsurdNumbersInEveryMember) {
                           "[[],{},null,7]",
                           "{}",
                           "{\"antenna-gain\":-2147483648,\"cable-loss\":2147483647}"};
-  for (const char* member : members)
+  for (const char* member : test::kRadioMembers)
     for (const char* value : values) {
       Radio any = radio(16);
       any.eirp_min = INT_MAX;
@@ -915,12 +881,8 @@ TEST_F(RadioJson, OfTheConfigurationSentToTheAccessPoint) {
   Radio any = radio(12);
   any.band = 5;
   any.channel = 48;
-  any.eirp_min = 1;
-  any.eirp_max = 30;
   any.eirp = 16;
-  any.antenna_gain = 5;
-  any.cable_loss = 1;
-  any.has_antenna_configuration = true;
+  limit_power(any, {.eirp_min = 1, .eirp_max = 30, .antenna_gain = 5, .cable_loss = 1});
   any.normalize_primary_channel();
   EXPECT_EQ(object_text([&](JsonWriter& object) { any.config_to_json(object); }),
             R"({"id":1,"channel":48,"band":5,"power":12,"eirp-min":1,"eirp-max":30,"eirp":16,)"

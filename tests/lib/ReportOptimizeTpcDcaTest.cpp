@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include "tests/support/ApBuilder.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/RandomDomain.h"
 #include "tests/support/TempFolder.h"
@@ -45,13 +46,13 @@ TEST_F(RememberReportTest, BeforeTakesTheValuesAndLimitsOfTheRadio) {
   radio.power = 12;
   radio.eirp = 15;
   radio.bandwidth = 80;
-  radio.power_max = 20;
-  radio.power_min = 3;
-  radio.eirp_min = 4;
-  radio.eirp_max = 25;
-  radio.antenna_gain = 5;
-  radio.cable_loss = 2;
   radio.primary_channel = 256;
+  test::limit_power(radio, {.power_min = 3,
+                            .power_max = 20,
+                            .eirp_min = 4,
+                            .eirp_max = 25,
+                            .antenna_gain = 5,
+                            .cable_loss = 2});
   radio.available_channels = {149, 36, 100, 40};
   remember_radio_report_before_optimize(report, kDate, domain.aps);
   const RadioRecord expected{12, 0, 15, 0, 36, 0, 1, 80, 20, 3, 4, 25, 5, 2, 256, "36 40 100 149"};

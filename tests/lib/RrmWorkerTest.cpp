@@ -9,6 +9,7 @@
 #include "server/lib/Envelope.h"
 #include "server/lib/TpcDcaSubworker.h"
 #include "tests/support/Engine.h"
+#include "tests/support/RadioMembers.h"
 
 namespace rrm::test {
 namespace {
@@ -633,26 +634,6 @@ TEST(RrmWorkerHostileInput, OfEveryKindInEveryFieldLeavesTheWorkerWhole) {
                          "cmd",          "version",
                          "domain",       "service",
                          "ap-mac"};
-  const Texts fields = {"id",
-                        "status",
-                        "channel",
-                        "band",
-                        "power",
-                        "power-max",
-                        "power-min",
-                        "bandwidth",
-                        "mac-offset",
-                        "eirp",
-                        "eirp-min",
-                        "eirp-max",
-                        "antenna-configuration",
-                        "radio-mac-count",
-                        "primary-channel",
-                        "available-channels",
-                        "vaps",
-                        "assoclist",
-                        "probe-list",
-                        "locked-for-80211v"};
   DomainConfig config;
   config.use_80211v = true;
   config.use_rrm_report = false;
@@ -666,7 +647,7 @@ TEST(RrmWorkerHostileInput, OfEveryKindInEveryFieldLeavesTheWorkerWhole) {
       for (const std::string& member : members) {
         engine.receive(cmd, 1, 101, "\"" + member + "\":" + value);
       }
-      for (const std::string& field : fields) {
+      for (const std::string field : test::kRadioMembers) {
         engine.receive(
             cmd, 1, 101,
             "\"radios\":[{\"id\":0,\"status\":1,\"channel\":36,\"" + field + "\":" + value + "}]");

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -7,6 +8,27 @@
 
 /// Access points for tests of what is built on them.
 namespace rrm::test {
+
+/// What bounds a radio's power; as in a radio, negative limits are not given.
+struct PowerLimits {
+  std::int32_t power_min = -1;
+  std::int32_t power_max = -1;
+  std::int32_t eirp_min = -1;
+  std::int32_t eirp_max = -1;
+  std::int32_t antenna_gain = 0;
+  std::int32_t cable_loss = 0;
+  bool has_antenna_configuration = true;
+};
+
+inline void limit_power(Radio& radio, const PowerLimits& limits) {
+  radio.power_min = limits.power_min;
+  radio.power_max = limits.power_max;
+  radio.eirp_min = limits.eirp_min;
+  radio.eirp_max = limits.eirp_max;
+  radio.antenna_gain = limits.antenna_gain;
+  radio.cable_loss = limits.cable_loss;
+  radio.has_antenna_configuration = limits.has_antenna_configuration;
+}
 
 /// A subscribed access point; `radios` is the array of its message, none when empty.
 inline std::shared_ptr<ApEntry> make_ap(const DomainConfig& config, const char* base_mac,
