@@ -1,6 +1,7 @@
 #include "server/lib/Radio.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "server/lib/Hooks.h"
 
@@ -73,9 +74,9 @@ void Radio::set_mac(const MacAddress& base) {
 
 bool Radio::update_load_level() {
   if (!config->use_balance || load_levels.empty()) return false;
-  const std::size_t clients = assoc_clients.associated().size();
+  const std::size_t clients = assoc_clients.count();
   const auto pair = std::find_if(load_levels.begin(), load_levels.end(), [&](const auto& step) {
-    return step.first >= 0 && static_cast<std::size_t>(step.first) >= clients;
+    return std::cmp_greater_equal(step.first, clients);
   });
   const auto level = static_cast<std::uint32_t>(pair == load_levels.end() ? 0 : pair->second);
   if (level == load_level) return false;
@@ -84,8 +85,7 @@ bool Radio::update_load_level() {
 }
 
 bool Radio::over_low_load() const noexcept {
-  const auto clients = static_cast<std::int64_t>(assoc_clients.associated().size());
-  return clients > config->load_balance_sta_low;
+  return std::cmp_greater(assoc_clients.count(), config->load_balance_sta_low);
 }
 
 }  // namespace rrm

@@ -104,7 +104,9 @@ class Radio {
   void set_mac(const MacAddress& base);
   VapPool vap_pool() const { return {mac, max_mac_count, locked_for_80211v != 0}; }
 
-  bool update_load_level();
+  // Load: associated clients and those just steered here. The level is the first whose number of
+  // clients is not exceeded, else 0.
+  bool update_load_level();  ///< tells whether the level changed
   bool over_low_load() const noexcept;
   std::int32_t high_load_limit() const noexcept { return config->load_balance_sta_high; }
 

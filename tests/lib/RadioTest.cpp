@@ -485,18 +485,23 @@ TEST_F(RadioLoad, UpdateTellsWhetherTheLevelChanged) {
   EXPECT_EQ(any.load_level, 1u);
 }
 
-TEST_F(RadioLoad, ExpectedClientsDoNotCount) {
+TEST_F(RadioLoad, CountsExpectedClientsToo) {
   config_.use_80211v = true;
   config_.load_balance_sta_low = 1;
   Radio any = radio();
-  any.assoc_clients.expect_client(mac("AA:00:00:00:00:01"), kBase, 1, 5);
   any.update_load_level();
   EXPECT_EQ(any.load_level, 255u);
+  any.assoc_clients.expect_client(mac("AA:00:00:00:00:01"), kBase, 1, 1);
+  EXPECT_TRUE(any.update_load_level());
+  EXPECT_EQ(any.load_level, 127u);
   EXPECT_FALSE(any.over_low_load());
   any.assoc_clients.add_client(mac("AA:00:00:00:00:02"), -50, "s", false, false);
-  EXPECT_FALSE(any.over_low_load());
-  any.assoc_clients.add_client(mac("AA:00:00:00:00:03"), -50, "s", false, false);
   EXPECT_TRUE(any.over_low_load());
+  any.assoc_clients.age_expected();
+  EXPECT_FALSE(any.over_low_load());
+  any.assoc_clients.remove_client(mac("AA:00:00:00:00:02"));
+  EXPECT_TRUE(any.update_load_level());
+  EXPECT_EQ(any.load_level, 255u);
   EXPECT_EQ(any.high_load_limit(), 20);
 }
 
