@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <fstream>
 #include <memory>
 #include <string_view>
@@ -24,6 +25,9 @@ using rrm::JsonWriter;
 namespace {
 
 constexpr std::uint32_t kBackupTimer = 1;
+/// Where backups are written before they are renamed: the other controller reads every file of the
+/// backup folder itself, and a rename must stay on one file system.
+constexpr std::string_view kWorkFolder = "/.new";
 
 bool is_folder(const std::string& path) {
   struct stat state {};
@@ -47,6 +51,23 @@ bool read_file(const std::string& path, std::string& text) {
     if (length > 0) text.append(piece, static_cast<std::size_t>(length));
   ::close(file);
   return true;
+}
+
+bool write_backup(const std::string& folder, const std::string& domain, const std::string& text) {
+  // A name is no path: it must not lead out of the folder.
+  if (domain.find('/') != std::string::npos) {
+    PROCESS_LOG(Error) << "Domain " << domain << " is not backed up: its name is no file name";
+    return false;
+  }
+  const std::string work = folder + std::string(kWorkFolder);
+  const std::string name = "/" + domain + ".json";
+  errno = 0;
+  if (provide_folder(work) && rrm::replace_file_through(work + name, folder + name, text))
+    return true;
+  const int code = errno;
+  PROCESS_LOG(Error) << "Writing backup file " << folder << name
+                     << " failed with error code: " << code << " (" << std::strerror(code) << ").";
+  return false;
 }
 
 /// Gives every radio interface of a status the VAPs of the radio with its id, key material
@@ -99,11 +120,8 @@ void VrrpWorker::make_domains_backup() {
     domains.swap(pending_);
   }
   for (const std::string& domain : domains) {
-    // A name is no path: it must not lead out of the folder.
-    if (domain.find('/') != std::string::npos) continue;
     JsonWriter document;
-    if (make_backup(domain, document))
-      rrm::replace_file(path + "/" + domain + ".json", document.str());
+    if (make_backup(domain, document)) write_backup(path, domain, document.str());
   }
 }
 
@@ -125,34 +143,36 @@ bool VrrpWorker::make_backup(const std::string& domain, JsonWriter& document) {
   document.add("name", domain);
   for (const char* key : {"rrm-status", "fbt-status"})
     if (details.has(key)) document.add(key, *details.child(key).value());
-  for (const char* key : {"aps", "unanswered-aps", "deleted-aps"}) {
-    JsonWriter array = JsonWriter::array(document, key);
-    const JsonReader list = details.child(key);
+  static constexpr std::pair<const char*, const char*> kMaps[] = {
+      {"aps", "active-ap"}, {"unanswered-aps", "unanswered-ap"}, {"deleted-aps", "deleted-ap"}};
+  for (const auto& [list_key, ap_key] : kMaps) {
+    JsonWriter array = JsonWriter::array(document, list_key);
+    const JsonReader list = details.child(list_key);
     for (std::size_t i = 0; i < list.size(); ++i)
-      if (!back_up_access_point(domain, list.child(static_cast<int>(i)), array)) return false;
+      if (!back_up_access_point(domain, list.child(static_cast<int>(i)), ap_key, array))
+        return false;
   }
   return true;
 }
 
 bool VrrpWorker::back_up_access_point(const std::string& domain, const JsonReader& listed,
-                                      JsonWriter& array) {
+                                      const char* key, JsonWriter& array) {
   JsonWriter request;
   request.add("domain", domain);
   request.add("ap", listed.get_str("mac"));
   const JsonReader status = ask(request);
   JsonWriter::object(request, "fbt-links");
   const JsonReader links = ask(request);
-  for (const char* key : {"active-ap", "unanswered-ap", "deleted-ap"}) {
-    const JsonReader access_point = status.child(key);
-    if (access_point.is_null()) continue;
-    JsonWriter entry = JsonWriter::object(array);
-    for (const auto& member : access_point.value()->as_object())
-      entry.add(member.key(), member.value);
-    replace_vaps(entry.resolve(), links.child(key).child("radios"));
-    for (const char* text : {"board", "hw", "serial"}) entry.add(text, listed.get_str(text));
-    return true;
-  }
-  return false;
+  // It may have moved between the maps since it was listed; that change asks for a backup of its
+  // own.
+  const JsonReader access_point = status.child(key);
+  if (access_point.is_null()) return false;
+  JsonWriter entry = JsonWriter::object(array);
+  for (const auto& member : access_point.value()->as_object())
+    entry.add(member.key(), member.value);
+  replace_vaps(entry.resolve(), links.child(key).child("radios"));
+  for (const char* text : {"board", "hw", "serial"}) entry.add(text, listed.get_str(text));
+  return true;
 }
 
 void VrrpWorker::restore_domains_from_backup(JsonWriter& array) {
@@ -169,8 +189,9 @@ void VrrpWorker::restore_domains_from_backup(JsonWriter& array) {
     if (::stat(file.c_str(), &state) != 0 || !S_ISREG(state.st_mode)) continue;
     std::string text;
     if (!read_file(file, text)) {
-      PROCESS_LOG(Error) << "Opening backup file " << file << " failed with error code: " << errno
-                         << " (" << std::strerror(errno) << ").";
+      const int code = errno;
+      PROCESS_LOG(Error) << "Opening backup file " << file << " failed with error code: " << code
+                         << " (" << std::strerror(code) << ").";
       continue;
     }
     try {
@@ -194,7 +215,13 @@ void VrrpWorker::set_vrrp_role_on_start() {
     PROCESS_LOG(Error) << "Error opening VRRP state file " << path;
   }
   const std::lock_guard lock(command_mutex());
-  if (!switch_role(master))
+  bool switched = false;
+  try {
+    switched = switch_role(master).has_value();
+  } catch (const std::exception& error) {
+    PROCESS_LOG(Error) << error.what();
+  }
+  if (!switched)
     PROCESS_LOG(Error) << "Api request to set VRRP role " << (master ? "master" : "backup")
                        << " failed.";
 }
@@ -204,15 +231,14 @@ rrm::Api::Reply VrrpWorker::switch_role(bool master) {
   request.add("role", master ? "master" : "backup");
   if (master) {
     JsonWriter domains = JsonWriter::array(request, "domains");
-    restore_domains_from_backup(domains);
+    if (config().vrrp_enabled) restore_domains_from_backup(domains);
   }
   return process_vrrp_command(JsonReader(request.c_str()));
 }
 
 rrm::Api::Reply VrrpWorker::handle_request(const std::string& command) {
   const JsonReader request(command.c_str());
-  if (std::string_view(request.get_str("role")) != "master" || request.has("domains"))
-    return process_vrrp_command(request);
+  if (std::string_view(request.get_str("role")) != "master") return process_vrrp_command(request);
   // The other controller may have changed the shared configuration while it was master.
   config().reload();
   return switch_role(true);

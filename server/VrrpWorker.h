@@ -32,8 +32,8 @@ class VrrpWorker : public rrm::Api {
   void restore_domains_from_backup(rrm::JsonWriter& array);
   /// Applies the role of the state file; once, after the dispatcher was started.
   void set_vrrp_role_on_start();
-  /// A management request that names a role; a master without given domains takes those of the
-  /// backup folder.
+  /// A management request that names a role; a master takes the domains of the backup folder,
+  /// whatever the request holds, and none while VRRP is off.
   /// @param command  compact text of the "vrrp" object
   Reply handle_request(const std::string& command);
 
@@ -43,8 +43,9 @@ class VrrpWorker : public rrm::Api {
   /// Reply of one of the controller's own commands; an empty reader when it failed.
   rrm::JsonReader ask(const rrm::JsonWriter& command);
   bool make_backup(const std::string& domain, rrm::JsonWriter& document);
+  /// @param key  the member of its status that stands for the map it is listed in
   bool back_up_access_point(const std::string& domain, const rrm::JsonReader& listed,
-                            rrm::JsonWriter& array);
+                            const char* key, rrm::JsonWriter& array);
   Reply switch_role(bool master);
 
   rrm::TimerList timers_;          ///< guarded by mutex_

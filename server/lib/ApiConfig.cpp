@@ -130,8 +130,9 @@ void Api::set_domain(const JsonReader& settings, JsonWriter& errors, Restarts& r
   DomainInfo info = config_.get_domain_info(name).value_or(DomainInfo{});
   info.pattern = settings.get_str("pattern");
   bool changed = false;
-  if (read_time_zone(settings, info, changed, errors) && config_.domain_change(name, info))
-    restarts.mark(name);
+  if (read_time_zone(settings, info, changed, errors)) config_.domain_change(name, info);
+  // Clients use this to restart a domain, whatever became of the change.
+  restarts.mark(name);
 }
 
 bool Api::process_cfg_add_command(const JsonReader& command, JsonWriter& reply,
@@ -145,7 +146,7 @@ bool Api::process_cfg_add_command(const JsonReader& command, JsonWriter& reply,
     if (!has_name(settings, "pattern")) return false;
     add_pattern(settings, reply, errors, restarts);
   } else if (level == "domain") {
-    if (!has_name(settings, "domain")) return false;
+    if (!has_name(settings, "domain") || !has_text(settings, "pattern")) return false;
     add_domain(settings, reply, errors, restarts);
   }
   return true;

@@ -48,9 +48,10 @@ void sync_folder_of(const std::string& path) {
 
 enum class Outcome { Done, Failed, FolderRefuses };
 
+/// @param beside    where the text is written before it takes the place of `path`
 /// @param old_file  state of the file to be replaced, or null when there is none
-Outcome write_beside(const std::string& path, std::string_view text, const struct stat* old_file) {
-  const std::string beside = path + ".new";
+Outcome write_beside(const std::string& path, const std::string& beside, std::string_view text,
+                     const struct stat* old_file) {
   // What an earlier, killed process left there is not worth keeping; a planted link is not
   // followed.
   ::unlink(beside.c_str());
@@ -92,10 +93,16 @@ bool replace_file(const std::string& path, std::string_view text) {
   struct stat old_file {};
   const bool exists = ::stat(target.c_str(), &old_file) == 0;
   if (!exists || S_ISREG(old_file.st_mode)) {
-    const Outcome outcome = write_beside(target, text, exists ? &old_file : nullptr);
+    const Outcome outcome =
+        write_beside(target, target + ".new", text, exists ? &old_file : nullptr);
     if (outcome != Outcome::FolderRefuses) return outcome == Outcome::Done;
   }
   return write_in_place(target, text);
+}
+
+bool replace_file_through(const std::string& beside, const std::string& path,
+                          std::string_view text) {
+  return write_beside(path, beside, text, nullptr) == Outcome::Done;
 }
 
 }  // namespace rrm

@@ -14,4 +14,10 @@ namespace rrm {
 /// @return false when the new text is not in the file
 bool replace_file(const std::string& path, std::string_view text);
 
+/// The same for a folder in which no other file may ever be seen: the text is first written to
+/// `beside`, a name elsewhere on the same file system.
+/// @return false when that failed, with errno telling why; the old file stays
+bool replace_file_through(const std::string& beside, const std::string& path,
+                          std::string_view text);
+
 }  // namespace rrm

@@ -298,8 +298,10 @@ void RRM::update_vrrp_role(VrrpRole role, const char* backups) {
   RRM_LOG(Info, "VRRP role: %s -> %s", vrrp_role_name(old), vrrp_role_name(role));
   if (role == VrrpRole::Backup && old == VrrpRole::Master) stop();
   if (role == VrrpRole::Master && old == VrrpRole::Backup) {
-    start_services();
+    // A subscription that came before its domain was restored would take the place of the backup.
+    stopping_ = false;
     restore_domains(backups);
+    start_services();
   }
   role_ = role;
 }

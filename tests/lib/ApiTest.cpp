@@ -33,6 +33,10 @@ constexpr char kTwoSites[] = R"({"patterns":[{"pattern":"p1","dca_threshold":40}
 
 class ApiCommands : public testing::Test {
  protected:
+  ApiCommands() : ApiCommands(true) {}
+  explicit ApiCommands(bool with_file)
+      : config_(with_file ? folder_.file("c.conf") : "", kTwoSites) {}
+
   /// The reply to a request, or "none".
   std::string ask(const std::string& request) {
     return api_.process_request(JsonReader(request.c_str())).value_or("none");
@@ -54,7 +58,7 @@ class ApiCommands : public testing::Test {
   std::string saved() const { return folder_.read("c.conf"); }
 
   TempFolder folder_;
-  GlobalConfig config_{folder_.file("c.conf"), kTwoSites};
+  GlobalConfig config_;
   RRM rrm_{&config_};
   PlainApi api_{rrm_, config_};
   CapturedLog log_;
@@ -115,6 +119,7 @@ TEST_F(ApiCommands, MissingMandatoryMembersGetNoReply) {
         R"({"operation":"add","level":"pattern"})",
         R"({"operation":"add","level":"pattern","config":{}})",
         R"({"operation":"add","level":"domain","config":{"pattern":"p1"}})",
+        R"({"operation":"add","level":"domain","config":{"domain":"d9"}})",
         R"({"operation":"remove","level":"domain"})",
         R"({"operation":"remove","level":"domain","domain":""})",
         R"({"operation":"remove","level":"pattern","config":{"pattern":"p1"}})", "null", "[]", "7",
@@ -198,7 +203,207 @@ TEST_F(ApiCommands, SetDomainWithAnInvalidTimeZoneListsItAndChangesNothing) {
             R"({"version":"2.1","invalid_parameters":[{"time_zone":"15:00"}],"operation":"set",)"
             R"("level":"domain"})");
   EXPECT_EQ(*config_.get_domain_info("d1"), (DomainInfo{"p1", 10800, "3:00"}));
+  EXPECT_EQ(restarted(), std::vector<std::string>{"d1"});
+}
+
+TEST_F(ApiCommands, SetDomainRestartsItEvenWhenNothingChanged) {
+  EXPECT_EQ(ask(R"({"cfg":{"operation":"set","level":"domain",)"
+                R"("config":{"domain":"d1","pattern":"nosuch"}}})"),
+            R"({"version":"2.1","invalid_parameters":[],"operation":"set","level":"domain"})");
+  EXPECT_EQ(*config_.get_domain_info("d1"), (DomainInfo{"p1", 10800, "3:00"}));
+  ask(R"({"cfg":{"operation":"set","level":"domain","config":{"domain":"d3","pattern":"common"}}})");
+  EXPECT_EQ(restarted(), (std::vector<std::string>{"d1", "d3"}));
+}
+
+TEST_F(ApiCommands, SetPatternThatChangesNothingRestartsNothing) {
+  for (const char* config : {R"({"pattern":"p1","dca_threshold":40})", R"({"pattern":"p1"})",
+                             R"({"pattern":"nosuch","dca_threshold":41})"})
+    ask(R"({"cfg":{"operation":"set","level":"pattern","config":)" + std::string(config) + "}}");
   EXPECT_TRUE(restarted().empty());
+}
+
+TEST_F(ApiCommands, FailedAddsRestartNothing) {
+  ask(R"({"cfg":{"operation":"add","level":"domain","config":{"domain":"d1","pattern":"p1"}}})");
+  ask(R"({"cfg":{"operation":"add","level":"pattern","config":{"pattern":"p1"}}})");
+  EXPECT_TRUE(restarted().empty());
+}
+
+// --- configuration: every option at its bounds -------------------------------------------------
+
+struct Bounds {
+  const char* key;
+  long min, max;
+};
+
+constexpr Bounds kGlobalBounds[] = {
+    {"api_port", 0, 65535},
+    {"cli_api_port", 0, 65535},
+    {"listen_port", 0, 65535},
+    {"vrrp_timeout", 1, 60},
+};
+
+constexpr Bounds kDomainBounds[] = {
+    {"dca_threshold", 0, 99},
+    {"ap_rssi_threshold_2g", -100, -1},
+    {"ap_rssi_threshold_5g", -100, -1},
+    {"ap_rssi_threshold_6g", -100, -1},
+    {"hysteresis_2g", 1, 10},
+    {"hysteresis_5g", 1, 10},
+    {"hysteresis_6g", 1, 10},
+    {"away_timeout", 10, 3600},
+    {"blacklist_thr_low", -100, -1},
+    {"blacklist_thr_high", -100, -1},
+    {"blacklist_timeout", 5, 3600},
+    {"roam_attempt_timeout", 0, 86400},
+    {"sta_load_balance_period", 0, 86400},
+    {"load_balance_roam_count_min", 0, 100},
+    {"load_balance_roam_count_max", 0, 100},
+    {"client_rssi_renew", 1, 300},
+    {"client_max_age", 0, 300},
+    {"client_try_no_balance", 1, 10},
+    {"report_days_to_live", 1, 37200},
+    {"fbt_reassoc_deadline", 1000, 268431360},
+};
+
+constexpr const char* kGlobalFlags[] = {"enabled", "use_https", "vrrp_enabled",
+                                        "use_wildcard_80211r"};
+constexpr const char* kDomainFlags[] = {"use_tavro_rrm_scan",
+                                        "use_dca",
+                                        "use_tpc",
+                                        "use_hd_mode",
+                                        "use_optimization_time",
+                                        "use_optimization_event",
+                                        "use_all_ap_balance",
+                                        "use_balance",
+                                        "no_balance_enterprise",
+                                        "use_rrm_report",
+                                        "use_80211k",
+                                        "use_80211r",
+                                        "use_80211v",
+                                        "fbt_over_ds"};
+
+class ApiOptions : public ApiCommands {
+ protected:
+  ApiOptions() : ApiCommands(false) {}
+
+  /// The list of refused options of a "set" at a level ("global" or "pattern", which is p1).
+  std::string refused(const std::string& level, const std::string& members) {
+    const bool pattern = level == "pattern";
+    const std::string reply =
+        ask(R"({"cfg":{"operation":"set","level":")" + level + R"(","config":{)" +
+            (pattern ? R"("pattern":"p1",)" : "") + members + "}}}");
+    const std::string start = R"({"version":"2.1","invalid_parameters":)";
+    const std::string end =
+        R"(,"operation":"set","level":")" + level + (pattern ? R"(","pattern":"p1"})" : R"("})");
+    if (reply.size() < start.size() + end.size() || !reply.starts_with(start) ||
+        !reply.ends_with(end))
+      return reply;
+    return reply.substr(start.size(), reply.size() - start.size() - end.size());
+  }
+  std::string value_of(const std::string& level, const std::string& key) {
+    const std::string reply =
+        ask(R"({"cfg":{"operation":"get","level":")" + level + R"(","pattern":"p1"}})");
+    const JsonReader document(reply.c_str());
+    return document.child(key).c_str();
+  }
+  void expect_bounds(const std::string& level, const Bounds& option) {
+    const std::string key = option.key;
+    const auto set = [&](long value) {
+      return refused(level, "\"" + key + "\":" + std::to_string(value));
+    };
+    for (const long value : {option.min, option.max}) {
+      EXPECT_EQ(set(value), "[]") << key << " " << value;
+      EXPECT_EQ(value_of(level, key), std::to_string(value));
+    }
+    for (const long value : {option.min - 1, option.max + 1}) {
+      EXPECT_EQ(set(value), "[{\"" + key + "\":" + std::to_string(value) + "}]");
+      EXPECT_EQ(value_of(level, key), std::to_string(option.max)) << "as it was";
+    }
+  }
+  void expect_flag(const std::string& level, const std::string& key) {
+    for (const auto& [text, stored] : {std::pair("0", "0"), {"1", "1"}, {"0", "0"}, {"-7", "1"}}) {
+      EXPECT_EQ(refused(level, "\"" + key + "\":" + text), "[]");
+      EXPECT_EQ(value_of(level, key), stored) << key << " " << text;
+    }
+    EXPECT_EQ(refused(level, "\"" + key + R"(":"99999999999999999999")"), "[{\"" + key + "\":0}]");
+  }
+  void expect_time(const std::string& level, const std::string& key, const char* latest,
+                   const char* later) {
+    for (const char* text : {"0:00", latest}) {
+      EXPECT_EQ(refused(level, "\"" + key + "\":\"" + text + "\""), "[]");
+      EXPECT_EQ(value_of(level, key), "\"" + std::string(text) + "\"");
+    }
+    for (const char* text : {"-1:00", later, "12:60", "noon", ""}) {
+      EXPECT_EQ(refused(level, "\"" + key + "\":\"" + text + "\""),
+                "[{\"" + key + "\":\"" + text + "\"}]");
+      EXPECT_EQ(value_of(level, key), "\"" + std::string(latest) + "\"");
+    }
+    EXPECT_EQ(refused(level, "\"" + key + "\":7"), "[{\"" + key + "\":\"\"}]");
+  }
+};
+
+TEST_F(ApiOptions, GlobalNumbersAreTakenAtBothBoundsAndRefusedBeyond) {
+  for (const Bounds& option : kGlobalBounds) expect_bounds("global", option);
+}
+
+TEST_F(ApiOptions, GlobalFlagsTakeAnyIntegerThatFits) {
+  for (const char* key : kGlobalFlags) expect_flag("global", key);
+}
+
+TEST_F(ApiOptions, DeletionTimeReachesFromMidnightToTheLastMinute) {
+  expect_time("global", "report_delete_at_time_utc", "23:59", "24:00");
+}
+
+TEST_F(ApiOptions, GlobalTextsAreTakenAsTheyStand) {
+  for (const char* key : {"reports_path", "www_path", "vrrp_backup_path", "vrrp_state_file"}) {
+    for (const char* text : {"\"/some/where\"", "\"\""}) {
+      EXPECT_EQ(refused("global", "\"" + std::string(key) + "\":" + text), "[]");
+      EXPECT_EQ(value_of("global", key), text);
+    }
+    EXPECT_EQ(refused("global", "\"" + std::string(key) + "\":7"), "[]");
+    EXPECT_EQ(value_of("global", key), "\"\"") << "a number is no text and is passed over";
+  }
+}
+
+TEST_F(ApiOptions, DomainNumbersAreTakenAtBothBoundsAndRefusedBeyond) {
+  for (const Bounds& option : kDomainBounds) expect_bounds("pattern", option);
+}
+
+TEST_F(ApiOptions, ClientLimitsOfLoadBalancingBoundEachOther) {
+  constexpr std::pair<const char*, const char*> kCases[] = {
+      {R"("load_balance_sta_low":1,"load_balance_sta_high":1)", "[]"},
+      {R"("load_balance_sta_low":100,"load_balance_sta_high":100)", "[]"},
+      {R"("load_balance_sta_low":0)", R"([{"load_balance_sta_low":0}])"},
+      {R"("load_balance_sta_low":20)", "[]"},
+      {R"("load_balance_sta_low":21)", R"([{"load_balance_sta_low":21}])"},
+      {R"("load_balance_sta_high":5)", "[]"},
+      {R"("load_balance_sta_high":4)", R"([{"load_balance_sta_high":4}])"},
+      {R"("load_balance_sta_high":101)", R"([{"load_balance_sta_high":101}])"},
+      {R"("load_balance_sta_low":30,"load_balance_sta_high":29)",
+       R"([{"load_balance_sta_low":30},{"load_balance_sta_high":29}])"},
+  };
+  for (const auto& [members, list] : kCases)
+    EXPECT_EQ(refused("pattern", members), list) << members;
+}
+
+TEST_F(ApiOptions, DomainFlagsTakeAnyIntegerThatFits) {
+  for (const char* key : kDomainFlags) expect_flag("pattern", key);
+}
+
+TEST_F(ApiOptions, OptimisationTimeReachesFromMidnightToMidnight) {
+  expect_time("pattern", "optimization_time", "24:00", "24:01");
+}
+
+TEST_F(ApiOptions, NoOptionIsForgottenHere) {
+  EXPECT_EQ(std::size(kGlobalBounds) + std::size(kGlobalFlags) + 1 + 4, global_options().size());
+  EXPECT_EQ(std::size(kDomainBounds) + std::size(kDomainFlags) + 1 + 2, domain_options().size());
+}
+
+TEST_F(ApiOptions, AllRefusedOptionsAreListedInTheValidatorsOrder) {
+  EXPECT_EQ(refused("pattern", R"("hysteresis_6g":0,"use_dca":"99999999999999999999",)"
+                               R"("optimization_time":"x","dca_threshold":100,"away_timeout":9)"),
+            R"([{"use_dca":0},{"dca_threshold":100},{"hysteresis_6g":0},)"
+            R"({"optimization_time":"x"},{"away_timeout":9}])");
 }
 
 // --- configuration: add and remove -------------------------------------------------------------

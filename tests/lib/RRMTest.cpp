@@ -386,6 +386,19 @@ TEST_F(RRMTest, WithVrrpItStartsAsBackupAndServesNobodyUntilItIsMaster) {
   EXPECT_EQ(rrm_.workers().size(), 0U);
 }
 
+TEST_F(RRMTest, NewMasterRestoresItsDomainsBeforeItLetsAccessPointsIn) {
+  config_.vrrp_enabled = true;
+  rrm_.start();
+  log_.clear();
+  rrm_.update_vrrp_role(VrrpRole::Master, R"([{"name":"site"}])");
+  ASSERT_TRUE(wait_until([&] { return log_.has(LogLevel::Debug, "Starting 1 lws threads"); }));
+  const Texts records = log_.texts(LogLevel::Debug);
+  const auto position = [&](const std::string& text) {
+    return std::find(records.begin(), records.end(), text) - records.begin();
+  };
+  EXPECT_LT(position("Created new worker 'site'."), position("Starting 1 lws threads"));
+}
+
 TEST_F(RRMTest, RestartInVrrpModeKeepsTheRole) {
   config_.vrrp_enabled = true;
   rrm_.start();

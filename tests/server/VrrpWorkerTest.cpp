@@ -122,13 +122,47 @@ TEST_F(Vrrp, BackupRestoresTheDomainAtAnotherController) {
   EXPECT_EQ(ap->radios.radios.at(0).channel, 44);
 }
 
-TEST_F(Vrrp, UnknownDomainsAndPathsInNamesAreSkipped) {
+TEST_F(Vrrp, DomainsThatGiveNoAnswerAreSkipped) {
   vrrp_.on_domain_changed("nosuch");
   vrrp_.on_domain_changed("../site");
   back_up();
   EXPECT_TRUE(folder_.has("backup/site.json"));
   EXPECT_FALSE(folder_.has("backup/nosuch.json"));
   EXPECT_FALSE(folder_.has("site.json"));
+  EXPECT_TRUE(log_.texts(el::Level::Error).empty()) << "the first has no worker that could answer";
+}
+
+TEST_F(Vrrp, NameThatIsAPathIsSkippedWithARecord) {
+  engine_.rrm().workers().insert("../site", engine_.shared_worker());
+  vrrp_.on_domain_changed("../site");
+  vrrp_.make_domains_backup();
+  EXPECT_FALSE(folder_.has("site.json"));
+  EXPECT_EQ(log_.texts(el::Level::Error),
+            std::vector<std::string>{"Domain ../site is not backed up: its name is no file name"});
+}
+
+TEST_F(Vrrp, BackupFolderNeverHoldsAnotherFileThanTheFinalOnes) {
+  engine_.subscribe(1, {RadioSpec{}});
+  back_up();
+  back_up();
+  std::vector<std::string> files;
+  for (const auto& entry : std::filesystem::directory_iterator(backups()))
+    if (entry.is_regular_file()) files.push_back(entry.path().filename());
+  EXPECT_EQ(files, std::vector<std::string>{"site.json"});
+  EXPECT_TRUE(std::filesystem::is_empty(backups() + "/.new"));
+}
+
+TEST_F(Vrrp, BackupThatCannotBeWrittenLeavesTheOldOneAndIsLogged) {
+  back_up();
+  const std::string old = folder_.read("backup/site.json");
+  std::filesystem::remove(backups() + "/.new");
+  folder_.write("backup/.new", "in the way");
+  engine_.subscribe(1, {RadioSpec{}});
+  back_up();
+  EXPECT_EQ(folder_.read("backup/site.json"), old);
+  EXPECT_EQ(log_.texts(el::Level::Error),
+            std::vector<std::string>{"Writing backup file " + backups() +
+                                     "/site.json failed with error code: 20 (Not a directory)."});
 }
 
 TEST_F(Vrrp, EmptyBackupPathIsLoggedAndNothingIsWritten) {
@@ -162,6 +196,62 @@ TEST_F(Vrrp, FileThatIsNoJsonStillRestoresTheOthers) {
             "Reading backup file " + folder_.file("backup/bad.json") +
                 " failed: JSON parse error at line 1, column 9: unexpected end of input: "
                 "unexpected end of input");
+}
+
+/// A backup controller that is asked to change its role, with a backup of "site" in its folder.
+class VrrpRequest : public Vrrp {
+ protected:
+  VrrpRequest() {
+    config().domain_add("site", {"common", 0, ""});
+    std::filesystem::create_directory(backups());
+    folder_.write("backup/site.json", R"({"name":"site"})");
+    config().listen_port = 0;
+    dispatcher_.update_vrrp_role(VrrpRole::Backup, nullptr);
+  }
+  std::string request(const std::string& command) {
+    return vrrp_of_it_.handle_request(command).value_or("none");
+  }
+
+  rrm::RRM dispatcher_{&config()};
+  VrrpWorker vrrp_of_it_{&dispatcher_, &config()};
+};
+
+TEST_F(VrrpRequest, MasterRestoresTheBackupsThatItReadsWhateverTheRequestHolds) {
+  for (const char* command :
+       {R"({"role":"master"})", R"({"role":"master","domains":["site","other"]})",
+        R"({"role":"master","domains":[]})", R"({"role":"master","domains":[{"name":"other"}]})"}) {
+    dispatcher_.update_vrrp_role(VrrpRole::Backup, nullptr);
+    EXPECT_EQ(request(command), R"({"version":"2.1","server":")" + config().host_name() +
+                                    R"(","wavelom_version":"1.9.1.323-amd64","status":"success"})");
+    EXPECT_NE(dispatcher_.find_worker("site"), nullptr) << command;
+    EXPECT_EQ(dispatcher_.find_worker("other"), nullptr) << command;
+    EXPECT_EQ(dispatcher_.get_vrrp_role(), VrrpRole::Master);
+  }
+}
+
+TEST_F(VrrpRequest, WithoutVrrpTheRoleChangesButNoBackupIsRead) {
+  config().vrrp_enabled = false;
+  EXPECT_NE(request(R"({"role":"master"})").find(R"("status":"success")"), std::string::npos);
+  EXPECT_EQ(dispatcher_.get_vrrp_role(), VrrpRole::Master);
+  EXPECT_EQ(dispatcher_.find_worker("site"), nullptr);
+}
+
+TEST_F(VrrpRequest, UnknownRolesAreRefusedByTheCommand) {
+  for (const char* command : {R"({"role":"observer"})", R"({"role":7})", R"({"role":null})"})
+    EXPECT_NE(request(command).find(R"("status":"failure","error":"role not supported"})"),
+              std::string::npos)
+        << command;
+  EXPECT_EQ(dispatcher_.get_vrrp_role(), VrrpRole::Backup);
+}
+
+TEST_F(VrrpRequest, TwoHundredRoleFlipsEndInTheLastOne) {
+  for (int i = 0; i < 200; ++i) {
+    const bool master = i % 2 == 0;
+    EXPECT_NE(request(master ? R"({"role":"master"})" : R"({"role":"backup"})").find("success"),
+              std::string::npos);
+    ASSERT_EQ(dispatcher_.get_vrrp_role(), master ? VrrpRole::Master : VrrpRole::Backup);
+    ASSERT_EQ(dispatcher_.workers().size(), master ? 1U : 0U) << i;
+  }
 }
 
 struct RoleCase {
