@@ -25,14 +25,14 @@ constexpr std::size_t kLongestRequest = 4095;  // bytes
 constexpr std::size_t kMostConnections = 256;
 constexpr std::string_view kError = R"({"status":"error"})";
 constexpr std::chrono::milliseconds kAcceptPause(100);
-// How long a client may take to read a reply before it loses its connection.
+// How long a client may leave a reply unread before it loses its connection.
 constexpr std::chrono::seconds kSendTimeout(10);
 
 /// Everything that can be read. Being writeable is the rule and would only keep the loop busy.
 constexpr short kEvents = POLLIN | POLLRDNORM | POLLPRI | POLLRDBAND;
 
 bool is_ready(const pollfd& entry) {
-  return (entry.revents & (POLLIN | POLLRDNORM | POLLERR | POLLHUP | POLLNVAL)) != 0;
+  return (entry.revents & (POLLIN | POLLRDNORM | POLLOUT | POLLERR | POLLHUP | POLLNVAL)) != 0;
 }
 
 }  // namespace
@@ -98,19 +98,34 @@ void ApiCli::run() {
 }
 
 void ApiCli::serve_first_ready(const std::vector<pollfd>& polled) {
-  for (std::size_t i = 0; i < list_.size(); ++i) {
-    if (!is_ready(polled[i])) continue;
-    if (i == 0) {
-      const int fd = accept_connection(list_[0].fd);
-      if (fd < 0) continue;
-      list_.push_back({fd, kEvents, 0});
-      return;
-    }
-    if (process_packet(list_[i].fd)) continue;
+  if (is_ready(polled[0])) {
+    const int fd = accept_connection(list_[0].fd);
+    if (fd >= 0) return list_.push_back({fd, kEvents, 0});
+  }
+  for (std::size_t i = 1; i < list_.size(); ++i) {
+    if (serve(list_[i], polled[i])) continue;
+    unsent_.erase(list_[i].fd);
     ::close(list_[i].fd);
     list_.erase(list_.begin() + static_cast<std::ptrdiff_t>(i));
     return;
   }
+}
+
+bool ApiCli::serve(pollfd& entry, const pollfd& polled) {
+  const auto waiting = unsent_.find(entry.fd);
+  if (waiting == unsent_.end()) {
+    if (!is_ready(polled)) return true;
+    if (!process_packet(entry.fd)) return false;
+    // Further requests wait until the client has taken this reply.
+    if (unsent_.contains(entry.fd)) entry.events = POLLOUT;
+    return true;
+  }
+  if (!is_ready(polled)) return StopSignal::Clock::now() < waiting->second.deadline;
+  if (!send_some(entry.fd, waiting->second)) return false;
+  if (!waiting->second.text.empty()) return true;
+  unsent_.erase(waiting);
+  entry.events = kEvents;
+  return true;
 }
 
 int ApiCli::accept_connection(int listen_fd) {
@@ -140,7 +155,7 @@ bool ApiCli::process_packet(int fd) {
   const JsonReader request(buffer);
   PROCESS_LOG(Debug) << "REQUEST STR: " << request.c_str();
   const Reply reply = answer(request);
-  return send_all(fd, reply ? std::string_view(*reply) : kError);
+  return send_reply(fd, reply ? std::string_view(*reply) : kError);
 }
 
 rrm::Api::Reply ApiCli::answer(const JsonReader& request) {
@@ -156,19 +171,19 @@ rrm::Api::Reply ApiCli::process_role_command(const JsonReader& command) {
   return vrrp_worker_->handle_request(command.c_str());
 }
 
+bool ApiCli::send_reply(int fd, std::string_view text) {
+  Unsent reply{std::string(text), StopSignal::Clock::now() + kSendTimeout};
+  if (!send_some(fd, reply)) return false;
+  if (!reply.text.empty()) unsent_.emplace(fd, std::move(reply));
+  return true;
+}
+
 // A client that does not read may not hold the loop: others wait, and so would a stop.
-bool ApiCli::send_all(int fd, std::string_view text) {
-  const auto deadline = StopSignal::Clock::now() + kSendTimeout;
-  while (!text.empty()) {
-    const ssize_t sent = ::send(fd, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (sent >= 0) {
-      text.remove_prefix(static_cast<std::size_t>(sent));
-      continue;
-    }
-    if (errno == EINTR) continue;
-    if (errno != EAGAIN || stop_.is_set() || StopSignal::Clock::now() >= deadline) return false;
-    pollfd waits[] = {{fd, POLLOUT, 0}, {stop_.descriptor(), POLLIN, 0}};
-    ::poll(waits, std::size(waits), kPoll_ms);
-  }
+bool ApiCli::send_some(int fd, Unsent& reply) {
+  const ssize_t sent =
+      ::send(fd, reply.text.data(), reply.text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+  if (sent < 0) return errno == EAGAIN || errno == EINTR;
+  reply.text.erase(0, static_cast<std::size_t>(sent));
+  reply.deadline = StopSignal::Clock::now() + kSendTimeout;
   return true;
 }

@@ -3,7 +3,9 @@
 #include <poll.h>
 
 #include <atomic>
+#include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "server/StopSignal.h"
@@ -37,16 +39,25 @@ class ApiCli : public rrm::Api {
   Reply process_role_command(const rrm::JsonReader& command) override;
 
  private:
+  /// What a client has not taken of a reply yet; it loses its connection at the deadline.
+  struct Unsent {
+    std::string text;
+    StopSignal::Clock::time_point deadline;
+  };
+
   int accept_connection(int listen_fd);
   bool process_packet(int fd);
   static int port_of(int fd);
   void serve_first_ready(const std::vector<pollfd>& polled);
+  static bool send_some(int fd, Unsent& reply);
   Reply answer(const rrm::JsonReader& request);
-  bool send_all(int fd, std::string_view text);
+  bool serve(pollfd& entry, const pollfd& polled);
+  bool send_reply(int fd, std::string_view text);
 
   VrrpWorker* vrrp_worker_;
   std::atomic<bool> running_ = false;
   std::atomic<int> port_ = 0;
   StopSignal stop_;
   std::vector<pollfd> list_;  ///< the listening socket first, then the connections as accepted
+  std::unordered_map<int, Unsent> unsent_;  ///< by connection; only where a reply did not fit
 };

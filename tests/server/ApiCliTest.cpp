@@ -128,6 +128,42 @@ TEST_F(TcpApi, ManyClientsAreServedAtOnce) {
   for (const auto& client : clients) EXPECT_EQ(client->receive_until(kError), kError);
 }
 
+TEST_F(TcpApi, ClientThatNeverReadsBlocksNobodyAndLosesNothing) {
+  for (int i = 0; i < 4000; ++i)
+    config_.domain_add(std::string(100, 'x') + std::to_string(i), {"common", 0, ""});
+  constexpr char kGetDomains[] = R"({"cfg":{"operation":"get","level":"domain"}})";
+  TcpClient stuck(api_.port());
+  TcpClient other(api_.port());
+  // More than the buffers of both sockets hold.
+  for (int i = 0; i < 40; ++i) {
+    ASSERT_TRUE(stuck.send(kGetDomains));
+    ASSERT_EQ(ask(other, R"({"foo":1})"), kError) << i;
+  }
+  const std::string start = R"({"version":"2.1","domains":[{"name":"xxx)";
+  std::string reply;
+  while (reply.size() < 1000000 && stuck.receive(reply)) {
+  }
+  EXPECT_EQ(reply.substr(0, start.size()), start);
+  const std::size_t second = reply.find(start, 1);
+  ASSERT_LT(second, reply.size());
+  TcpClient reader(api_.port());
+  ASSERT_TRUE(reader.send(kGetDomains));
+  EXPECT_EQ(reader.receive_until("]}"), reply.substr(0, second));
+}
+
+TEST_F(TcpApi, StopEndsTheLoopWhileAClientDoesNotRead) {
+  for (int i = 0; i < 4000; ++i)
+    config_.domain_add(std::string(100, 'x') + std::to_string(i), {"common", 0, ""});
+  TcpClient stuck(api_.port());
+  TcpClient other(api_.port());
+  for (int i = 0; i < 40; ++i) {
+    ASSERT_TRUE(stuck.send(R"({"cfg":{"operation":"get","level":"domain"}})"));
+    ASSERT_EQ(ask(other, R"({"foo":1})"), kError) << i;
+  }
+  end();
+  EXPECT_EQ(api_.connection_count(), 2U);
+}
+
 TEST_F(TcpApi, StopEndsTheLoopWithOpenConnections) {
   TcpClient client(api_.port());
   EXPECT_EQ(ask(client, R"({"foo":1})"), kError);
