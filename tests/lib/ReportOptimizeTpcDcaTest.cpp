@@ -10,25 +10,18 @@
 #include "tests/support/CapturedLog.h"
 #include "tests/support/RandomDomain.h"
 #include "tests/support/TempFolder.h"
+#include "tests/support/Thrown.h"
 
 namespace rrm::reports {
 namespace {
 
 using test::CapturedLog;
+using test::thrown_text;
 using Texts = std::vector<std::string>;
 
 constexpr const char* kDate = "2024-05-01,03:15:00";
 constexpr const char* kDefaultSettings =
     "1,1,1,1,25,-70,-70,2,2,0,120,-75,-65,30,5,20,0,1,15,20,2,0,1,93,1";
-
-std::string failure_of(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const std::invalid_argument& error) {
-    return error.what();
-  }
-  return "nothing thrown";
-}
 
 // --- recording ----------------------------------------------------------------------------------
 
@@ -112,9 +105,11 @@ TEST_F(RememberReportTest, LockedForBothDisabledAndChoicelessRadiosAreNotReporte
 }
 
 TEST_F(RememberReportTest, AnEmptyDateIsAnInvalidArgumentOfItsFunction) {
-  EXPECT_EQ(failure_of([&] { remember_radio_report_before_optimize(report, "", domain.aps); }),
+  EXPECT_EQ(thrown_text<std::invalid_argument>(
+                [&] { remember_radio_report_before_optimize(report, "", domain.aps); }),
             "remember_radio_report_before_optimize: Invalid argument 'optimize_start_date'.");
-  EXPECT_EQ(failure_of([&] { remember_radio_report_after_optimize(report, "", domain.aps); }),
+  EXPECT_EQ(thrown_text<std::invalid_argument>(
+                [&] { remember_radio_report_after_optimize(report, "", domain.aps); }),
             "remember_radio_report_after_optimize: Invalid argument 'optimize_start_date'.");
 }
 
@@ -123,11 +118,14 @@ TEST(ReportKey, IsDateAccessPointAndRadio) {
 }
 
 TEST(ReportKey, EmptyPartsAreInvalidArguments) {
-  EXPECT_EQ(failure_of([] { create_key_for_domain_radio_report("", "AA", "BB"); }),
+  EXPECT_EQ(thrown_text<std::invalid_argument>(
+                [] { create_key_for_domain_radio_report("", "AA", "BB"); }),
             "create_key_for_domain_radio_report: Invalid argument 'optimize_start_date'.");
-  EXPECT_EQ(failure_of([] { create_key_for_domain_radio_report(kDate, "", "BB"); }),
+  EXPECT_EQ(thrown_text<std::invalid_argument>(
+                [] { create_key_for_domain_radio_report(kDate, "", "BB"); }),
             "create_key_for_domain_radio_report: Invalid argument 'ap_mac_str'.");
-  EXPECT_EQ(failure_of([] { create_key_for_domain_radio_report(kDate, "AA", ""); }),
+  EXPECT_EQ(thrown_text<std::invalid_argument>(
+                [] { create_key_for_domain_radio_report(kDate, "AA", ""); }),
             "create_key_for_domain_radio_report: Invalid argument 'radio_mac_str'.");
 }
 

@@ -208,6 +208,18 @@ class FetchReportTest : public ReportQueriesTest {
     EXPECT_EQ(log.events().size(), 1U);
     EXPECT_TRUE(log.has_event(EventCode::ReportFetchFailed, kId));
   }
+  /// An empty file leaves `what` not found by `function`.
+  void expect_nothing_in(const char* file, const std::string& what, const std::string& function) {
+    folder.write(file, "");
+    EXPECT_EQ(fetch(kId), EINVAL);
+    EXPECT_EQ(errors().front(),
+              what +
+                  " not found. Report Id: \"2024-05-01,03:15:00,office\". Domain: \"office\". "
+                  "Report date: \"2024-05-01,03:15:00\". File: \"" +
+                  path(file) + "\".");
+    EXPECT_TRUE(log.has(LogLevel::Debug, "Error call '" + function + "'."));
+    expect_failure(EINVAL);
+  }
 };
 
 TEST_F(FetchReportTest, HoldsSettingsAndRadiosOfBothLayouts) {
@@ -275,25 +287,11 @@ TEST_F(FetchReportTest, SettingsThatDoNotConvertEndIt) {
 }
 
 TEST_F(FetchReportTest, AReportWithoutSettingsIsNamed) {
-  folder.write(kConfig, "");
-  EXPECT_EQ(fetch(kId), EINVAL);
-  EXPECT_EQ(errors().front(),
-            "Domain config for report not found. Report Id: \"2024-05-01,03:15:00,office\". "
-            "Domain: \"office\". Report date: \"2024-05-01,03:15:00\". File: \"" +
-                path(kConfig) + "\".");
-  EXPECT_TRUE(log.has(LogLevel::Debug, "Error call 'get_radio_report_domain_config'."));
-  expect_failure(EINVAL);
+  expect_nothing_in(kConfig, "Domain config for report", "get_radio_report_domain_config");
 }
 
 TEST_F(FetchReportTest, AReportWithoutRadiosIsNamed) {
-  folder.write(kReport, "");
-  EXPECT_EQ(fetch(kId), EINVAL);
-  EXPECT_EQ(errors().front(),
-            "Report data not found. Report Id: \"2024-05-01,03:15:00,office\". Domain: "
-            "\"office\". Report date: \"2024-05-01,03:15:00\". File: \"" +
-                path(kReport) + "\".");
-  EXPECT_TRUE(log.has(LogLevel::Debug, "Error call 'get_radio_report_data'."));
-  expect_failure(EINVAL);
+  expect_nothing_in(kReport, "Report data", "get_radio_report_data");
 }
 
 TEST_F(FetchReportTest, FilesThatCannotBeReadEndIt) {

@@ -10,11 +10,13 @@
 #include "server/lib/report_fields.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/TempFolder.h"
+#include "tests/support/Thrown.h"
 
 namespace rrm::reports {
 namespace {
 
 using test::CapturedLog;
+using test::thrown_text;
 using Texts = std::vector<std::string>;
 
 constexpr std::int64_t kDay = 86400;
@@ -30,43 +32,33 @@ std::string line(std::int64_t time, const std::string& rest = {}) {
   return "1.1," + format_time(time) + rest + "\n";
 }
 
-std::string failure_of(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const std::invalid_argument& error) {
-    return error.what();
+/// What the three files hold with a report at each of the times.
+struct Contents {
+  explicit Contents(const std::vector<std::int64_t>& times) {
+    for (const std::int64_t time : times) {
+      index += line(time);
+      config += line(time, ",1,1");
+      report += line(time, ",AP,RADIO-1") + line(time, ",AP,RADIO-2");
+    }
   }
-  return "nothing thrown";
-}
+  std::string index;
+  std::string config;
+  std::string report;
+};
 
 class ReportRetentionTest : public testing::Test {
  protected:
-  /// The three files with a report at each of the times.
   void write_reports(const std::vector<std::int64_t>& times) {
-    std::string index;
-    std::string config;
-    std::string report;
-    for (const std::int64_t time : times) {
-      index += line(time);
-      config += line(time, ",1,1");
-      report += line(time, ",AP,RADIO-1") + line(time, ",AP,RADIO-2");
-    }
-    folder.write(kIndex, index);
-    folder.write(kConfig, config);
-    folder.write(kReport, report);
+    const Contents contents(times);
+    folder.write(kIndex, contents.index);
+    folder.write(kConfig, contents.config);
+    folder.write(kReport, contents.report);
   }
   void expect_reports(const std::vector<std::int64_t>& times) {
-    std::string index;
-    std::string config;
-    std::string report;
-    for (const std::int64_t time : times) {
-      index += line(time);
-      config += line(time, ",1,1");
-      report += line(time, ",AP,RADIO-1") + line(time, ",AP,RADIO-2");
-    }
-    EXPECT_EQ(folder.read(kIndex), index);
-    EXPECT_EQ(folder.read(kConfig), config);
-    EXPECT_EQ(folder.read(kReport), report);
+    const Contents contents(times);
+    EXPECT_EQ(folder.read(kIndex), contents.index);
+    EXPECT_EQ(folder.read(kConfig), contents.config);
+    EXPECT_EQ(folder.read(kReport), contents.report);
     EXPECT_EQ(folder.entries(), 3U) << "no marker and no companion is left";
   }
   int delete_old(std::int32_t days = 30) {
@@ -160,19 +152,25 @@ TEST_F(ReportRetentionTest, AnInconsistentFileThatCannotBeRemovedEndsIt) {
 }
 
 TEST_F(ReportRetentionTest, EmptyArgumentsAreInvalid) {
-  EXPECT_EQ(failure_of([&] { delete_old_reports_in_domain("", 1, folder.path(), kNow); }),
+  EXPECT_EQ(thrown_text<std::invalid_argument>(
+                [&] { delete_old_reports_in_domain("", 1, folder.path(), kNow); }),
             "delete_old_reports_in_domain: Invalid argument 'domain_name'.");
-  EXPECT_EQ(failure_of([&] { delete_old_reports_in_domain("office", 1, "", kNow); }),
+  EXPECT_EQ(thrown_text<std::invalid_argument>(
+                [&] { delete_old_reports_in_domain("office", 1, "", kNow); }),
             "delete_old_reports_in_domain: Invalid argument 'files_path'.");
-  EXPECT_EQ(failure_of([&] { reports_recovery_procedure_in_domain("", folder.path()); }),
+  EXPECT_EQ(thrown_text<std::invalid_argument>(
+                [&] { reports_recovery_procedure_in_domain("", folder.path()); }),
             "reports_recovery_procedure_in_domain: Invalid argument 'domain_name'.");
-  EXPECT_EQ(failure_of([&] { reports_recovery_procedure_in_domain("office", ""); }),
+  EXPECT_EQ(thrown_text<std::invalid_argument>(
+                [&] { reports_recovery_procedure_in_domain("office", ""); }),
             "reports_recovery_procedure_in_domain: Invalid argument 'files_path'.");
   std::size_t dropped = 9;
-  EXPECT_EQ(failure_of([&] { copy_new_reports_from_one_file(kNow, 1, "", dropped); }),
+  EXPECT_EQ(thrown_text<std::invalid_argument>(
+                [&] { copy_new_reports_from_one_file(kNow, 1, "", dropped); }),
             "copy_new_reports_from_one_file: Invalid argument 'filename'.");
   EXPECT_EQ(dropped, 0U);
-  EXPECT_EQ(failure_of([&] { copy_new_reports_from_one_file(kNow, 0, "x", dropped); }),
+  EXPECT_EQ(thrown_text<std::invalid_argument>(
+                [&] { copy_new_reports_from_one_file(kNow, 0, "x", dropped); }),
             "copy_new_reports_from_one_file: Invalid argument 'days_to_live_of_report'.");
 }
 

@@ -570,10 +570,10 @@ TEST(RrmWorkerSessions, AreThoseOfAllAccessPointsThatHaveOne) {
 
 // --- its thread
 
-/// Polls until the condition holds, for at most ten seconds.
+/// Polls until the condition holds, for at most about thirty seconds.
 template <class Condition>
 bool eventually(Condition condition) {
-  for (int i = 0; i < 10000; ++i) {
+  for (int i = 0; i < 30000; ++i) {
     if (condition()) return true;
     ::usleep(1000);
   }

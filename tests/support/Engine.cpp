@@ -188,7 +188,7 @@ void Engine::finish_optimisation() {
   if (worker_->tpc_dca().state() != PlannerState::Optimising) {
     throw std::logic_error("no optimisation runs");
   }
-  for (int i = 0; i < 5000 && worker_->tpc_dca().state() == PlannerState::Optimising; ++i) {
+  for (int i = 0; i < 30000 && worker_->tpc_dca().state() == PlannerState::Optimising; ++i) {
     pass(1);
     ::usleep(1000);
   }
