@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "server/lib/ApMap.h"
-#include "server/lib/BroadcastBuffer.h"
+#include "server/lib/BufferInfo.h"
 #include "server/lib/Config.h"
 #include "server/lib/HandlingTime.h"
 #include "server/lib/MacAddress.h"
@@ -180,7 +180,7 @@ class RrmWorker : public Worker {
   ApMap aps_to_delete_;
   ApMap unanswered_aps_;
   ChannelSets channel_sets_;  ///< what subscriptions and changes announced; rounds keep their own
-  BroadcastBuffer broadcast_buffer_;
+  BufferInfo broadcast_buffer_;
   TimerList timers_;
   HandlingTime subscribe_time_;
   HandlingTime unsubscribe_time_;

@@ -13,7 +13,7 @@ class RRM;
 ///
 /// Purpose:   sub-workers collect what access points are to be sent; one flush hands it over.
 /// Threading: the domain worker's thread.
-class BroadcastBuffer {
+class BufferInfo {
  public:
   /// Appends a message for a session; kNoSession stands for every session of the server. A null
   /// text is an Error record.

@@ -1,4 +1,4 @@
-#include "server/lib/BroadcastBuffer.h"
+#include "server/lib/BufferInfo.h"
 
 #include <utility>
 
@@ -7,7 +7,7 @@
 
 namespace rrm {
 
-void BroadcastBuffer::add(const char* text, const SessionAddress& session) {
+void BufferInfo::add(const char* text, const SessionAddress& session) {
   if (text == nullptr) {
     RRM_LOG(Error, "broadcast_buffer_add msg null");
     raise_event(EventCode::BroadcastBufferFailed);
@@ -16,11 +16,11 @@ void BroadcastBuffer::add(const char* text, const SessionAddress& session) {
   add(std::string(text), session);
 }
 
-void BroadcastBuffer::add(std::string&& text, const SessionAddress& session) {
+void BufferInfo::add(std::string&& text, const SessionAddress& session) {
   messages_.push_back({std::move(text), session});
 }
 
-void BroadcastBuffer::flush(RRM& dispatcher) {
+void BufferInfo::flush(RRM& dispatcher) {
   while (!messages_.empty()) {
     Message message = std::move(messages_.front());
     messages_.pop_front();
