@@ -188,7 +188,7 @@ void RrmWorker::process_exists_ap(const Message& message, const Ap& ap, bool for
 
   ap->radios.set_validate_power(fresh);
   const bool not_equivalent = force || !same_settings;
-  if (!same_channels || not_equivalent) raise_domain_changed();
+  if (!same_channels || !same_settings) raise_domain_changed();
   ap->radios.from_json(message.json, channel_sets_, true, update_80211kv);
 
   if (not_equivalent) {

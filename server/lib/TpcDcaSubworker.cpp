@@ -83,7 +83,7 @@ bool TpcDcaSubworker::answers_matter() const noexcept {
 
 void TpcDcaSubworker::restore(std::int32_t state, std::int32_t fbt_status) {
   state_ = restored_state(state);
-  fbt_status_ = fbt_status == 1 ? 1 : 0;
+  fbt_status_ = fbt_status;
   restored_ = true;
   timers().rearm([this] { end_restore(); }, kRestore,
                  static_cast<std::uint32_t>(config().away_timeout));

@@ -376,6 +376,25 @@ TEST(RrmWorkerSessionLoss, IsUndoneByAResubscription) {
   EXPECT_TRUE(engine.log().has_event(EventCode::DomainChanged, "site"));
 }
 
+TEST(RrmWorkerSessionLoss, RaisesOneEventForAnAccessPointThatReturnsUnchangedDuringAScan) {
+  DomainConfig config = Engine::quiet_config();
+  config.use_optimization_event = true;
+  Engine engine(config);
+  engine.subscribe(1, {RadioSpec{}}, 7);
+  engine.subscribe(2, {RadioSpec{}}, 8);
+  engine.close_session(7);
+  engine.pass(20);
+  ASSERT_EQ(engine.state(), 2);
+  engine.log().clear();
+  engine.subscribe(1, {RadioSpec{}}, 9);
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Not-equivalent or force (1) subscribe request"));
+  using Event = std::pair<EventCode, std::string>;
+  EXPECT_EQ(engine.log().events(),
+            (std::vector<Event>{
+                {EventCode::PlannerStatus, R"({"location":"site", "status":4})"},  // planned anew
+                {EventCode::DomainChanged, "site"}}));                             // it is back
+}
+
 TEST(RrmWorkerSubscription, OfAnUnansweredAccessPointLeavesItParked) {
   Engine engine;
   engine.subscribe(1, {RadioSpec{}}, 7);
