@@ -12,6 +12,7 @@
 namespace rrm::reports {
 
 inline constexpr char kSeparator = ',';
+inline constexpr std::size_t kDateLength = 19;  ///< "YYYY-MM-DD,HH:MM:SS"
 /// First field of every line that this version writes.
 inline constexpr const char* kLineVersion = "1.1";
 

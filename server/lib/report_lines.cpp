@@ -26,6 +26,12 @@ int write_all(int descriptor, const std::string& text) {
   return 0;
 }
 
+/// A process that was killed while it wrote leaves half a line, which must stay alone.
+bool ends_within_line(int descriptor, off_t length) {
+  char last = '\n';
+  return length > 0 && ::pread(descriptor, &last, 1, length - 1) == 1 && last != '\n';
+}
+
 }  // namespace
 
 LineReader::LineReader(const std::string& file) : file_(file) {
@@ -66,10 +72,10 @@ void log_read_error(const std::string& file, int code) {
 }
 
 int append_to_file(const std::string& file, const std::string& text) {
-  const int descriptor = ::open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+  const int descriptor = ::open(file.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
   if (descriptor < 0) return errno;
   const off_t length = ::lseek(descriptor, 0, SEEK_END);
-  int code = write_all(descriptor, text);
+  int code = write_all(descriptor, ends_within_line(descriptor, length) ? "\n" + text : text);
   // A full disk must not leave half a line for the next report to continue.
   if (code != 0 && length >= 0 && ::ftruncate(descriptor, length) != 0) errno = 0;
   if (::close(descriptor) != 0 && code == 0) code = errno;
@@ -83,6 +89,10 @@ bool file_exists(const std::string& file) {
 
 int read_line_date(const std::string& line, std::string& date, std::int64_t& time) {
   if (const int code = get_date_time_fields_from_file_line_as_str(line, date)) return code;
+  if (date.size() != kDateLength) {  // cut off within its last number
+    RRM_LOG(Error, "Incorrect data/time in string: \"%s\".", date.c_str());
+    return EINVAL;
+  }
   return parse_date_time_fields_to_time_t(date, time);
 }
 

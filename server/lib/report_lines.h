@@ -35,13 +35,14 @@ class LineReader {
 /// The Error record of a failed read; without an errno only what failed.
 void log_read_error(const std::string& file, int code);
 
-/// Appends the text in one write, making the file when missing. A failed write leaves the file as
-/// it was.
+/// Appends whole lines in one write, making the file when missing. A failed write leaves the file
+/// as it was; half a line that a killed process left becomes a line of its own.
 int append_to_file(const std::string& file, const std::string& text);
 
 bool file_exists(const std::string& file);
 
-/// Date of a report line: as text, and in seconds since the epoch. Failures log their reason.
+/// Date of a report line, written in full: as text, and in seconds since the epoch. Failures log
+/// their reason.
 int read_line_date(const std::string& line, std::string& date, std::int64_t& time);
 
 }  // namespace rrm::reports

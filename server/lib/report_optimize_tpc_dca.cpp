@@ -150,6 +150,9 @@ int save_radio_report_to_files(const RadioReport& report, const std::string& dom
   RRM_LOG(Debug, "report_config_file_name = \"%s\"", files.configuration.c_str());
   RRM_LOG(Debug, "report_index_file_name = \"%s\"", files.index.c_str());
   const bool complete = !domain.empty() && !date.empty() && !path.empty();
+  // What a deletion left unfinished would take the new report with it when it is undone later. A
+  // recovery that fails has said so, and the report may still be of use.
+  if (complete) recover_unclean_reports_in_domain(domain, path);
   const int code = complete ? append_report(report, files, date, domain_config) : EINVAL;
   if (code != 0)
     RRM_LOG(Error,

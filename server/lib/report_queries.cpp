@@ -22,7 +22,6 @@ namespace rrm::reports {
 namespace {
 
 constexpr std::string_view kUtc = " UTC";
-constexpr std::size_t kDateLength = 19;  ///< "YYYY-MM-DD,HH:MM:SS"
 constexpr std::size_t kFirstConfigField = 3;
 constexpr std::size_t kShortestIndex = 2;  ///< bytes of an index file that may hold a line
 

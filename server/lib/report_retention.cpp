@@ -244,18 +244,7 @@ int delete_old_reports_in_domain(const std::string& domain, std::int32_t days_to
   require(!domain.empty(), __func__, "domain_name");
   require(!path.empty(), __func__, "files_path");
   const Repository repository(report_files(domain, path));
-  if (!repository.is_clean()) {
-    RRM_LOG(Warning,
-            "Detected unclean reports repository for domain: \"%s\". Started rollback/recovery "
-            "procedure.",
-            domain.c_str());
-    if (const int code = reports_recovery_procedure_in_domain(domain, path)) {
-      RRM_LOG(Error,
-              "Rollback/recovery procedure fail for domain: \"%s\" exit with error code: %d.",
-              domain.c_str(), code);
-      return code;
-    }
-  }
+  if (const int code = recover_unclean_reports_in_domain(domain, path)) return code;
   if (!repository.is_complete()) return delete_inconsistent_files(repository);
   return delete_old_reports(repository, days_to_live, now);
 }
@@ -263,6 +252,19 @@ int delete_old_reports_in_domain(const std::string& domain, std::int32_t days_to
 int delete_old_reports_in_domain(const std::string& domain, std::int32_t days_to_live,
                                  const std::string& path) {
   return delete_old_reports_in_domain(domain, days_to_live, path, std::time(nullptr));
+}
+
+int recover_unclean_reports_in_domain(const std::string& domain, const std::string& path) {
+  if (Repository(report_files(domain, path)).is_clean()) return 0;
+  RRM_LOG(Warning,
+          "Detected unclean reports repository for domain: \"%s\". Started rollback/recovery "
+          "procedure.",
+          domain.c_str());
+  const int code = reports_recovery_procedure_in_domain(domain, path);
+  if (code != 0)
+    RRM_LOG(Error, "Rollback/recovery procedure fail for domain: \"%s\" exit with error code: %d.",
+            domain.c_str(), code);
+  return code;
 }
 
 int reports_recovery_procedure_in_domain(const std::string& domain, const std::string& path) {

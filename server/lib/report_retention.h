@@ -25,6 +25,10 @@ int delete_old_reports_in_domain(const std::string& domain, std::int32_t days_to
 /// Completes or rolls back a deletion that was interrupted.
 int reports_recovery_procedure_in_domain(const std::string& domain, const std::string& path);
 
+/// The same with a Warning record when there is something to do, which a marker file tells; nothing
+/// otherwise.
+int recover_unclean_reports_in_domain(const std::string& domain, const std::string& path);
+
 /// Copies the lines to keep into `file` + ".tmp" and counts the others. Without any line dropped or
 /// kept there is no ".tmp".
 int copy_new_reports_from_one_file(std::int64_t now, std::int32_t days_to_live,

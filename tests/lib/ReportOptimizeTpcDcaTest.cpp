@@ -174,6 +174,39 @@ TEST_F(SaveReportTest, AppendsToWhatIsThere) {
             "1.1,2024-05-01,03:15:00\n1.1,2024-05-01,03:15:00\n");
 }
 
+TEST_F(SaveReportTest, HalfALineThatAKilledProcessLeftStaysAlone) {
+  folder.write("report_office.txt", "1.1,2024-04-30,03");
+  folder.write("report_idx_office.txt", "1.1,2024-04-30,03:15:0");
+  EXPECT_EQ(save(), 0);
+  EXPECT_EQ(folder.read("report_office.txt"), std::string("1.1,2024-04-30,03\n") + kReportLines);
+  EXPECT_EQ(folder.read("report_idx_office.txt"),
+            "1.1,2024-04-30,03:15:0\n1.1,2024-05-01,03:15:00\n");
+}
+
+TEST_F(SaveReportTest, UndoesAnUnfinishedDeletionThatWouldTakeTheReportWithIt) {
+  folder.write("report_office.txt", "");
+  folder.write("report_cfg_office.txt", "");
+  folder.write("report_idx_office.txt.old", "1.1,2024-04-30,03:15:00\n");
+  folder.write("report_office.txt.start_status", "");
+  EXPECT_EQ(save(), 0);
+  EXPECT_EQ(folder.read("report_idx_office.txt"),
+            "1.1,2024-04-30,03:15:00\n1.1,2024-05-01,03:15:00\n");
+  EXPECT_EQ(folder.entries(), 3U);
+  EXPECT_EQ(log.texts(LogLevel::Warning),
+            Texts{"Detected unclean reports repository for domain: \"office\". Started "
+                  "rollback/recovery procedure."});
+}
+
+TEST_F(SaveReportTest, WritesTheReportEvenWhenTheRecoveryFails) {
+  folder.write("report_office.txt.start_status", "");
+  std::filesystem::create_directory(folder.file("report_idx_office.txt.tmp"));
+  EXPECT_EQ(save(), 0);
+  EXPECT_EQ(folder.read("report_idx_office.txt"), "1.1,2024-05-01,03:15:00\n");
+  EXPECT_TRUE(log.has(LogLevel::Error,
+                      "Rollback/recovery procedure fail for domain: \"office\" exit with error "
+                      "code: 21."));
+}
+
 TEST_F(SaveReportTest, NamesItsFilesAtDebugLevel) {
   save();
   EXPECT_EQ(log.texts(LogLevel::Debug),

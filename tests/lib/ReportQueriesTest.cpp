@@ -128,6 +128,13 @@ TEST_F(ReportQueriesTest, ABadLineStillListsTheGoodOnesButTheCallReturns5) {
   EXPECT_TRUE(log.has_event(EventCode::ReportListFailed, "office"));
 }
 
+TEST_F(ReportQueriesTest, ADateThatWasCutOffWithinItsLastNumberIsBad) {
+  folder.write(kIndex, "1.1,2024-05-01,00:30:0\n");
+  EXPECT_EQ(list("2024-05-01,00:00:00 UTC", "2024-05-02,00:00:00 UTC"), EIO);
+  EXPECT_EQ(text, R"({"data":[],"count":0})");
+  EXPECT_EQ(errors().front(), "Incorrect data/time in string: \"2024-05-01,00:30:0\".");
+}
+
 TEST_F(ReportQueriesTest, DateStartEqualToDateFinishIsRejected) {
   EXPECT_EQ(list("2024-05-01,00:00:00 UTC", "2024-05-01,00:00:00 UTC", true), EINVAL);
   EXPECT_TRUE(log.has(LogLevel::Error,
