@@ -1,50 +1,17 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <sstream>
-
-#include "server/lib/TpcDcaOptimiser.h"
 #include "tests/support/OptimiserOracle.h"
 #include "tests/support/RandomDomain.h"
 
 namespace rrm::test {
 namespace {
 
-/// What a plan says of each radio, one line per radio, in MAC order.
-std::string text_of(const OraclePlan& plan) {
-  std::ostringstream text;
-  for (const auto& [mac, radios] : plan)
-    for (const OracleRadio& radio : radios)
-      text << mac.upper().str() << " radio " << radio.id << " channel " << radio.channel << " at "
-           << radio.primary_channel << " power " << radio.power << " delta " << radio.delta
-           << " eirp " << radio.eirp << '\n';
-  return text.str();
-}
-
-std::string text_of(const OptimisationResult& result) {
-  std::map<MacAddress, const RadioList*> ordered;
-  for (const auto& [mac, radios] : result.radios) ordered.emplace(mac, &radios);
-  std::ostringstream text;
-  for (const auto& [mac, radios] : ordered)
-    for (const Radio& radio : radios->radios)
-      text << mac.upper().str() << " radio " << radio.id << " channel " << radio.channel << " at "
-           << radio.primary_channel << " power " << radio.power << " delta " << radio.power_changed
-           << " eirp " << radio.eirp << '\n';
-  return text.str();
-}
-
-std::string planned(const MadeDomain& domain, bool use_dca, bool use_tpc) {
-  ApMap snapshot = domain.aps.snapshot();
-  const std::atomic<bool> cancel{false};
-  return text_of(optimise(snapshot, domain.config, {use_dca, use_tpc, false}, 0, cancel));
-}
-
 constexpr std::uint32_t kDomains = 4000;
 
 TEST(TpcDcaOptimiserOracle, AgreesOnRandomDomainsWithDcaAndTpc) {
   for (std::uint32_t seed = 1; seed <= kDomains; ++seed) {
     const auto domain = random_domain(seed);
-    ASSERT_EQ(planned(*domain, true, true),
+    ASSERT_EQ(optimised_text(*domain, true, true),
               text_of(oracle_optimise(domain->aps, domain->config, true, true)))
         << "seed " << seed;
   }
@@ -53,7 +20,7 @@ TEST(TpcDcaOptimiserOracle, AgreesOnRandomDomainsWithDcaAndTpc) {
 TEST(TpcDcaOptimiserOracle, AgreesOnRandomDomainsWithDcaOnly) {
   for (std::uint32_t seed = 1; seed <= kDomains / 4; ++seed) {
     const auto domain = random_domain(seed);
-    ASSERT_EQ(planned(*domain, true, false),
+    ASSERT_EQ(optimised_text(*domain, true, false),
               text_of(oracle_optimise(domain->aps, domain->config, true, false)))
         << "seed " << seed;
   }
@@ -62,7 +29,7 @@ TEST(TpcDcaOptimiserOracle, AgreesOnRandomDomainsWithDcaOnly) {
 TEST(TpcDcaOptimiserOracle, AgreesOnRandomDomainsWithTpcOnly) {
   for (std::uint32_t seed = 1; seed <= kDomains / 4; ++seed) {
     const auto domain = random_domain(seed);
-    ASSERT_EQ(planned(*domain, false, true),
+    ASSERT_EQ(optimised_text(*domain, false, true),
               text_of(oracle_optimise(domain->aps, domain->config, false, true)))
         << "seed " << seed;
   }
@@ -72,7 +39,7 @@ TEST(TpcDcaOptimiserOracle, AgreesOnCampuses) {
   for (std::uint32_t seed = 1; seed <= 6; ++seed) {
     const auto domain = campus(40, 15, seed);
     domain->config.use_hd_mode = seed % 2 == 0;
-    ASSERT_EQ(planned(*domain, true, true),
+    ASSERT_EQ(optimised_text(*domain, true, true),
               text_of(oracle_optimise(domain->aps, domain->config, true, true)))
         << "seed " << seed;
   }

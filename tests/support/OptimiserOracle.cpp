@@ -1,9 +1,13 @@
 #include "tests/support/OptimiserOracle.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <optional>
+#include <sstream>
 #include <utility>
+
+#include "server/lib/TpcDcaOptimiser.h"
 
 namespace rrm::test {
 namespace {
@@ -551,6 +555,14 @@ void merge(const OraclePlan& dca, OraclePlan& tpc) {
   }
 }
 
+template <typename AnyRadio>
+void write_line(std::ostream& text, const MacAddress& ap, const AnyRadio& radio,
+                std::int64_t delta) {
+  text << ap.upper().str() << " radio " << radio.id << " channel " << radio.channel << " at "
+       << radio.primary_channel << " power " << radio.power << " delta " << delta << " eirp "
+       << radio.eirp << '\n';
+}
+
 }  // namespace
 
 OraclePlan oracle_optimise(const ApMap& snapshot, const DomainConfig& config, bool use_dca,
@@ -568,6 +580,26 @@ OraclePlan oracle_optimise(const ApMap& snapshot, const DomainConfig& config, bo
   tpc_pass_2(domain, own, config, tpc);
   merge(dca, tpc);
   return tpc;
+}
+
+std::string text_of(const OraclePlan& plan) {
+  std::ostringstream text;
+  for (const auto& [mac, radios] : plan)
+    for (const OracleRadio& radio : radios) write_line(text, mac, radio, radio.delta);
+  return text.str();
+}
+
+std::string optimised_text(const MadeDomain& domain, bool use_dca, bool use_tpc) {
+  ApMap snapshot = domain.aps.snapshot();
+  const std::atomic<bool> cancel{false};
+  const OptimisationResult result =
+      optimise(snapshot, domain.config, {use_dca, use_tpc, false}, 0, cancel);
+  std::map<MacAddress, const RadioList*> ordered;
+  for (const auto& [mac, radios] : result.radios) ordered.emplace(mac, &radios);
+  std::ostringstream text;
+  for (const auto& [mac, radios] : ordered)
+    for (const Radio& radio : radios->radios) write_line(text, mac, radio, radio.power_changed);
+  return text.str();
 }
 
 }  // namespace rrm::test

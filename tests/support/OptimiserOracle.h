@@ -3,10 +3,12 @@
 #include <cstdint>
 #include <map>
 #include <set>
+#include <string>
 #include <vector>
 
 #include "server/lib/ApMap.h"
 #include "server/lib/Config.h"
+#include "tests/support/RandomDomain.h"
 
 namespace rrm::test {
 
@@ -44,5 +46,10 @@ using OraclePlan = std::map<MacAddress, std::vector<OracleRadio>>;
 /// recounted and summed anew each time, and no code is shared with the real one.
 OraclePlan oracle_optimise(const ApMap& snapshot, const DomainConfig& config, bool use_dca,
                            bool use_tpc);
+
+/// What a plan says of each radio, one line per radio, in MAC order.
+std::string text_of(const OraclePlan& plan);
+/// The same of what the real optimisation makes of a copy of the domain.
+std::string optimised_text(const MadeDomain& domain, bool use_dca, bool use_tpc);
 
 }  // namespace rrm::test
