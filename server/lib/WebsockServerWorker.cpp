@@ -3,6 +3,7 @@
 #include <ev.h>
 #include <libwebsockets.h>
 #include <poll.h>
+#include <strings.h>
 #include <sys/eventfd.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -77,9 +78,24 @@ int protocol_callback(lws* wsi, lws_callback_reasons reason, void* user, void* i
   return WebsockServerWorker::worker_lws_callback(wsi, static_cast<int>(reason), user, in, length);
 }
 
+/// Whatever is no upgrade to websocket is refused before its body is read: nothing else is served
+/// here, and libwebsockets 4.1.6 reads the body of a request that was joined to another over freed
+/// memory.
+int http_callback(lws* wsi, lws_callback_reasons reason, void* user, void* in, std::size_t length) {
+  switch (reason) {
+    case LWS_CALLBACK_FILTER_HTTP_CONNECTION:
+      lws_return_http_status(wsi, HTTP_STATUS_NOT_FOUND, nullptr);
+      return 1;
+    case LWS_CALLBACK_HTTP_CONFIRM_UPGRADE:
+      return ::strcasecmp(static_cast<const char*>(in), "websocket") == 0 ? 0 : -1;
+    default:
+      return lws_callback_http_dummy(wsi, reason, user, in, length);
+  }
+}
+
 const lws_protocols* protocols() {
   static const lws_protocols table[] = {
-      {"http", lws_callback_http_dummy, 0, 0, 0, nullptr, 0},
+      {"http", http_callback, 0, 0, 0, nullptr, 0},
       {kProtocolName, protocol_callback, sizeof(void*), kReceiveBuffer, 0, nullptr, 0},
       {nullptr, nullptr, 0, 0, 0, nullptr, 0},
   };

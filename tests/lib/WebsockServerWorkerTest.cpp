@@ -15,6 +15,7 @@
 #include "server/lib/Envelope.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/FakeClock.h"
+#include "tests/support/HttpClient.h"
 #include "tests/support/LoopbackServer.h"
 #include "tests/support/VirtualSleep.h"
 
@@ -620,6 +621,44 @@ INSTANTIATE_TEST_SUITE_P(
         HostileText{"CloseWithOneByte", std::string("\x88\x81\x00\x00\x00\x00\x03", 7)},
         HostileText{"Noise", std::string(3000, '\xa5')}),
     [](const auto& test) { return test.param.name; });
+
+class PlainRequest : public WebsockClientsTest, public testing::WithParamInterface<HostileText> {};
+
+TEST_P(PlainRequest, IsNotFoundAndClosedAndHarmsNobody) {
+  test::TcpClient client(server_.port());
+  ASSERT_TRUE(client.send(GetParam().bytes));
+  EXPECT_EQ(test::read_reply(client).status, 404);
+  std::string rest;
+  while (client.receive(rest)) {
+  }
+  EXPECT_EQ(rest.find("HTTP/1.1"), std::string::npos);
+  EXPECT_TRUE(still_serves());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Bytes, PlainRequest,
+    testing::Values(HostileText{"OfAPage", "GET /x HTTP/1.1\r\nHost: a\r\n\r\n"},
+                    HostileText{"InTheMount", "GET /zunt/rrm HTTP/1.1\r\nHost: a\r\n\r\n"},
+                    HostileText{"WithABody", test::post_text("{}")},
+                    HostileText{"JoinedToOthers", test::post_text("{}") + test::post_text("{}") +
+                                                      test::post_text("[]") +
+                                                      std::string(300, 'x')}),
+    [](const auto& test) { return test.param.name; });
+
+TEST_F(WebsockClientsTest, AnUpgradeToAnotherProtocolIsHungUp) {
+  for (const std::string protocol : {"h2c", "irc"}) {
+    test::TcpClient client(server_.port());
+    ASSERT_TRUE(
+        client.send("GET /zunt/rrm HTTP/1.1\r\nHost: a\r\nConnection: Upgrade, HTTP2-Settings\r\n"
+                    "Upgrade: " +
+                    protocol + "\r\nHTTP2-Settings: AAMAAABkAAQAAP__\r\n\r\n"));
+    std::string reply;
+    while (client.receive(reply)) {
+    }
+    EXPECT_EQ(reply.find("101"), std::string::npos) << protocol;
+  }
+  EXPECT_TRUE(still_serves());
+}
 
 TEST_F(WebsockClientsTest, AMessageThatNeverEndsIsCutOffWithItsSession) {
   RawClient endless(server_.port());
