@@ -5,8 +5,7 @@
 /// The two clocks that the library reads.
 ///
 /// Purpose:   everything that waits, ages or dates something asks here, so that a test can let
-/// hours
-///            pass in no time; the process never installs anything.
+///            hours pass in no time; the process never installs anything.
 /// Threading: read from every thread; sources are set while no other thread of the library runs.
 namespace rrm {
 

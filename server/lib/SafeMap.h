@@ -12,11 +12,9 @@ namespace rrm {
 /// Map to shared pointers behind one mutex.
 ///
 /// Purpose:   tables that several threads share. Callers copy a shared pointer out and let go of
-/// the
-///            map before they call into what it points to.
+///            the map before they call into what it points to.
 /// Threading: every operation takes the mutex for its whole duration; mutex() and map() serve
-/// compound
-///            steps, with the mutex held by the caller.
+///            compound steps, with the mutex held by the caller.
 template <class K, class V, class Map>
 class SafeMapBase {
  public:

@@ -10,8 +10,7 @@ namespace rrm {
 /// Outgoing queue of one websocket session: a normal ring and one that is always drained first.
 ///
 /// Threading: any thread pushes; only the session's service thread pops. The marks tell producers
-/// and
-///            the service thread about each other.
+///            and the service thread about each other.
 template <class T>
 struct alignas(kCacheLine) _SafeQueue {
   static constexpr std::size_t kCapacity = 16;  ///< messages, each ring
