@@ -36,6 +36,11 @@ std::optional<Version> parse_version(const char* text) {
 
 }  // namespace
 
+bool is_internal_message(const JsonReader& document) {
+  const std::string_view service = document.get_str("service");
+  return service == "rrm-internal" || service == "internal-ipc";
+}
+
 bool is_valid_message(const JsonReader& document) {
   const std::string_view service = document.get_str("service");
   const std::string_view command = document.get_str("cmd");

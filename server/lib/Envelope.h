@@ -27,6 +27,10 @@ inline constexpr char kStopLoadBalancerDocument[] =
 /// service "rrm-internal", or one of the commands of access points with a non-empty "ap-mac".
 bool is_valid_message(const JsonReader& document);
 
+/// Whether the message claims to come from the controller itself: "service" is "rrm-internal" or
+/// "internal-ipc", whatever the command.
+bool is_internal_message(const JsonReader& document);
+
 /// Whether the document's "version" has the own major number and a minor number no greater than the
 /// own one. A missing or unreadable version is not compatible.
 bool is_version_compatible(const JsonReader& document, const char* own_version = kProtocolVersion);

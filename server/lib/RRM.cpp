@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <exception>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -19,6 +20,12 @@ namespace {
 
 constexpr std::size_t kDomainCapacity = 2048;  ///< messages in each queue of a domain worker
 constexpr useconds_t kPoll_us = 1000;
+
+std::vector<ApSession> ap_sessions_of(Worker& worker) {
+  auto* const domain_worker = dynamic_cast<RrmWorker*>(&worker);
+  if (domain_worker == nullptr) return {};
+  return worker.run_locked([&] { return domain_worker->ap_sessions(); });
+}
 
 }  // namespace
 
@@ -99,6 +106,12 @@ void RRM::process_incoming_message(JsonReader&& document, const SessionAddress& 
     raise_event(EventCode::TextDoesNotParse);
     return;
   }
+  if (is_internal_message(document)) {
+    RRM_LOG(Warning, "process_incoming_message: session %d sent service '%s', refused",
+            static_cast<int>(address.id), document.get_str("service"));
+    raise_event(EventCode::MessageInvalid);
+    return;
+  }
   const std::string domain = document.get_str("domain");
   const std::string command = document.get_str("cmd");
   route_domain(domain, command, std::move(document), address);
@@ -129,24 +142,15 @@ void RRM::send_serialized(std::string&& text, const SessionAddress& address) {
 }
 
 void RRM::send_message(const char* text, const SessionAddress& address) {
-  if (JsonReader document = parse_outgoing(__func__, text); !document.is_null())
-    websock_server_->enqueue_message(std::move(document), address);
+  JsonReader document(text);
+  if (!document.is_null()) return websock_server_->enqueue_message(std::move(document), address);
+  RRM_LOG(Error, "send_message json null");
+  RRM_LOG(Debug, "send_message str: %s", text == nullptr ? "" : text);
+  raise_event(EventCode::TextDoesNotParse);
 }
 
 void RRM::send_message_force(const char* text, const SessionAddress& address) {
-  if (JsonReader document = parse_outgoing(__func__, text); !document.is_null())
-    websock_server_->enqueue_message_force(std::move(document), address);
-}
-
-JsonReader RRM::parse_outgoing(const char* function, const char* text) {
-  JsonReader document(text);
-  if (document.is_null()) {
-    log_write(__FILE__, __LINE__, function, LogLevel::Error, "send_message json null");
-    log_write(__FILE__, __LINE__, function, LogLevel::Debug, "send_message str: %s",
-              text == nullptr ? "" : text);
-    raise_event(EventCode::TextDoesNotParse);
-  }
-  return document;
+  websock_server_->enqueue_message_force(JsonReader(text), address);
 }
 
 void RRM::ping_session(const SessionAddress& address) {
@@ -233,14 +237,19 @@ bool RRM::remove_worker(const std::string& name) {
 }
 
 void RRM::drop_sessions_of(Worker& worker) {
-  auto* const domain_worker = dynamic_cast<RrmWorker*>(&worker);
-  if (domain_worker == nullptr) return;
-  const auto sessions = worker.run_locked([&] { return domain_worker->ap_sessions(); });
-  for (const ApSession& session : sessions) {
+  std::set<std::uint32_t> dropped;
+  // What waits is taken first: a subscription that is handled meanwhile shows among the sessions.
+  const auto waiting = worker.take_messages();
+  for (const ApSession& session : ap_sessions_of(worker)) {
     RRM_LOG(Debug, "Drop session %s(%d) on worker '%s'.", session.mac.upper().c_str(),
             static_cast<int>(session.address.id), worker.name().c_str());
     drop_session_at_websock_worker(session.address, true);
+    dropped.insert(session.address.id);
   }
+  // Nobody will answer these; their access points shall come back and subscribe anew.
+  for (const auto& message : waiting)
+    if (!is_internal_message(message->document()) && dropped.insert(message->address().id).second)
+      drop_session_at_websock_worker(message->address(), true);
 }
 
 void RRM::stop_domain_event(const std::string& name, const Worker* worker) noexcept {

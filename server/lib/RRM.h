@@ -29,12 +29,12 @@ const char* vrrp_role_name(VrrpRole role) noexcept;
 /// Hub of the controller: owns every worker and routes messages between them.
 ///
 /// Purpose:   an access point's message goes to the worker of its domain, which a first
-/// subscription
-///            creates; replies and session control go back through the websocket server worker.
+///            subscription creates; replies and session control go back through the websocket
+///            server worker.
 /// Threading: every operation from any thread, except that start, restart, stop, update_vrrp_role
-/// and
-///            the restore operations belong to one management thread at a time. The map lock covers
-///            look-ups and changes only; workers are enqueued on, started and stopped outside it.
+///            and the restore operations belong to one management thread at a time. The map lock
+///            covers look-ups and changes only; workers are enqueued on, started and stopped
+///            outside it.
 /// Ownership: owns the workers; the configuration is the process's and outlives the dispatcher.
 class RRM {
  public:
@@ -60,7 +60,8 @@ class RRM {
 
   // --- incoming
 
-  /// Routes one message of an access point; an empty document is reported.
+  /// Routes one message of an access point. An empty document is reported; so is a message that
+  /// only the controller itself may send, and it goes nowhere.
   void process_incoming_message(JsonReader&& document, const SessionAddress& address);
   /// Hands the message to the domain's worker. An empty domain counts as missing: the message is
   /// dropped, as every message of a domain without worker that is no subscription.
@@ -87,7 +88,8 @@ class RRM {
 
   /// A worker for the domain, not yet in the map nor started; empty when its construction failed.
   std::shared_ptr<Worker> make_rrm_worker(const std::string& name, std::size_t worker_count);
-  /// Forgets the domain's worker, drops its access points' sessions and stops it.
+  /// Forgets the domain's worker, drops its access points' sessions, those whose messages still
+  /// wait included, and stops it.
   /// @return whether there was one
   bool remove_worker(const std::string& name);
   /// A worker's thread has ended on its own: lets go of it if the map still holds that very worker.
@@ -126,7 +128,6 @@ class RRM {
   };
 
   void start_services();
-  static JsonReader parse_outgoing(const char* function, const char* text);
   Insertion insert_worker(const std::string& name, const std::shared_ptr<Worker>& worker);
   void start_worker(const std::string& name, const std::shared_ptr<Worker>& worker);
   void drop_sessions_of(Worker& worker);

@@ -144,6 +144,13 @@ void Worker::push_stop_message() {
   wake();
 }
 
+std::vector<Worker::Message> Worker::take_messages() {
+  std::vector<Message> taken;
+  Message message;
+  while (force_.try_pop(message) || normal_.try_pop(message)) taken.push_back(std::move(message));
+  return taken;
+}
+
 void Worker::discard_messages() noexcept {
   Message discarded;
   while (force_.try_pop(discarded)) discarded.reset();

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "server/lib/JsonReader.h"
 #include "server/lib/JsonWriter.h"
@@ -87,6 +88,9 @@ class Worker : public std::enable_shared_from_this<Worker> {
     const std::lock_guard lock(processing_mutex_);
     return function();
   }
+
+  /// Takes everything that waits away from the worker, force queue first.
+  std::vector<std::shared_ptr<QueueMessage>> take_messages();
 
   std::size_t queue_size() const noexcept { return normal_.size() + force_.size(); }
   std::size_t queue_capacity() const noexcept { return normal_.capacity(); }  ///< of each queue

@@ -98,6 +98,29 @@ TEST_F(RRMTest, SubscriptionsOfANewDomainAtOnceOnSeveralThreadsCreateExactlyOneW
   }
 }
 
+TEST_F(RRMTest, TwoSubscriptionsOfANewDomainAtOnceBothReachTheOneWorker) {
+  // Every subscription of a session that is not open any more leaves one such record behind.
+  const auto handled = [&] {
+    return log_.count(LogLevel::Debug, "process_message subscribe-request for 02:00:00:00:00:01");
+  };
+  for (std::size_t round = 1; round <= 20; ++round) {
+    std::atomic<int> ready{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 2; ++t)
+      threads.emplace_back([&] {
+        JsonReader document(subscription("site").c_str());
+        ++ready;
+        while (ready < 2) sched_yield();
+        rrm_.process_incoming_message(std::move(document), kSession);
+      });
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(created(), round);
+    EXPECT_EQ(rrm_.workers().size(), 1U);
+    ASSERT_TRUE(wait_until([&] { return handled() == 2 * round; })) << handled();
+    ASSERT_TRUE(rrm_.remove_worker("site"));
+  }
+}
+
 TEST_F(RRMTest, MessagesThatMeetAnExistingWorkerAtOnceAllReachIt) {
   const auto site = add_worker("site");
   std::vector<std::thread> threads;
@@ -151,6 +174,43 @@ TEST_F(RRMTest, ADomainThatIsNotConfiguredCreatesNoWorker) {
   ASSERT_EQ(log_.events().size(), 1U);
   EXPECT_EQ(log_.events()[0].first, EventCode::WorkerNotCreated);
 }
+
+struct InternalCase {
+  const char* name;
+  const char* service;
+  const char* text;
+};
+
+class InternalService : public RRMTest, public testing::WithParamInterface<InternalCase> {};
+
+TEST_P(InternalService, FromAnAccessPointIsRefusedRecordedAndRaised) {
+  const auto site = add_worker("site");
+  receive(GetParam().text);
+  EXPECT_EQ(site->queue_size(), 0U);
+  EXPECT_EQ(rrm_.workers().size(), 1U);
+  EXPECT_EQ(log_.texts(LogLevel::Warning),
+            (Texts{std::string("process_incoming_message: session 5 sent service '") +
+                   GetParam().service + "', refused"}));
+  EXPECT_EQ(log_.events(),
+            (std::vector<std::pair<EventCode, std::string>>{{EventCode::MessageInvalid, ""}}));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Messages, InternalService,
+    testing::Values(
+        InternalCase{"DropSession", "rrm-internal",
+                     R"({"service":"rrm-internal","cmd":"drop-session","domain":"site"})"},
+        InternalCase{"PingSession", "rrm-internal",
+                     R"({"service":"rrm-internal","cmd":"ping-session","domain":"site"})"},
+        InternalCase{"StopLoadBalancer", "rrm-internal",
+                     R"({"service":"rrm-internal","cmd":"stop-load-balancer","domain":"site"})"},
+        InternalCase{"Subscription", "rrm-internal",
+                     R"({"service":"rrm-internal","cmd":"subscribe-request","domain":"other"})"},
+        InternalCase{"Stop", "internal-ipc",
+                     R"({"service":"internal-ipc","cmd":"stop","domain":"site"})"},
+        InternalCase{"TheLastOfTwoServicesCounts", "internal-ipc",
+                     R"({"service":"rrm","service":"internal-ipc","cmd":"stop","domain":"site"})"}),
+    [](const auto& test) { return test.param.name; });
 
 TEST_F(RRMTest, ALongHostileDomainNameIsOnlyAnUnknownOne) {
   receive(subscription(std::string(100000, '%') + "../../etc/passwd"));
@@ -213,6 +273,9 @@ TEST_F(RRMTest, AnOutgoingTextThatDoesNotParseIsReportedAndNotSent) {
   EXPECT_EQ(log_.texts(LogLevel::Error), (Texts{"send_message json null"}));
   EXPECT_EQ(log_.texts(LogLevel::Debug), (Texts{"send_message str: {nope"}));
   EXPECT_TRUE(log_.has_event(EventCode::TextDoesNotParse));
+  log_.clear();
+  rrm_.send_message(nullptr, kSession);
+  EXPECT_EQ(log_.texts(LogLevel::Debug), (Texts{"send_message str: "}));
   log_.clear();
   rrm_.send_message("{}", kSession);
   EXPECT_TRUE(log_.texts(LogLevel::Error).empty());
@@ -312,6 +375,24 @@ TEST_F(RRMTest, RemovingAWorkerStopsItAndLeavesTheOthers) {
   EXPECT_TRUE(log_.has(LogLevel::Debug, "Worker with domain 'site' erased."));
 }
 
+TEST_F(RRMTest, RemovingAWorkerDropsTheSessionsWhoseMessagesStillWait) {
+  const auto site = add_worker("site");
+  const auto nth_session = [](std::uint32_t id) {
+    return SessionAddress{kSession.wsi, kSession.tsi, id};
+  };
+  receive(subscription("site"), nth_session(6));
+  receive(subscription("site"), nth_session(7));
+  receive(subscription("site"), nth_session(6));
+  rrm_.on_session_closed(nth_session(8));
+  EXPECT_TRUE(rrm_.remove_worker("site"));
+  for (const auto& [id, drops] : std::vector<std::pair<int, std::size_t>>{{6, 1}, {7, 1}, {8, 0}})
+    EXPECT_EQ(log_.count(LogLevel::Debug,
+                         "drop_session_at_websock_worker: " + std::to_string(id) + " force: 1"),
+              drops)
+        << id;
+  EXPECT_EQ(site->record_count(), 0U);
+}
+
 TEST_F(RRMTest, ARemovedDomainComesBackWithItsNextSubscription) {
   receive(subscription("site"));
   rrm_.remove_worker("site");
@@ -375,6 +456,11 @@ TEST_F(RRMTest, WithVrrpItStartsAsBackupAndServesNobodyUntilItIsMaster) {
   EXPECT_EQ(rrm_.get_vrrp_role(), VrrpRole::Master);
   EXPECT_TRUE(rrm_.websock_server().is_started());
   EXPECT_EQ(created(), 1U);
+  EXPECT_TRUE(wait_until([&] { return rrm_.websock_server().port() != 0; }));
+  const auto records = log_.texts(LogLevel::Debug);
+  EXPECT_LT(std::find(records.begin(), records.end(), "Created new worker 'site'."),
+            std::find(records.begin(), records.end(), "Starting 1 lws threads"))
+      << "an access point that was served first would have created its domain without the backup";
 
   rrm_.update_vrrp_role(VrrpRole::Master, nullptr);
   EXPECT_EQ(log_.texts(LogLevel::Warning),

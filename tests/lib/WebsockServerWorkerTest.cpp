@@ -567,9 +567,31 @@ INSTANTIATE_TEST_SUITE_P(
                     HostileText{"WrongTypes", R"({"domain":{"site":1},"cmd":[],"service":7})"},
                     HostileText{"FormatText", R"(%s%n%s%n%p%999999d)"},
                     HostileText{"InternalStop", kStopDocument},
+                    HostileText{"InternalStopOfADomain",
+                                R"({"service":"internal-ipc","cmd":"stop","domain":"site"})"},
                     HostileText{"InternalStopForNobody",
                                 R"({"service":"internal-ipc","cmd":"stop","domain":"none"})"}),
     [](const auto& test) { return test.param.name; });
+
+TEST_F(WebsockClientsTest, AnAccessPointCannotSpeakForTheController) {
+  clients_.open_all(2);
+  const auto addresses = server_.wait_sessions(2);
+  for (const char* command : {"drop-session", "ping-session", "stop-load-balancer"})
+    clients_.send(
+        0, std::string(R"({"service":"rrm-internal","domain":"site","cmd":")") + command + "\"}");
+  clients_.send(0, R"({"service":"internal-ipc","domain":"site","cmd":"stop"})");
+  clients_.send(0, numbered(1));
+  ASSERT_TRUE(server_.wait_records(1));
+  EXPECT_EQ(server_.site->texts(), (Texts{numbered(1)}));
+  const auto warnings = log_.texts(LogLevel::Warning);
+  EXPECT_EQ(warnings.size(), 4U);
+  for (const std::string& warning : warnings)
+    EXPECT_THAT(warning,
+                testing::MatchesRegex("process_incoming_message: session [12] sent service "
+                                      "'(rrm-internal|internal-ipc)', refused"));
+  EXPECT_FALSE(server_.site->is_stopped());
+  EXPECT_EQ(server_.wait_sessions(2), addresses);
+}
 
 TEST_F(WebsockClientsTest, BinaryFramesAreTakenLikeTexts) {
   clients_.open_all(1);
