@@ -6,24 +6,16 @@
 
 #include "json/JsonParser.h"
 #include "json/JsonSerializer.h"
+#include "tests/support/Refusal.h"
 
 namespace yajson {
 namespace {
 
+using test::refusal;
+
 constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
 constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
 constexpr std::uint64_t kTwoTo63 = std::uint64_t{1} << 63;
-
-/// The text of the TypeError or OutOfRangeError that `run` throws.
-template <typename Run>
-std::string refusal(Run run) {
-  try {
-    run();
-  } catch (const std::system_error& error) {
-    return error.what();
-  }
-  return "nothing thrown";
-}
 
 /// Whether the bytes of a string lie in the value itself.
 bool is_inline(const JsonValue& value) {

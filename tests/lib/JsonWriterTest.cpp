@@ -3,19 +3,12 @@
 #include <gtest/gtest.h>
 
 #include "json/JsonParser.h"
+#include "tests/support/Refusal.h"
 
 namespace rrm {
 namespace {
 
-template <typename Run>
-std::string refusal(Run run) {
-  try {
-    run();
-  } catch (const std::system_error& error) {
-    return error.what();
-  }
-  return "nothing thrown";
-}
+using yajson::test::refusal;
 
 TEST(JsonWriter, WithoutAServiceIsAnObjectWithAtMostTheVersion) {
   EXPECT_STREQ(JsonWriter().c_str(), "{}");
