@@ -2,118 +2,31 @@
 
 #include <gtest/gtest.h>
 
-#include <bit>
-#include <charconv>
 #include <cmath>
-#include <random>
 #include <string>
 
 #include "json/JsonParser.h"
 #include "json/JsonSerializer.h"
+#include "tests/support/RandomJson.h"
+#include "tests/support/SlowJsonParser.h"
 
 namespace yajson {
 namespace {
 
-__extension__ using Wide = unsigned __int128;
-
-constexpr Wide kTwoTo63 = Wide{1} << 63;
-constexpr Wide kTwoTo64 = Wide{1} << 64;
-
-double standard_double(const std::string& text) {
-  double result = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), result);
-  return error == std::errc() ? result : std::nan("");  // NaN: must be refused
-}
-
-double power_of_ten(int exponent) {
-  double power = 1;
-  for (int i = 0; i < exponent; ++i) power *= 10;  // exact up to 10^22
-  return power;
-}
-
-/// What a number that fits the grammar must become; a NaN stands for "invalid number".
-JsonValue reference(const std::string& text) {
-  const bool negative = text[0] == '-';
-  const std::size_t e = text.find_first_of("eE");
-  const std::string base = text.substr(negative, e == text.npos ? e : e - negative);
-  const std::size_t point = base.find('.');
-  const std::string whole = base.substr(0, point);
-  const std::string fraction = point == base.npos ? "" : base.substr(point + 1);
-
-  Wide mantissa = 0;
-  for (const char digit : whole) {
-    mantissa = mantissa * 10 + static_cast<unsigned>(digit - '0');
-    if (mantissa >= kTwoTo64) return JsonValue(standard_double(text));
-  }
-  if (point == base.npos && e == text.npos) {
-    const auto magnitude = static_cast<std::uint64_t>(mantissa);
-    if (!negative && mantissa < kTwoTo63) return JsonValue(static_cast<std::int64_t>(magnitude));
-    if (!negative) return JsonValue(magnitude);
-    if (mantissa <= kTwoTo63) return JsonValue(static_cast<std::int64_t>(-magnitude));
-    return JsonValue(-static_cast<double>(magnitude));
-  }
-  if (!fraction.empty() && whole.size() + fraction.size() > 19)
-    return JsonValue(standard_double(text));
-  for (const char digit : fraction) mantissa = mantissa * 10 + static_cast<unsigned>(digit - '0');
-  long exponent = e == text.npos ? 0 : std::strtol(text.c_str() + e + 1, nullptr, 10);
-  exponent -= static_cast<long>(fraction.size());
-  if (exponent < -22 || exponent > 22) return JsonValue(standard_double(text));
-  double result = static_cast<double>(static_cast<std::uint64_t>(mantissa));
-  if (exponent < 0)
-    result /= power_of_ten(static_cast<int>(-exponent));
-  else
-    result *= power_of_ten(static_cast<int>(exponent));
-  return JsonValue(negative ? -result : result);
-}
+using test::real_parse;
+using test::slow_parse;
+using test::SlowResult;
 
 void expect_like_reference(const std::string& text) {
-  const JsonValue expected = reference(text);
-  const ParseResult result = try_parse(text);
-  if (expected.kind() == JsonKind::number && std::isnan(expected.as_number())) {
-    EXPECT_EQ(result.error, json_errc::invalid_number) << text;
-    return;
-  }
-  ASSERT_FALSE(result.error) << text;
-  ASSERT_EQ(result.value.kind(), expected.kind()) << text;
-  if (expected.kind() == JsonKind::integer)
-    EXPECT_EQ(result.value.as_int(), expected.as_int()) << text;
-  else if (expected.kind() == JsonKind::uinteger)
-    EXPECT_EQ(result.value.as_uint(), expected.as_uint()) << text;
-  else
-    EXPECT_EQ(std::bit_cast<std::uint64_t>(result.value.as_number()),
-              std::bit_cast<std::uint64_t>(expected.as_number()))
-        << text;
+  const SlowResult expected = slow_parse(text, {});
+  const SlowResult result = real_parse(text, {});
+  EXPECT_EQ(result.value, expected.value) << text;
+  EXPECT_EQ(result.what, expected.what) << text;
 }
 
-class RandomNumbers {
- public:
-  std::string next() {
-    std::string text = pick(2) != 0 ? "" : "-";
-    text += pick(4) == 0 ? "0" : digits(1 + pick(pick(8) == 0 ? 30 : 20), true);
-    const auto form = pick(4);
-    if (form & 1) text += "." + digits(1 + pick(22), false);
-    if (form & 2) {
-      constexpr const char* kSigns[] = {"e", "E", "e+", "E-", "e-"};
-      text += kSigns[pick(5)] + std::to_string(pick(pick(4) == 0 ? 600 : 30));
-    }
-    return text;
-  }
-
- private:
-  unsigned pick(unsigned limit) { return static_cast<unsigned>(random_() % limit); }
-  std::string digits(unsigned count, bool no_leading_zero) {
-    std::string text;
-    while (text.size() < count)
-      text += static_cast<char>('0' + (text.empty() && no_leading_zero ? 1 + pick(9) : pick(10)));
-    return text;
-  }
-  std::mt19937 random_{7};
-};
-
 TEST(JsonNumber, RandomNumbersAreThoseOfTheReference) {
-  RandomNumbers numbers;
-  for (int i = 0; i < 100000 && !testing::Test::HasFailure(); ++i)
-    expect_like_reference(numbers.next());
+  test::RandomJson random(7);
+  for (int i = 0; i < 100000 && !HasFailure(); ++i) expect_like_reference(random.number());
 }
 
 TEST(JsonNumber, NumbersAroundEveryLimitAreThoseOfTheReference) {
