@@ -11,9 +11,8 @@ namespace rrm {
 /// fades.
 ///
 /// Purpose:   a client that one radio serves is blocked for a while on the other radios of its
-/// SSID;
-///            a weak one is unblocked there and offered to the probe-response balancer. Once a
-///            second the changes are sent. The balancer uses the same blocks for its decisions.
+///            SSID; a weak one is unblocked there and offered to the probe-response balancer. Once
+///            a second the changes are sent. The balancer uses the same blocks for its decisions.
 /// Threading: the domain worker's thread.
 class BlacklistSubworker : public IRrmSubworker {
  public:

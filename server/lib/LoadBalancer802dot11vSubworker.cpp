@@ -45,6 +45,7 @@ void LoadBalancer802dot11vSubworker::process_timer() {
 
 void LoadBalancer802dot11vSubworker::force_optimization() {
   RRM_LOG(Debug, "Forced 802.11v optimization;");
+  overload_waits_ = false;
   optimize_lists();
   optimize_clients();
 }
@@ -182,6 +183,7 @@ void LoadBalancer802dot11vSubworker::optimize_lists() {
     for (Radio& radio : ap->radios.radios) radio.changed = false;
   }
   lists_pending_ = false;
+  if (overload_waits_) optimize_clients();
 }
 
 void LoadBalancer802dot11vSubworker::forget_absent_aps() {
@@ -223,13 +225,11 @@ void LoadBalancer802dot11vSubworker::add_neighbour_list(const ApEntry& ap, JsonW
 
 void LoadBalancer802dot11vSubworker::optimize_clients() {
   const DomainConfig& options = config();
+  // In a busy domain some list is nearly always due: the messages wait for it, they are not lost.
+  overload_waits_ = lists_pending_;
   if (lists_pending_ || !options.use_80211v || !options.use_balance) {
     RRM_LOG(Debug, "Skip optimize_clients (use_80211v=%d use_balance=%d)", options.use_80211v,
             options.use_balance);
-    return;
-  }
-  if (worker().load_balancer_lock() || worker().load_balancer_stop()) {
-    RRM_LOG(Debug, "Load balancer is blocked");
     return;
   }
   for (const auto& [mac, ap] : aps().aps()) {

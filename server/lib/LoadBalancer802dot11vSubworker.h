@@ -19,9 +19,8 @@ struct ClientEvent;
 /// [IEEE 802.11-2020, 11.21.7].
 ///
 /// Purpose:   a radio's priority falls as it fills up; every access point gets a neighbour list
-/// with
-///            the priorities of the radios it hears, and an overloaded one is told how many clients
-///            to move. It picks them itself and reports the moves.
+///            with the priorities of the radios it hears, and an overloaded one is told how many
+///            clients to move. It picks them itself and reports the moves.
 /// Threading: the domain worker's thread.
 class LoadBalancer802dot11vSubworker : public IRrmSubworker {
  public:
@@ -29,7 +28,8 @@ class LoadBalancer802dot11vSubworker : public IRrmSubworker {
 
   bool process_message(const JsonReader& message, std::string_view cmd,
                        const std::shared_ptr<ApEntry>& ap) override;
-  /// The overload period: tells access points how many clients to move.
+  /// The overload period: tells access points how many clients to move, or does so once the lists
+  /// that are still due have been sent, since they pick the targets from them.
   void process_timer() override;
   void force_optimization() override;
 
@@ -70,6 +70,7 @@ class LoadBalancer802dot11vSubworker : public IRrmSubworker {
 
   bool lists_pending_ = false;
   bool lists_timer_armed_ = false;
+  bool overload_waits_ = false;  ///< the period is over: to be sent once the lists are
   std::unordered_map<MacAddress, SentList> sent_;  ///< by base MAC
 };
 

@@ -13,9 +13,8 @@ namespace rrm {
 /// well enough.
 ///
 /// Purpose:   a client that is weak, or that joined a loaded radio, becomes pending: the access
-/// points
-///            are asked how they hear it, and when all have answered or 5 seconds have passed one
-///            of them is chosen. The others are told to refuse the client for a while.
+///            points are asked how they hear it, and when all have answered or 5 seconds have
+///            passed one of them is chosen. The others are told to refuse the client for a while.
 /// Threading: the domain worker's thread.
 class LoadBalancerSubworker : public IRrmSubworker {
  public:

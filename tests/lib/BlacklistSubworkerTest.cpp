@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "server/lib/LoadBalancerSubworker.h"
-#include "tests/support/Engine.h"
+#include "tests/support/Balancing.h"
 #include "tests/support/JsonText.h"
 
 namespace rrm::test {
@@ -15,20 +15,6 @@ namespace {
 using Texts = std::vector<std::string>;
 
 const MacAddress kClient = MacAddress::from_text("02:aa:00:00:00:07");
-
-/// Probe balancing and blocking, with thresholds -75 and -65 dBm and blocks of 30 s.
-DomainConfig balance_config() {
-  DomainConfig config = Engine::quiet_config();
-  config.use_balance = true;
-  config.use_all_ap_balance = true;
-  return config;
-}
-
-RadioSpec balanced_radio(int id = 0, const std::string& ssid = "office") {
-  return RadioSpec{.id = id, .vaps = {{.ssid = ssid}}, .locked_balancer = 0};
-}
-
-Radio& radio_of(Engine& engine, int ap, int id = 0) { return *engine.ap(ap)->radios.find(id); }
 
 RadioBlacklist& blacklist_of(Engine& engine, int ap, int id = 0) {
   return radio_of(engine, ap, id).blacklist;
@@ -208,28 +194,19 @@ TEST(Blacklist, NeitherSendsNorAgesWhileBalancingIsPaused) {
   }
 }
 
-TEST(Blacklist, AgesTheExpectedClientsOfParkedAccessPoints) {
-  Engine engine(balance_config());
-  engine.subscribe(1, {balanced_radio()});
-  engine.worker().aps().move_all(engine.worker().unanswered_aps());
-  engine.worker().set_load_balancer_lock(true);
-  AssocMap& clients = radio_of(engine, 1).assoc_clients;
-  clients.expect_client(kClient, {}, 0, 5);
-  engine.pass(4);
-  EXPECT_EQ(clients.count(), 1u);
-  engine.pass(1);
-  EXPECT_EQ(clients.count(), 0u);
-}
-
-TEST(Blacklist, AgesEveryExpectedClientOncePerSecond) {
-  Engine engine(balance_config());
-  engine.subscribe(1, {balanced_radio()});
-  AssocMap& clients = radio_of(engine, 1).assoc_clients;
-  clients.expect_client(kClient, {}, 0, 5);
-  engine.pass(4);
-  EXPECT_EQ(clients.count(), 1u);
-  engine.pass(1);
-  EXPECT_EQ(clients.count(), 0u);
+TEST(Blacklist, AgesEveryExpectedClientOncePerSecondAlsoOfParkedAccessPoints) {
+  for (const bool parked : {false, true}) {
+    Engine engine(balance_config());
+    engine.subscribe(1, {balanced_radio()});
+    if (parked) engine.worker().aps().move_all(engine.worker().unanswered_aps());
+    engine.worker().set_load_balancer_lock(parked);
+    AssocMap& clients = radio_of(engine, 1).assoc_clients;
+    clients.expect_client(kClient, {}, 0, 5);
+    engine.pass(4);
+    EXPECT_EQ(clients.count(), 1u);
+    engine.pass(1);
+    EXPECT_EQ(clients.count(), 0u);
+  }
 }
 
 // --- block pass

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "server/lib/ClientEvent.h"
-#include "tests/support/Engine.h"
+#include "tests/support/Balancing.h"
 
 namespace rrm::test {
 namespace {
@@ -68,8 +68,6 @@ void disassociate(Engine& engine, int ap, int client) {
 void fill(Engine& engine, int ap, int first, int count) {
   for (int i = 0; i < count; ++i) associate(engine, ap, first + i);
 }
-
-Radio& radio_of(Engine& engine, int ap, int id = 0) { return *engine.ap(ap)->radios.find(id); }
 
 MacAddress mac_of(const std::string& text) { return MacAddress::from_text(text.c_str()); }
 
@@ -553,6 +551,50 @@ TEST(OverloadPeriod, IsAMinuteAndWaitsForPendingLists) {
   EXPECT_TRUE(engine.rrm().take("rrm-sta-overload").empty());
   EXPECT_TRUE(
       engine.log().has(LogLevel::Debug, "Skip optimize_clients (use_80211v=1 use_balance=1)"));
+  // The lists go out 20 s after they were planned, and what waited for them follows.
+  engine.pass(14);
+  EXPECT_TRUE(engine.rrm().take("rrm-sta-overload").empty());
+  engine.pass(1);
+  const auto sent = engine.rrm().take();
+  ASSERT_EQ(sent.size(), 3u);
+  EXPECT_EQ(sent[2].text, overload(1, 4));
+  EXPECT_EQ(sent[2].session, 101u);
+  // The period goes on as it was.
+  engine.pass(44);
+  EXPECT_TRUE(engine.rrm().take("rrm-sta-overload").empty());
+  engine.pass(1);
+  EXPECT_EQ(engine.rrm().take("rrm-sta-overload"), (Texts{overload(1, 4)}));
+}
+
+TEST(OverloadPeriod, IsServedAlsoInADomainWhoseListsAreAlwaysDue) {
+  Engine engine(steering_config());
+  subscribe_all(engine, 2);
+  fill(engine, 1, 0, 14);
+  engine.rrm().take();
+  std::size_t messages = 0;
+  for (int second = 0; second < 600; ++second) {
+    // Access point 2 changes its priority with every second.
+    if (second % 2 == 0) fill(engine, 2, 100, 5);
+    if (second % 2 == 1) disassociate(engine, 2, 100);
+    engine.pass(1);
+    messages += engine.rrm().take("rrm-sta-overload").size();
+  }
+  EXPECT_EQ(messages, 10u) << "once a minute";
+}
+
+TEST(OverloadPeriod, ThatWaitsIsServedOnceByAForcedOptimisation) {
+  Engine engine(steering_config());
+  subscribe_all(engine, 2);
+  fill(engine, 1, 0, 14);
+  engine.pass(55);
+  auto& balancer = engine.worker().load_balancer_80211v();
+  balancer.planning_update_802dot11v(true);
+  engine.pass(5);
+  engine.rrm().take();
+  balancer.force_optimization();
+  EXPECT_EQ(engine.rrm().take("rrm-sta-overload"), (Texts{overload(1, 4)}));
+  engine.pass(20);
+  EXPECT_TRUE(engine.rrm().take("rrm-sta-overload").empty());
 }
 
 TEST(OverloadPeriod, Of0IsSwitchedOff) {
@@ -566,15 +608,21 @@ TEST(OverloadPeriod, Of0IsSwitchedOff) {
   EXPECT_TRUE(engine.rrm().take("rrm-sta-overload").empty());
 }
 
-TEST(OverloadPeriod, IsQuietWhileBalancingIsPaused) {
+TEST(OverloadPeriod, WaitsForARoundOnlyWhileListsAreDue) {
   Engine engine(steering_config());
   subscribe_all(engine, 2);
   fill(engine, 1, 0, 14);
   engine.pass(30);
-  engine.receive(R"({"service":"rrm-internal", "cmd":"stop-load-balancer"})", 101);
   engine.rrm().take();
+  engine.worker().set_load_balancer_lock(true);
   engine.pass(30);
+  EXPECT_EQ(engine.rrm().take("rrm-sta-overload"), (Texts{overload(1, 4)}));
+  engine.worker().load_balancer_80211v().planning_update_802dot11v(false);
+  engine.pass(70);
   EXPECT_TRUE(engine.rrm().take("rrm-sta-overload").empty());
+  engine.worker().set_load_balancer_lock(false);
+  engine.pass(20);
+  EXPECT_EQ(engine.rrm().take("rrm-sta-overload"), (Texts{overload(1, 4)}));
 }
 
 }  // namespace

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/Engine.h"
+#include "tests/support/Balancing.h"
 
 namespace rrm::test {
 namespace {
@@ -15,25 +15,11 @@ using Texts = std::vector<std::string>;
 const MacAddress kClient = MacAddress::from_text("02:aa:00:00:00:07");
 constexpr int kClientNumber = 7;
 
-/// Thresholds -75 and -65 dBm, 5 and 20 clients; all access points are asked.
-DomainConfig balance_config() {
-  DomainConfig config = Engine::quiet_config();
-  config.use_balance = true;
-  config.use_all_ap_balance = true;
-  return config;
-}
-
-RadioSpec balanced_radio(int id = 0, const std::string& ssid = "office") {
-  return RadioSpec{.id = id, .vaps = {{.ssid = ssid}}, .locked_balancer = 0};
-}
-
 /// Access points 1..count with one balanced radio each.
 void subscribe_all(Engine& engine, int count) {
   for (int n = 1; n <= count; ++n) engine.subscribe(n, {balanced_radio()});
   engine.rrm().take();
 }
-
-Radio& radio_of(Engine& engine, int ap, int id = 0) { return *engine.ap(ap)->radios.find(id); }
 
 void associate(Engine& engine, int ap, int rssi, const std::string& more = "",
                int client = kClientNumber, const std::string& ssid = "office") {
