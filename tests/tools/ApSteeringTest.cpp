@@ -27,6 +27,7 @@ class SteeringTranscript : public testing::Test {
     Scenario result = two_aps(30);
     result.sites[0].buildings[0].width = 30;
     result.ssids[0].bands = {2};
+    result.ssids[0].use_80211v = true;
     return result;
   }
   void SetUp() override {
@@ -37,11 +38,18 @@ class SteeringTranscript : public testing::Test {
     home = events[0].radio.ap;
     steering = std::make_unique<ApSteering>(world, crowd, home);
   }
-  /// Lets the access point take a message; what it answers.
-  std::vector<std::string> takes(const std::string& text) {
+  void takes(const std::string& text) {
     const JsonReader message(text.c_str());
+    EXPECT_TRUE(steering->take(now, message.get_str("cmd"), message));
+  }
+  /// Time goes on for the client and the access point; what that says.
+  std::vector<std::string> waits(Millis time) {
     AgentOutput out;
-    EXPECT_TRUE(steering->take(now, message.get_str("cmd"), message, out));
+    for (const Millis end = now + time; now < end;) {
+      now += 100;
+      crowd.advance(now);
+      if (steering->deadline() && *steering->deadline() <= now) steering->on_deadline(now, out);
+    }
     return out.messages;
   }
   std::string envelope(const char* cmd) const {
@@ -79,12 +87,12 @@ TEST_F(SteeringTranscript, AChangeOfSignalIsTold) {
 }
 
 TEST_F(SteeringTranscript, ABlockAndItsEndAreObeyed) {
-  EXPECT_THAT(takes(R"({"cmd":"rrm-blacklist","radios":[{"id":0,"blacklist":[)"
-                    R"({"mac":"06:43:4C:00:00:00","action":"block","timeout":30}]}]})"),
-              IsEmpty());
+  takes(R"({"cmd":"rrm-blacklist","radios":[{"id":0,"blacklist":[)"
+        R"({"mac":"06:43:4C:00:00:00","action":"block","timeout":30}]}]})");
+  EXPECT_FALSE(steering->deadline()) << "there is nothing to answer";
   crowd.set_alive(now, 1 - home, false);
   crowd.kick(now, {home, 0}, crowd.mac(0), now);  // out, and at once free to come back
-  crowd.block({home, 0}, crowd.mac(0), now + 30000);
+  crowd.block(now, {home, 0}, crowd.mac(0), now + 30000);
   const Millis blocked_until = now + 30000;
   for (; now < 3000; now += 100) crowd.advance(now + 100);
   EXPECT_FALSE(crowd.served_by(0));
@@ -102,42 +110,105 @@ TEST_F(SteeringTranscript, ADisassociationRequestThrowsTheClientOut) {
   EXPECT_EQ(crowd.counters().kicks, 1u);
 }
 
-TEST_F(SteeringTranscript, AProbeQuestionIsAnsweredWithTheSignal) {
+std::string probe_request(const char* clients) {
+  return std::string(R"({"cmd":"rrm-probe-request","radios":[{"id":0,"probe-list":[)") + clients +
+         "]}]}";
+}
+
+TEST_F(SteeringTranscript, ProbeQuestionsAreAnsweredTogetherAfterASecond) {
   const std::string rssi = std::to_string(crowd.client_rssi(0, {home, 0}));
+  takes(probe_request(R"({"ssid":"net","mac":"06:43:4C:00:00:00","timeout":5})"));
+  takes(probe_request(R"({"ssid":"net","mac":"06:43:4C:00:99:99","timeout":5},)"
+                      R"({"ssid":"net","mac":"06:43:4C:00:00:00","timeout":5})"));
+  EXPECT_THAT(waits(900), IsEmpty());
   EXPECT_THAT(
-      takes(R"({"cmd":"rrm-probe-request","radios":[{"id":0,"probe-list":[)"
-            R"({"ssid":"net","mac":"06:43:4C:00:00:00","timeout":5},)"
-            R"({"ssid":"net","mac":"06:43:4C:00:99:99","timeout":5}]}]})"),
+      waits(100),
       ElementsAre(
           envelope("rrm-probe-response") +
           R"("radios":[{"id":0,"probe-list":[{"mac":"06:43:4C:00:00:00","ssid":"net","rssi":)" +
           rssi + "}]}]}"));
 }
 
-TEST_F(SteeringTranscript, AProbeQuestionAboutStrangersIsNotAnswered) {
-  EXPECT_THAT(takes(R"({"cmd":"rrm-probe-request","radios":[{"id":0,"probe-list":[)"
-                    R"({"ssid":"net","mac":"06:43:4C:00:99:99","timeout":5}]}]})"),
-              IsEmpty());
+TEST_F(SteeringTranscript, StrangersAreListenedForUntilTheQuestionIsOver) {
+  takes(probe_request(R"({"ssid":"net","mac":"06:43:4C:00:99:99","timeout":5})"));
+  EXPECT_THAT(waits(4900), IsEmpty());
+  EXPECT_TRUE(steering->deadline());
+  EXPECT_THAT(waits(200), IsEmpty());
+  EXPECT_FALSE(steering->deadline());
 }
 
+TEST_F(SteeringTranscript, AClosedConnectionEndsAllQuestions) {
+  takes(probe_request(R"({"ssid":"net","mac":"06:43:4C:00:00:00","timeout":5})"));
+  steering->forget_requests();
+  EXPECT_THAT(waits(2000), IsEmpty());
+}
+
+/// One neighbour with that priority.
+std::string neighbour_list(const MacAddress& mac, int priority) {
+  return R"([{"id":0,"band2":[{"neighbour-mac":")" + mac.upper().str() + R"(","priority":)" +
+         std::to_string(priority) + "}]}]";
+}
+
+constexpr const char* kOverload =
+    R"({"cmd":"rrm-sta-overload","radios":[{"id":0,"roam-count":2}]})";
+
 TEST_F(SteeringTranscript, AnOverloadedRadioMovesClientsToANeighbourWithRoom) {
-  const std::string target = world.ap(1 - home).mac.upper().str();
-  const std::string list =
-      R"([{"neighbour-mac":")" + target + R"(","channel":1,"band":2,"priority":127}])";
-  steering->take_neighbours(JsonReader(list.c_str()));
-  EXPECT_THAT(
-      takes(R"({"cmd":"rrm-sta-overload","radios":[{"id":0,"roam-count":2}]})"),
-      ElementsAre(envelope("rrm-sta-roam") +
-                  R"("radio":0,"sta-mac":"06:43:4C:00:00:00","target-mac":")" + target + "\"}"));
+  const MacAddress target = world.ap(1 - home).mac;
+  steering->take_neighbours(JsonReader(neighbour_list(target, 127).c_str()));
+  waits(60000);
+  takes(kOverload);
+  EXPECT_THAT(waits(1900), IsEmpty());
+  EXPECT_THAT(waits(100), ElementsAre(envelope("rrm-sta-roam") +
+                                      R"("radio":0,"sta-mac":"06:43:4C:00:00:00","target-mac":")" +
+                                      target.upper().str() + "\"}"));
   EXPECT_EQ(crowd.served_by(0), (RadioKey{1 - home, 0}));
+  EXPECT_FALSE(steering->deadline()) << "nobody is left";
+}
+
+TEST_F(SteeringTranscript, AClientThatHasJustComeIsNotMoved) {
+  steering->take_neighbours(JsonReader(neighbour_list(world.ap(1 - home).mac, 127).c_str()));
+  takes(kOverload);
+  EXPECT_THAT(waits(3000), IsEmpty());
+  EXPECT_EQ(crowd.served_by(0), (RadioKey{home, 0}));
+}
+
+TEST_F(SteeringTranscript, AClientThatWasAskedIsLeftAloneForTheConfiguredTime) {
+  steering->take_neighbours(JsonReader(neighbour_list(world.ap(1 - home).mac, 127).c_str()));
+  steering->take_settings(JsonReader(R"({"radios":[{"id":0,"tavro-roam-attempt-timeout":100}]})"));
+  waits(60000);
+  crowd.block(now, {1 - home, 0}, crowd.mac(0), now + 30000);
+  takes(kOverload);
+  waits(2000);
+  EXPECT_EQ(crowd.counters().refused, 1u) << "asked, and refused by the target";
+  waits(90000);
+  takes(kOverload);
+  EXPECT_THAT(waits(2000), IsEmpty());
+  waits(10000);
+  takes(kOverload);
+  EXPECT_EQ(waits(2000).size(), 1u);
 }
 
 TEST_F(SteeringTranscript, AFullNeighbourIsNoTarget) {
-  const std::string list = R"([{"id":0,"band2":[{"neighbour-mac":")" +
-                           world.ap(1 - home).mac.upper().str() + R"(","priority":0}]}])";
-  steering->take_neighbours(JsonReader(list.c_str()));
-  EXPECT_THAT(takes(R"({"cmd":"rrm-sta-overload","radios":[{"id":0,"roam-count":1}]})"), IsEmpty());
+  steering->take_neighbours(JsonReader(neighbour_list(world.ap(1 - home).mac, 0).c_str()));
+  waits(60000);
+  takes(kOverload);
+  EXPECT_THAT(waits(3000), IsEmpty());
   EXPECT_EQ(crowd.served_by(0), (RadioKey{home, 0}));
+}
+
+TEST_F(SteeringTranscript, OnlyClientsOfANetworkWith80211vAreMoved) {
+  Scenario plain = scenario();
+  plain.ssids[0].use_80211v = false;
+  const World other(plain);
+  Crowd clients(other, one_client());
+  clients.begin(0);
+  for (now = 0; now < 61000; now += 100) clients.advance(now + 100);
+  ApSteering balancer(other, clients, home);
+  balancer.take_neighbours(JsonReader(neighbour_list(other.ap(1 - home).mac, 127).c_str()));
+  balancer.take(now, "rrm-sta-overload", JsonReader(kOverload));
+  AgentOutput out;
+  balancer.on_deadline(now + 2000, out);
+  EXPECT_THAT(out.messages, IsEmpty());
 }
 
 TEST_F(SteeringTranscript, RadiosThatItDoesNotHaveAreIgnored) {
@@ -150,8 +221,7 @@ TEST_F(SteeringTranscript, RadiosThatItDoesNotHaveAreIgnored) {
 }
 
 TEST_F(SteeringTranscript, OtherCommandsAreNotTaken) {
-  AgentOutput out;
-  EXPECT_FALSE(steering->take(now, "rrm-info", JsonReader("{}"), out));
+  EXPECT_FALSE(steering->take(now, "rrm-info", JsonReader("{}")));
 }
 
 TEST_F(SteeringTranscript, ASubscriptionListsTheClients) {

@@ -35,7 +35,8 @@ class CrowdOfTwoAps : public testing::Test {
   }
   void block_everywhere(Crowd& crowd, std::uint32_t ap, Millis until) {
     for (std::uint32_t client = 0; client < crowd.size(); ++client) {
-      for (int radio = 0; radio < 3; ++radio) crowd.block({ap, radio}, crowd.mac(client), until);
+      for (int radio = 0; radio < 3; ++radio)
+        crowd.block(now, {ap, radio}, crowd.mac(client), until);
     }
   }
   static std::size_t served_at(const Crowd& crowd, std::uint32_t ap) {
@@ -154,7 +155,7 @@ TEST_F(CrowdOfTwoAps, ABlockEndsWithItsTimeOrByAnUnblock) {
   EXPECT_EQ(served_at(crowd, 0), 10u);
   crowd.set_alive(now, 0, false);
   for (std::uint32_t client = 0; client < 10; ++client) {
-    for (int radio = 0; radio < 3; ++radio) crowd.unblock({1, radio}, crowd.mac(client));
+    for (int radio = 0; radio < 3; ++radio) crowd.unblock(now, {1, radio}, crowd.mac(client));
   }
   run_to(crowd, 40000);
   EXPECT_EQ(served_at(crowd, 1), 10u);
@@ -185,13 +186,45 @@ TEST_F(CrowdOfTwoAps, ARefusingClientInsistsOnTheRadioThatKickedIt) {
   Crowd crowd(world, options);
   run_to(crowd, 1000);
   const RadioKey before = *crowd.served_by(0);
-  crowd.kick(now, before, crowd.mac(0), now + 20000);
-  run_to(crowd, 20000);
+  crowd.kick(now, before, crowd.mac(0), now + 8000);
+  run_to(crowd, 8900);
   EXPECT_FALSE(crowd.served_by(0));
-  run_to(crowd, 26000);
+  run_to(crowd, 13000);
   EXPECT_EQ(crowd.served_by(0), before);
   EXPECT_EQ(crowd.counters().moves, 0u) << "back where it was";
-  EXPECT_GE(crowd.counters().longest_unserved, 19000);
+  EXPECT_GE(crowd.counters().longest_unserved, 8000);
+}
+
+TEST_F(CrowdOfTwoAps, ARefusingClientGivesUpAfterFourTries) {
+  CrowdOptions options = calm(1);
+  options.refusing = 1;
+  Crowd crowd(world, options);
+  run_to(crowd, 1000);
+  const RadioKey before = *crowd.served_by(0);
+  crowd.kick(now, before, crowd.mac(0), now + 60000);
+  run_to(crowd, 12000);
+  EXPECT_FALSE(crowd.served_by(0));
+  run_to(crowd, 15000);
+  ASSERT_TRUE(crowd.served_by(0));
+  EXPECT_FALSE(*crowd.served_by(0) == before);
+}
+
+TEST_F(CrowdOfTwoAps, TheLongestBlockAndTheLongestWaitAfterADeathAreKnown) {
+  Crowd crowd(world, calm(1));
+  run_to(crowd, 1000);
+  const RadioKey home = *crowd.served_by(0);
+  crowd.block(now, {1 - home.ap, 0}, crowd.mac(0), now + 5000);
+  crowd.unblock(now + 2000, {1 - home.ap, 0}, crowd.mac(0));
+  EXPECT_EQ(crowd.longest_block(now + 60000), 2000) << "lifted early";
+  block_everywhere(crowd, 1 - home.ap, now + 8000);
+  EXPECT_EQ(crowd.longest_block(now + 3000), 3000) << "still on";
+  EXPECT_EQ(crowd.longest_block(now + 60000), 8000) << "ended by itself";
+  crowd.set_alive(now, home.ap, false);
+  EXPECT_TRUE(crowd.orphaned(0));
+  run_to(crowd, 12000);
+  EXPECT_FALSE(crowd.orphaned(0));
+  EXPECT_GE(crowd.counters().longest_orphaned, 8000);
+  EXPECT_LE(crowd.counters().longest_orphaned, 9000);
 }
 
 TEST_F(CrowdOfTwoAps, AKickOfSomebodyElsewhereOnlyBlocks) {
@@ -208,7 +241,7 @@ TEST_F(CrowdOfTwoAps, UnknownAddressesAreIgnored) {
   run_to(crowd, 1000);
   const MacAddress stranger = MacAddress::from_text("06:43:4c:00:00:07");
   crowd.kick(now, {0, 0}, stranger, now + 1000);
-  crowd.block({0, 0}, MacAddress::from_text("junk"), now + 1000);
+  crowd.block(now, {0, 0}, MacAddress::from_text("junk"), now + 1000);
   EXPECT_FALSE(crowd.probe_heard(now, {0, 0}, stranger));
   EXPECT_TRUE(crowd.served_by(0));
 }
@@ -325,7 +358,7 @@ TEST_F(CrowdOfTwoAps, TheSampleCountsRadiosAndImbalance) {
   Crowd crowd(world, calm(12));
   block_everywhere(crowd, 1, 1000000);
   for (std::uint32_t client = 0; client < 12; ++client) {
-    for (const int radio : {1, 2}) crowd.block({0, radio}, crowd.mac(client), 1000000);
+    for (const int radio : {1, 2}) crowd.block(now, {0, radio}, crowd.mac(client), 1000000);
   }
   run_to(crowd, 3000);  // all on the 2.4 GHz radio of the first
   const CrowdSample sample = sample_crowd(world, crowd, now);

@@ -36,8 +36,9 @@ void ApAgent::arm(Due due, Millis when) noexcept {
 }
 
 std::optional<Millis> ApAgent::deadline() const noexcept {
-  if (due_ == Due::Nothing) return std::nullopt;
-  return when_;
+  const std::optional<Millis> steering = steering_ ? steering_->deadline() : std::nullopt;
+  if (due_ == Due::Nothing) return steering;
+  return steering ? std::min(when_, *steering) : when_;
 }
 
 void ApAgent::on_open(Millis now, AgentOutput& out) {
@@ -49,6 +50,7 @@ void ApAgent::on_open(Millis now, AgentOutput& out) {
 Millis ApAgent::on_closed() {
   state_ = State::Offline;
   due_ = Due::Nothing;
+  if (steering_) steering_->forget_requests();
   filter_.reset();
   const std::uint32_t doublings = std::min(attempts_, 16U);
   ++attempts_;
@@ -72,7 +74,7 @@ void ApAgent::on_text(Millis now, std::string_view text, AgentOutput& out) {
   if (cmd == "rrm-update") return take_update(now, message, out);
   if (cmd == "rrm-info") return take_info(message, out);
   if (cmd == "fbt-info") return take_keys(message, out);
-  if (steering_ && state_ == State::Subscribed) steering_->take(now, cmd, message, out);
+  if (steering_ && state_ == State::Subscribed) steering_->take(now, cmd, message);
 }
 
 void ApAgent::take_subscribe_response(const JsonReader& message, AgentOutput& out) {
@@ -122,6 +124,7 @@ void ApAgent::take_keys(const JsonReader& message, AgentOutput& out) {
 void ApAgent::take_config(const JsonReader& message, AgentOutput& out) {
   const ConfigPlan plan = read_config(message);
   if (plan.neighbours) neighbours_ = *plan.neighbours;
+  if (steering_) steering_->take_settings(message.child("config"));
   if (plan.neighbours && steering_) {
     steering_->take_neighbours(message.child("config").child("802dot11k"));
   }
@@ -144,6 +147,7 @@ void ApAgent::on_client(const ClientEvent& event, AgentOutput& out) const {
 }
 
 void ApAgent::on_deadline(Millis now, AgentOutput& out) {
+  if (steering_) steering_->on_deadline(now, out);
   if (due_ == Due::Nothing || now < when_) return;
   const Due due = due_;
   due_ = Due::Nothing;

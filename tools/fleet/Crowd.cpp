@@ -14,15 +14,21 @@ constexpr double kJoinAt = -82;      ///< dBm: the weakest access point a client
 constexpr double kGoneAt = -90;      ///< dBm: below it the link is lost
 constexpr double kRoamBelow = -72;   ///< dBm: a client looks for a better radio below this
 constexpr double kStickyBelow = -83;
-constexpr double kRoamGain = 8;       ///< dB by which the other must be better
-constexpr double kWideBandBonus = 6;  ///< dB by which clients prefer 5 and 6 GHz
-constexpr int kHeardAt = -90;         ///< dBm: the weakest client an access point decodes
+constexpr double kUrgentBelow = -80;   ///< dBm: a client that has just moved looks again below this
+constexpr Millis kSettle = 60000;      ///< for which it otherwise stays where it went
+constexpr double kSetOut = 1.0 / 120;  ///< chance per second that one who stands walks on
+constexpr double kRoamGain = 8;        ///< dB by which the other must be better
+constexpr double kWideBandBonus = 6;   ///< dB by which clients prefer 5 and 6 GHz
+constexpr int kHeardAt = -90;          ///< dBm: the weakest client an access point decodes
 constexpr Millis kProbeMemory = 15000;
 constexpr Millis kProbeEvery = 12000;
 constexpr Millis kProbeRarely = 90000;
 constexpr Millis kPingPong = 60000;
 constexpr Millis kInsistEvery = 3000;  ///< between two tries of a client that takes no refusal
+constexpr int kInsistTimes = 4;        ///< tries after which it goes elsewhere
 constexpr Millis kRoamEvery = 4000;
+constexpr Millis kAvoid = 300000;       ///< for which a client does not roam to who threw it out
+constexpr std::size_t kRemembered = 4;  ///< radios that it knows to have done so
 constexpr Millis kSignalEvery = 5000;
 constexpr int kSignalStep = 4;      ///< dB that are worth a report
 constexpr double kListenAgain = 3;  ///< metres after which the surroundings sound different
@@ -193,8 +199,7 @@ void Crowd::walk(Client& client) const {
   if (left <= client.speed) {
     client.place.x = client.goal_x;
     client.place.y = client.goal_y;
-    // People stay for a while: one in thirty sets out again every second.
-    if (!client.random.chance(1.0 / 30)) return;
+    if (!client.random.chance(kSetOut)) return;
     const Building& box =
         world_.sites()[client.site].buildings[static_cast<std::size_t>(client.place.building)];
     client.goal_x = box.x + client.random.uniform(0, box.width);
@@ -274,6 +279,7 @@ std::optional<RadioKey> Crowd::best_radio(Millis now, std::uint32_t index, bool 
       const double score = signal + (band > 0 ? kWideBandBonus : 0);
       if (signal < kJoinAt || score <= best_score || !serves(radio, client.ssid)) continue;
       if (!blocked_too && is_blocked(now, radio, index)) continue;
+      if (client.radio && avoids(now, client, radio)) continue;
       best = radio;
       best_score = score;
     }
@@ -281,10 +287,17 @@ std::optional<RadioKey> Crowd::best_radio(Millis now, std::uint32_t index, bool 
   return best;
 }
 
+bool Crowd::avoids(Millis now, const Client& client, RadioKey radio) const noexcept {
+  return std::any_of(client.thrown_out.begin(), client.thrown_out.end(),
+                     [&](const Departure& departure) {
+                       return departure.radio == radio && now - departure.at < kAvoid;
+                     });
+}
+
 bool Crowd::is_blocked(Millis now, RadioKey radio, std::uint32_t index) const {
   const auto& blocks = blocks_[slot(radio)];
   const auto found = blocks.find(index);
-  return found != blocks.end() && now < found->second;
+  return found != blocks.end() && now < found->second.until;
 }
 
 std::optional<RadioKey> Crowd::answering_radio(Millis now, std::uint32_t index) {
@@ -292,7 +305,8 @@ std::optional<RadioKey> Crowd::answering_radio(Millis now, std::uint32_t index) 
   const auto best = best_radio(now, index, true);
   if (!best || !is_blocked(now, *best, index)) return best;
   ++counters_.refused;
-  if (!client.refusing) return best_radio(now, index, false);
+  if (!client.refusing || client.insisted >= kInsistTimes) return best_radio(now, index, false);
+  ++client.insisted;
   client.next_try = now + kInsistEvery;
   return std::nullopt;
 }
@@ -305,7 +319,9 @@ void Crowd::try_to_join(Millis now, std::uint32_t index) {
 void Crowd::consider_roaming(Millis now, std::uint32_t index) {
   Client& client = clients_[index];
   const double signal = downlink(client, *client.radio);
-  if (signal >= (client.sticky ? kStickyBelow : kRoamBelow) || now < client.next_try) return;
+  const bool settled = now - client.joined_at >= kSettle || signal < kUrgentBelow;
+  if (signal >= (client.sticky ? kStickyBelow : kRoamBelow) || !settled) return;
+  if (now < client.next_try) return;
   client.next_try = now + kRoamEvery;
   const auto radio = answering_radio(now, index);
   if (!radio || *radio == *client.radio || downlink(client, *radio) < signal + kRoamGain) return;
@@ -332,10 +348,15 @@ void Crowd::count_move(Millis now, const Client& client, RadioKey radio) {
 
 void Crowd::associate(Millis now, std::uint32_t index, RadioKey radio) {
   Client& client = clients_[index];
-  counters_.longest_unserved = std::max(counters_.longest_unserved, now - client.unserved_since);
+  const Millis waited = now - client.unserved_since;
+  counters_.longest_unserved = std::max(counters_.longest_unserved, waited);
+  if (client.orphaned) counters_.longest_orphaned = std::max(counters_.longest_orphaned, waited);
+  client.orphaned = false;
+  client.insisted = 0;
   ++counters_.associations;
   count_move(now, client, radio);
   client.radio = radio;
+  client.joined_at = now;
   client.reported_at = now;
   client.reported_rssi = client_rssi(index, radio);
   members_[slot(radio)].push_back(index);
@@ -354,20 +375,48 @@ void Crowd::leave(Millis now, std::uint32_t index) {
   events_.push_back({ClientEvent::Kind::Left, index, radio, client.reported_rssi});
 }
 
-void Crowd::block(RadioKey radio, const MacAddress& client, Millis until) {
-  if (const auto index = index_of(client)) blocks_[slot(radio)][*index] = until;
+void Crowd::block(Millis now, RadioKey radio, const MacAddress& client, Millis until) {
+  const auto index = index_of(client);
+  if (!index) return;
+  const auto [place, is_new] = blocks_[slot(radio)].try_emplace(*index, Block{now, until});
+  Block& block = place->second;
+  if (is_new) return;
+  longest_block_ = std::max(longest_block_, std::min(now, block.until) - block.since);
+  block = {now, until};
 }
 
-void Crowd::unblock(RadioKey radio, const MacAddress& client) {
-  if (const auto index = index_of(client)) blocks_[slot(radio)].erase(*index);
+void Crowd::unblock(Millis now, RadioKey radio, const MacAddress& client) {
+  const auto index = index_of(client);
+  if (!index) return;
+  auto& blocks = blocks_[slot(radio)];
+  const auto found = blocks.find(*index);
+  if (found == blocks.end()) return;
+  const Block& block = found->second;
+  longest_block_ = std::max(longest_block_, std::min(now, block.until) - block.since);
+  blocks.erase(found);
+}
+
+Millis Crowd::longest_block(Millis now) const noexcept {
+  Millis longest = longest_block_;
+  for (const auto& blocks : blocks_) {
+    for (const auto& [client, block] : blocks) {
+      longest = std::max(longest, std::min(now, block.until) - block.since);
+    }
+  }
+  return longest;
 }
 
 void Crowd::kick(Millis now, RadioKey radio, const MacAddress& client, Millis until) {
   const auto index = index_of(client);
   if (!index) return;
-  blocks_[slot(radio)][*index] = until;
+  block(now, radio, client, until);
   if (clients_[*index].radio != radio) return;
   ++counters_.kicks;
+  std::vector<Departure>& thrown_out = clients_[*index].thrown_out;
+  if (!clients_[*index].refusing) {
+    if (thrown_out.size() >= kRemembered) thrown_out.erase(thrown_out.begin());
+    thrown_out.push_back({radio, now});
+  }
   leave(now, *index);
 }
 
@@ -385,7 +434,8 @@ std::optional<int> Crowd::probe_heard(Millis now, RadioKey radio, const MacAddre
 bool Crowd::ask_transition(Millis now, std::uint32_t index, RadioKey from, RadioKey to) {
   Client& client = clients_[index];
   if (client.radio != from || !serves(to, client.ssid)) return false;
-  if (client.refusing || downlink(client, to) < kJoinAt) {
+  // Nobody agrees to a radio that it would leave again.
+  if (client.refusing || downlink(client, to) < kRoamBelow) {
     ++counters_.declined;
     return false;
   }
@@ -404,7 +454,10 @@ void Crowd::set_alive(Millis now, std::uint32_t ap, bool alive) {
   if (alive) return;
   for (int radio = 0; radio < 3; ++radio) {
     const std::vector<std::uint32_t> members = members_[slot({ap, radio})];
-    for (const std::uint32_t client : members) leave(now, client);
+    for (const std::uint32_t client : members) {
+      leave(now, client);
+      clients_[client].orphaned = true;
+    }
     blocks_[slot({ap, radio})].clear();
   }
 }

@@ -51,6 +51,7 @@ struct CrowdCounters {
   std::uint64_t transitions = 0;  ///< transitions made
   std::uint64_t kicks = 0;
   Millis longest_unserved = 0;  ///< of any client, from losing its radio to the next one
+  Millis longest_orphaned = 0;  ///< the same, of those whose access point died
 };
 
 /// The clients of a fleet: they walk, probe, associate by signal, and obey or do not.
@@ -75,8 +76,8 @@ class Crowd {
   std::vector<ClientEvent> take_events();
 
   // The access points' side.
-  void block(RadioKey radio, const MacAddress& client, Millis until);
-  void unblock(RadioKey radio, const MacAddress& client);
+  void block(Millis now, RadioKey radio, const MacAddress& client, Millis until);
+  void unblock(Millis now, RadioKey radio, const MacAddress& client);
   /// Throws an associated client out and refuses it until then.
   void kick(Millis now, RadioKey radio, const MacAddress& client, Millis until);
   /// RSSI of the client at the radio when it has probed within the last 15 s and is heard.
@@ -93,10 +94,15 @@ class Crowd {
 
   // For the figures.
   std::optional<RadioKey> served_by(std::uint32_t client) const noexcept;
+  Millis joined_at(std::uint32_t client) const noexcept { return clients_[client].joined_at; }
   /// Radios of a band that serve the client's SSID and hear it at this RSSI or better.
   std::vector<RadioKey> radios_hearing(std::uint32_t client, int band, int rssi_dbm) const;
   /// ms that a client which is not served has been waiting.
   Millis unserved_for(Millis now, std::uint32_t client) const noexcept;
+  /// The client waits since its access point died.
+  bool orphaned(std::uint32_t client) const noexcept { return clients_[client].orphaned; }
+  /// ms for which some client was blocked by a radio without a pause, up to now.
+  Millis longest_block(Millis now) const noexcept;
 
  private:
   /// An access point in reach and the loss on each band.
@@ -108,6 +114,10 @@ class Crowd {
     RadioKey radio;
     Millis at;
   };
+  struct Block {
+    Millis since;
+    Millis until;
+  };
   struct Client {
     std::uint32_t site = 0;
     int ssid = 0;
@@ -115,13 +125,17 @@ class Crowd {
     double goal_x = 0, goal_y = 0;
     double speed = 0;  ///< metres per second; 0: stays
     bool sticky = false, refusing = false, rare = false;
+    bool orphaned = false;  ///< its access point died and no other serves it yet
+    int insisted = 0;       ///< refusals taken in a row
     Millis arrives = 0;
     Millis next_try = 0;
+    Millis joined_at = 0;
     Millis last_probe = -1000000;
     Millis unserved_since = 0;
     std::optional<RadioKey> radio;
-    std::optional<Departure> left;     ///< the last radio that it left
-    std::optional<Departure> earlier;  ///< the one before that
+    std::optional<Departure> left;      ///< the last radio that it left
+    std::optional<Departure> earlier;   ///< the one before that
+    std::vector<Departure> thrown_out;  ///< radios that have thrown it out, the last few
     int reported_rssi = 0;
     Millis reported_at = 0;
     double heard_x = -1e9, heard_y = -1e9;  ///< where `candidates` was made
@@ -145,13 +159,15 @@ class Crowd {
   /// none is loud enough.
   std::optional<RadioKey> best_radio(Millis now, std::uint32_t index, bool blocked_too) const;
   /// The loudest radio that answers a probe. A radio that blocks the client does not; one that
-  /// takes no refusal then goes nowhere else.
+  /// takes no refusal asks it a few times before it goes elsewhere.
   std::optional<RadioKey> answering_radio(Millis now, std::uint32_t index);
   bool serves(RadioKey radio, int ssid) const noexcept;
   std::optional<float> loss(const Client& client, RadioKey radio) const noexcept;
   double downlink(const Client& client, RadioKey radio) const noexcept;
   void count_move(Millis now, const Client& client, RadioKey radio);
   bool is_blocked(Millis now, RadioKey radio, std::uint32_t index) const;
+  /// The radio has thrown the client out, not long ago, and it has taken that in.
+  bool avoids(Millis now, const Client& client, RadioKey radio) const noexcept;
   void associate(Millis now, std::uint32_t index, RadioKey radio);
   void leave(Millis now, std::uint32_t index);
   std::optional<std::uint32_t> index_of(const MacAddress& mac) const noexcept;
@@ -167,7 +183,8 @@ class Crowd {
   std::vector<bool> alive_;
   std::vector<std::vector<std::vector<std::uint32_t>>> buildings_;  ///< site, building + 1: its APs
   std::vector<std::vector<std::uint32_t>> members_;                 ///< by slot()
-  std::vector<std::unordered_map<std::uint32_t, Millis>> blocks_;  ///< by slot(): client to its end
+  std::vector<std::unordered_map<std::uint32_t, Block>> blocks_;    ///< by slot() and client
+  Millis longest_block_ = 0;                                        ///< of those that are over
   std::vector<ClientEvent> events_;
   CrowdCounters counters_;
 };

@@ -51,10 +51,15 @@ void sample_imbalance(const Crowd& crowd, std::size_t band, CrowdSample& sample)
 CrowdSample sample_crowd(const World& world, const Crowd& crowd, Millis now) {
   CrowdSample sample;
   sample.longest_unserved = crowd.counters().longest_unserved;
+  sample.longest_orphaned = crowd.counters().longest_orphaned;
+  sample.longest_block = crowd.longest_block(now);
   std::uint32_t weak = 0;
   for (std::uint32_t client = 0; client < crowd.size(); ++client) {
     const Millis waiting = crowd.unserved_for(now, client);
     sample.longest_unserved = std::max(sample.longest_unserved, waiting);
+    if (crowd.orphaned(client)) {
+      sample.longest_orphaned = std::max(sample.longest_orphaned, waiting);
+    }
     const auto radio = crowd.served_by(client);
     if (radio || waiting > 0) ++sample.clients;
     if (!radio) continue;

@@ -18,6 +18,8 @@ struct CrowdSample {
   std::array<double, 3> imbalance{};
   double weak_share = 0;        ///< of the served: heard at or below the threshold
   Millis longest_unserved = 0;  ///< of the run so far, those included who still wait
+  Millis longest_orphaned = 0;  ///< the same, of those whose access point died
+  Millis longest_block = 0;     ///< of a client by a radio, of the run so far
 };
 
 // RSSI thresholds of the controller's default settings.

@@ -163,6 +163,10 @@ constexpr ClientFigure kClientFigures[] = {
      [](const Report::Clients& c) { return static_cast<double>(c.counters.declined); }},
     {"longest time without a radio, s", "longest_unserved_s", 1,
      [](const Report::Clients& c) { return seconds(c.sample.longest_unserved); }},
+    {"... of those whose access point died", "longest_orphaned_s", 1,
+     [](const Report::Clients& c) { return seconds(c.sample.longest_orphaned); }},
+    {"longest block of a client by a radio, s", "longest_block_s", 1,
+     [](const Report::Clients& c) { return seconds(c.sample.longest_block); }},
 };
 
 void clients_table(std::string& text, const Report& r) {
