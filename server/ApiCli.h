@@ -18,8 +18,7 @@ class VrrpWorker;
 ///
 /// Threading: run() belongs to one thread; stop() may be called from any, signal handlers included.
 /// Errors:    an error of one connection ends that connection only. Without a listening socket
-/// run()
-///            returns at once.
+///            run() returns at once.
 class ApiCli : public rrm::Api {
  public:
   /// Connects; the VRRP worker outlives it.

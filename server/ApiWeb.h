@@ -22,8 +22,7 @@ struct HttpSession {
 /// HTTP(S) server: management commands as request bodies, and the files of the web interface. Its
 /// service loop also drives the VRRP worker's timers and, about once a minute, the report check.
 ///
-/// Threading: run() belongs to the main thread, which libwebsockets' callbacks run on; stop() may
-/// be
+/// Threading: run() belongs to the main thread, on which libwebsockets calls back; stop() may be
 ///            called from any thread and takes effect at the end of the pass.
 /// Errors:    without a context (port busy, certificate missing) an Error record is written and the
 ///            loop serves its periodic duties only.

@@ -11,8 +11,7 @@
 ///
 /// Threading: one thread runs it; only one cleaner of a process may run at a time.
 /// Errors:    an unreadable folder counts as empty; what cannot be removed is logged and tried
-/// again
-///            in the next run.
+///            again in the next run.
 class Logs_Cleaner {
  public:
   Logs_Cleaner(std::uint64_t max_count, std::uint64_t max_size, std::uint64_t max_age,

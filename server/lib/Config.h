@@ -33,9 +33,8 @@ struct ConfigDifference {
 /// All settings of the controller and the one JSON file that keeps them.
 ///
 /// Purpose:   global options, the common domain settings, named patterns of domain settings, and
-/// the
-///            domains, each bound to a pattern and a time zone. Patterns and domains are kept and
-///            saved in the order of their names.
+///            the domains, each bound to a pattern and a time zone. Patterns and domains are kept
+///            and saved in the order of their names.
 /// Threading: management commands change it one after another (they hold a lock of their own) while
 ///            every other thread reads: each global option is atomic, and the look-ups below lock
 ///            and return copies. Construction and `common` belong to one thread.
@@ -153,8 +152,8 @@ struct GlobalOption {
   };
   struct Number {
     std::atomic<std::int32_t> GlobalConfig::*field;
-    std::int32_t lowest_read, min,
-        max;  ///< reading takes lowest_read to max, validation min to max
+    std::int32_t lowest_read;  ///< reading takes from here to max, validation from min
+    std::int32_t min, max;
   };
   struct Text {
     ConfigText GlobalConfig::*field;

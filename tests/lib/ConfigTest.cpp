@@ -43,6 +43,24 @@ struct Errors {
   JsonWriter list = JsonWriter::array(document, "errors");
 };
 
+/// What a change of a pattern reports: faults, flags, and the domains to be restarted.
+struct Outcome {
+  Errors errors;
+  bool invalid = false;
+  bool changed = false;
+  Restarts restarts;
+
+  GlobalConfig::DomainCallback note() {
+    return [this](const std::string& domain, const std::string& pattern) {
+      restarts.emplace_back(domain, pattern);
+    };
+  }
+  bool change(GlobalConfig& config, const std::string& pattern, const char* settings) {
+    return config.pattern_change(pattern, JsonReader(settings), errors.list, invalid, changed,
+                                 note());
+  }
+};
+
 template <class Call>
 std::string out_of_range_text(const Call& call) {
   try {
@@ -219,72 +237,63 @@ TEST(GlobalConfig, AddsAPatternOnTopOfTheDefaults) {
 TEST(GlobalConfig, ChangedPatternReachesItsDomainsAndNamesThemForRestart) {
   GlobalConfig config("", kTwoSites);
   const CapturedLog log;
-  Errors errors;
-  bool invalid = false;
-  bool changed = false;
-  Restarts restarts;
-  const auto note = [&](const std::string& domain, const std::string& pattern) {
-    EXPECT_TRUE(config.is_domain_exist(domain)) << "no lock is held while calling";
-    restarts.emplace_back(domain, pattern);
-  };
-  EXPECT_TRUE(config.pattern_change("p1", JsonReader(R"({"dca_threshold":41})"), errors.list,
-                                    invalid, changed, note));
-  EXPECT_TRUE(changed);
-  EXPECT_EQ(restarts, (Restarts{{"d1", "p1"}, {"d2", "p1"}}));
+  Outcome outcome;
+  EXPECT_TRUE(outcome.change(config, "p1", R"({"dca_threshold":41})"));
+  EXPECT_TRUE(outcome.changed);
+  EXPECT_EQ(outcome.restarts, (Restarts{{"d1", "p1"}, {"d2", "p1"}}));
   EXPECT_EQ(config.get_domain_config("d1").dca_threshold, 41);
   EXPECT_EQ(config.get_domain_config("d2").dca_threshold, 41);
   EXPECT_EQ(config.get_domain_config("d3").dca_threshold, 25);
   EXPECT_TRUE(log.has(LogLevel::Debug, "Pattern 'p1' was changed"));
 }
 
+TEST(GlobalConfig, HoldsNoLockWhileItNamesDomainsForRestart) {
+  GlobalConfig config("", kTwoSites);
+  Errors errors;
+  bool flag = false;
+  int calls = 0;
+  EXPECT_TRUE(config.pattern_change("p1", JsonReader(R"({"dca_threshold":41})"), errors.list, flag,
+                                    flag, [&](const auto& domain, const auto&) {
+                                      ++calls;
+                                      EXPECT_TRUE(config.domain_remove(domain, flag));
+                                    }));
+  EXPECT_EQ(calls, 2);
+}
+
 TEST(GlobalConfig, ChangedCommonSettingsHaveALogTextOfTheirOwn) {
   GlobalConfig config("", kTwoSites);
   const CapturedLog log;
-  Errors errors;
-  bool invalid = false;
-  bool changed = false;
-  Restarts restarts;
-  EXPECT_TRUE(config.pattern_change(
-      "common", JsonReader(R"({"use_dca":0})"), errors.list, invalid, changed,
-      [&](const auto& domain, const auto& pattern) { restarts.emplace_back(domain, pattern); }));
-  EXPECT_TRUE(log.has(LogLevel::Debug, "Pattern common was changed"));
-  EXPECT_EQ(restarts, (Restarts{{"d3", "common"}}));
+  Outcome outcome;
+  EXPECT_TRUE(outcome.change(config, "common", R"({"use_dca":0})"));
+  EXPECT_EQ(log.texts(LogLevel::Debug), std::vector<std::string>{"Pattern common was changed"});
+  EXPECT_EQ(outcome.restarts, (Restarts{{"d3", "common"}}));
   EXPECT_FALSE(config.get_domain_config("d3").use_dca);
 }
 
 TEST(GlobalConfig, PatternChangeWithInvalidOrEqualSettingsChangesNothing) {
   GlobalConfig config("", kTwoSites);
   const CapturedLog log;
-  Errors errors;
-  bool invalid = false;
-  bool changed = false;
-  const auto never = [](const auto& domain, const auto&) { ADD_FAILURE() << domain; };
-  EXPECT_FALSE(config.pattern_change("p1", JsonReader(R"({"use_dca":0,"dca_threshold":500})"),
-                                     errors.list, invalid, changed, never));
-  EXPECT_TRUE(invalid);
-  EXPECT_EQ(errors.list.str(), R"([{"dca_threshold":500}])");
+  Outcome outcome;
+  EXPECT_FALSE(outcome.change(config, "p1", R"({"use_dca":0,"dca_threshold":500})"));
+  EXPECT_TRUE(outcome.invalid);
+  EXPECT_EQ(outcome.errors.list.str(), R"([{"dca_threshold":500}])");
   EXPECT_TRUE(config.get_pattern_config("p1")->use_dca);
-  invalid = false;
-  EXPECT_TRUE(config.pattern_change("p1", JsonReader(R"({"dca_threshold":40})"), errors.list,
-                                    invalid, changed, never));
-  EXPECT_FALSE(config.pattern_change("nosuch", JsonReader(R"({"use_dca":0})"), errors.list, invalid,
-                                     changed, never));
-  EXPECT_FALSE(invalid);
-  EXPECT_FALSE(changed);
+  outcome.invalid = false;
+  EXPECT_TRUE(outcome.change(config, "p1", R"({"dca_threshold":40})"));
+  EXPECT_FALSE(outcome.change(config, "nosuch", R"({"use_dca":0})"));
+  EXPECT_FALSE(outcome.invalid);
+  EXPECT_FALSE(outcome.changed);
+  EXPECT_TRUE(outcome.restarts.empty());
   EXPECT_TRUE(log.texts(LogLevel::Debug).empty());
 }
 
 TEST(GlobalConfig, RemovingAPatternRemovesBothItsDomainsReportsThemAndThenThePattern) {
   GlobalConfig config("", kTwoSites);
   const CapturedLog log;
-  Restarts restarts;
-  bool changed = false;
-  EXPECT_TRUE(config.pattern_remove(
-      "p1",
-      [&](const auto& domain, const auto& pattern) { restarts.emplace_back(domain, pattern); },
-      changed));
-  EXPECT_TRUE(changed);
-  EXPECT_EQ(restarts, (Restarts{{"d1", "p1"}, {"d2", "p1"}}));
+  Outcome outcome;
+  EXPECT_TRUE(config.pattern_remove("p1", outcome.note(), outcome.changed));
+  EXPECT_TRUE(outcome.changed);
+  EXPECT_EQ(outcome.restarts, (Restarts{{"d1", "p1"}, {"d2", "p1"}}));
   EXPECT_EQ(log.texts(LogLevel::Debug),
             (std::vector<std::string>{"Domain 'd1' with pattern 'p1' removed from map.",
                                       "Domain 'd2' with pattern 'p1' removed from map.",
@@ -295,7 +304,7 @@ TEST(GlobalConfig, RemovingAPatternRemovesBothItsDomainsReportsThemAndThenThePat
   EXPECT_FALSE(config.is_domain_exist("d1"));
   EXPECT_FALSE(config.is_domain_exist("d2"));
   EXPECT_TRUE(config.is_domain_exist("d3"));
-  changed = false;
+  bool changed = false;
   EXPECT_FALSE(config.pattern_remove("p1", {}, changed));
   EXPECT_FALSE(config.pattern_remove("common", {}, changed));
   EXPECT_FALSE(changed);

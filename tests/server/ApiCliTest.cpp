@@ -6,10 +6,8 @@
 #include <string>
 #include <thread>
 
-#include "server/VrrpWorker.h"
-#include "server/lib/Config.h"
-#include "server/lib/RRM.h"
 #include "tests/server/CapturedProcessLog.h"
+#include "tests/server/FrontEndParts.h"
 #include "tests/support/HttpClient.h"
 
 namespace {
@@ -38,17 +36,15 @@ class TcpApi : public testing::Test {
   bool has_debug(const std::string& text) const { return log_.has(el::Level::Debug, text); }
 
   CapturedProcessLog log_;
-  rrm::GlobalConfig config_{"", R"({"global":{"cli_api_port":0}})"};
-  rrm::RRM rrm_{&config_};
-  VrrpWorker vrrp_{&rrm_, &config_};
-  ApiCli api_{&rrm_, &vrrp_};
+  FrontEndParts parts_{R"("cli_api_port":0)"};
+  ApiCli api_{&parts_.rrm, &parts_.vrrp};
   std::thread thread_;
 };
 
 TEST_F(TcpApi, AnswersSeveralRequestsOnOneConnection) {
   TcpClient client(api_.port());
   EXPECT_EQ(ask(client, kGetGlobal).substr(0, 28), R"({"version":"2.1","enabled":1)");
-  EXPECT_EQ(ask(client, R"({"vrrp":{}})").find("\"role\":\"master\"") != std::string::npos, true);
+  EXPECT_NE(ask(client, R"({"vrrp":{}})").find("\"role\":\"master\""), std::string::npos);
   EXPECT_TRUE(has_debug("REQUEST STR: " + std::string(kGetGlobal)));
 }
 
@@ -96,7 +92,7 @@ TEST_F(TcpApi, RoleIsSwitchedThroughTheVrrpWorker) {
   TcpClient client(api_.port());
   EXPECT_NE(ask(client, R"({"vrrp":{"role":"backup"}})").find(R"("status":"success")"),
             std::string::npos);
-  EXPECT_EQ(rrm_.get_vrrp_role(), rrm::VrrpRole::Backup);
+  EXPECT_EQ(parts_.rrm.get_vrrp_role(), rrm::VrrpRole::Backup);
 }
 
 TEST_F(TcpApi, ClosedClientLeavesTheList) {
@@ -172,12 +168,10 @@ TEST_F(TcpApi, StopEndsTheLoopWithOpenConnections) {
 
 TEST(TcpApiPort, BusyPortIsLoggedAndRunReturns) {
   CapturedProcessLog log;
-  rrm::GlobalConfig config("", R"({"global":{"cli_api_port":0}})");
-  rrm::RRM rrm(&config);
-  VrrpWorker vrrp(&rrm, &config);
-  ApiCli first(&rrm, &vrrp);
-  config.cli_api_port = first.port();
-  ApiCli second(&rrm, &vrrp);
+  FrontEndParts parts(R"("cli_api_port":0)");
+  ApiCli first(&parts.rrm, &parts.vrrp);
+  parts.config.cli_api_port = first.port();
+  ApiCli second(&parts.rrm, &parts.vrrp);
   EXPECT_EQ(second.port(), 0);
   second.run();
   const auto records = log.records();

@@ -7,10 +7,8 @@
 #include <string>
 #include <thread>
 
-#include "server/VrrpWorker.h"
-#include "server/lib/Config.h"
-#include "server/lib/RRM.h"
 #include "tests/server/CapturedProcessLog.h"
+#include "tests/server/FrontEndParts.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/HttpClient.h"
 #include "tests/support/TempFolder.h"
@@ -34,13 +32,10 @@ class WebApi : public testing::Test {
   ~WebApi() override { end(); }
 
   void start(const std::string& options = "") {
-    const std::string text =
-        R"({"global":{"api_port":0,"www_path":")" + folder_.path() + "\"" + options + "}}";
-    config_ = std::make_unique<rrm::GlobalConfig>("", text.c_str());
-    rrm_ = std::make_unique<rrm::RRM>(config_.get());
-    vrrp_ = std::make_unique<VrrpWorker>(rrm_.get(), config_.get());
+    parts_ = std::make_unique<FrontEndParts>(R"("api_port":0,"www_path":")" + folder_.path() +
+                                             "\"" + options);
     api_ = std::make_unique<ApiWeb>(
-        rrm_.get(), vrrp_.get(),
+        &parts_->rrm, &parts_->vrrp,
         ApiWeb::Files{folder_.file("server.pem"), folder_.file("server.key.pem")});
     thread_ = std::thread([this] { api_->run(); });
     port_ = api_->port();
@@ -58,9 +53,7 @@ class WebApi : public testing::Test {
 
   TempFolder folder_;
   CapturedProcessLog log_;
-  std::unique_ptr<rrm::GlobalConfig> config_;
-  std::unique_ptr<rrm::RRM> rrm_;
-  std::unique_ptr<VrrpWorker> vrrp_;
+  std::unique_ptr<FrontEndParts> parts_;
   std::unique_ptr<ApiWeb> api_;
   std::thread thread_;
   int port_ = 0;
@@ -72,7 +65,7 @@ TEST_F(WebApi, PostReceivesTheDomainStatusListAsJson) {
   EXPECT_EQ(reply.status, 200);
   EXPECT_NE(reply.headers.find("content-type: application/json\r\n"), std::string::npos);
   EXPECT_NE(reply.headers.find("server: http\r\n"), std::string::npos);
-  EXPECT_EQ(reply.body, R"({"version":"2.1","server":")" + config_->host_name() +
+  EXPECT_EQ(reply.body, R"({"version":"2.1","server":")" + parts_->config.host_name() +
                             R"(","wavelom_version":"1.9.1.323-amd64","domains":[]})");
 }
 
@@ -137,7 +130,7 @@ TEST_F(WebApi, KeptConnectionServesOneRequestAfterAnother) {
 TEST_F(WebApi, LongBodiesAndRepliesArriveWhole) {
   start();
   for (int i = 0; i < 3000; ++i)
-    config_->domain_add("domain-" + std::to_string(i), {"common", 0, "0:00"});
+    parts_->config.domain_add("domain-" + std::to_string(i), {"common", 0, "0:00"});
   const std::string padding(500'000, ' ');
   const HttpReply reply =
       http_post(port_, R"({"cfg":{"operation":"get","level":"domain")" + padding + "}}");
@@ -163,7 +156,7 @@ TEST_F(WebApi, RubbishOnThePortHurtsNobody) {
 TEST_F(WebApi, RoleIsSwitchedThroughTheVrrpWorker) {
   start();
   EXPECT_EQ(http_post(port_, R"({"vrrp":{"role":"backup"}})").status, 200);
-  EXPECT_EQ(rrm_->get_vrrp_role(), rrm::VrrpRole::Backup);
+  EXPECT_EQ(parts_->rrm.get_vrrp_role(), rrm::VrrpRole::Backup);
 }
 
 TEST_F(WebApi, StopEndsTheLoopAndClosesThePort) {
@@ -174,10 +167,16 @@ TEST_F(WebApi, StopEndsTheLoopAndClosesThePort) {
 }
 
 TEST_F(WebApi, WithoutItsCertificateTheLoopGoesOnWithoutHttp) {
-  start(R"(,"use_https":1)");
-  EXPECT_EQ(port_, 0);
+  FrontEndParts parts(R"("api_port":0,"use_https":1)");
+  ApiWeb api(&parts.rrm, &parts.vrrp, {folder_.file("no.pem"), folder_.file("no.key.pem")});
+  EXPECT_EQ(api.port(), 0);
   EXPECT_TRUE(log_.has(el::Level::Error, "HTTP service is not available."));
-  EXPECT_TRUE(thread_.joinable());
+  int passes = 0;
+  api.set_between_passes([&] {
+    if (++passes == 2) api.stop();
+  });
+  api.run();
+  EXPECT_EQ(passes, 2);
 }
 
 TEST_F(WebApi, PlainRequestOnTheTlsPortIsRedirected) {
@@ -195,10 +194,8 @@ TEST_F(WebApi, PlainRequestOnTheTlsPortIsRedirected) {
 
 TEST_F(WebApi, ReportsAreCheckedInEvery602ndPass) {
   rrm::test::CapturedLog library;
-  rrm::GlobalConfig config("", R"({"global":{"api_port":0}})");
-  rrm::RRM rrm(&config);
-  VrrpWorker vrrp(&rrm, &config);
-  ApiWeb api(&rrm, &vrrp);
+  FrontEndParts parts(R"("api_port":0)");
+  ApiWeb api(&parts.rrm, &parts.vrrp);
   const std::string record = "ApiWeb periodic tick: invoking check_old_reports.";
   const auto checks = [&] {
     const auto texts = log_.texts(el::Level::Debug);
@@ -217,11 +214,9 @@ TEST_F(WebApi, ReportsAreCheckedInEvery602ndPass) {
 }
 
 TEST_F(WebApi, IdlePassTakesATenthOfASecond) {
-  start();
-  end();
+  FrontEndParts parts(R"("api_port":0)");
+  ApiWeb api(&parts.rrm, &parts.vrrp);
   int passes = 0;
-  config_->api_port = 0;
-  ApiWeb api(rrm_.get(), vrrp_.get());
   const auto begin = std::chrono::steady_clock::now();
   api.set_between_passes([&] {
     if (++passes == 3) api.stop();
