@@ -8,6 +8,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <stdexcept>
 #include <string>
 
 #include "server/lib/Config.h"
@@ -81,6 +82,34 @@ TEST(ConfigFile, EmptyPathAndATextWriteNoFile) {
   std::filesystem::current_path(before);
   EXPECT_EQ(config.api_port, 1234);
   EXPECT_EQ(folder.entries(), 0U);
+}
+
+TEST(ConfigFile, TextGivenWithAPathIsLoadedInPlaceOfTheFileAndSavedToIt) {
+  const TempFolder folder;
+  const std::string path = folder.write("c.conf", R"({"global":{"api_port":1}})");
+  const GlobalConfig config(path, R"({"global":{"cli_api_port":2}})");
+  EXPECT_EQ(config.api_port, 8089);
+  EXPECT_EQ(config.cli_api_port, 2);
+  EXPECT_EQ(GlobalConfig(path).cli_api_port, 2);
+}
+
+TEST(ConfigFile, DomainWhosePatternComesLaterHasNoSettingsUntilItsEntryIsLoadedAgain) {
+  const TempFolder folder;
+  const std::string path =
+      folder.write("c.conf", R"({"domains":[{"domain":"d","pattern":"late"}]})");
+  GlobalConfig config(path);
+  folder.write("c.conf", R"({"patterns":[{"pattern":"late","dca_threshold":7}]})");
+  config.reload();
+  std::string thrown;
+  try {
+    config.get_domain_config("d");
+  } catch (const std::out_of_range& error) {
+    thrown = error.what();
+  }
+  EXPECT_EQ(thrown, "Domain config not found");
+  folder.write("c.conf", R"({"domains":[{"domain":"d","pattern":"late"}]})");
+  config.reload();
+  EXPECT_EQ(config.get_domain_config("d").dca_threshold, 7);
 }
 
 TEST(ConfigFile, PatternOfTheFileKeepsDefaultsAndIsRewrittenWithAllMembers) {
