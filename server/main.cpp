@@ -9,12 +9,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
-#include <iostream>
 #include <memory>
 #include <thread>
 
 #include "server/ApiCli.h"
 #include "server/ApiWeb.h"
+#include "server/FailureReport.h"
 #include "server/LibraryHooks.h"
 #include "server/Logger.h"
 #include "server/ProcessLog.h"
@@ -50,17 +50,18 @@ void change_sigint(int how) {
   ::pthread_sigmask(how, &signals, nullptr);
 }
 
-void stop_api_cli() {
+/// Ends every thread that reaches the objects which static destruction takes down.
+void stop_threads() {
   if (api_cli) api_cli->stop();
   if (api_cli_thread.joinable()) api_cli_thread.join();
+  set_domain_listener(nullptr);
+  dispatcher.reset();
 }
 
 // Ends everything in the signal context. That is sound because every thread has SIGINT blocked and
 // only the main thread lets it in, between two passes of its loop, when it holds no lock.
 void on_sigint(int) {
-  stop_api_cli();
-  set_domain_listener(nullptr);
-  dispatcher.reset();
+  stop_threads();
   logger.reset();
   std::exit(0);
 }
@@ -90,17 +91,6 @@ void serve(const char* config_file) {
   api_web->run();
 }
 
-void report(const std::exception& failure) {
-  const int code = errno;
-  static constexpr char kFunction[] = "main";
-  std::cerr << "wavelom: " << kFunction << ": " << failure.what();
-  if (code != 0) std::cerr << ", errno=" << code << ": " << std::strerror(code);
-  std::cerr << std::endl;
-  el::base::Writer record(el::Level::Error, __FILE__, __LINE__, kFunction);
-  record.construct(1, el::base::consts::kDefaultLoggerId) << failure.what();
-  if (code != 0) record << ", errno=" << code << ": " << std::strerror(code);
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -109,9 +99,10 @@ int main(int argc, char** argv) {
   try {
     serve(argc > 1 ? argv[1] : kDefaultConfigFile);
   } catch (const std::exception& failure) {
-    report(failure);
+    const int code = errno;
+    report_failure(failure, code);
     status = 1;
   }
-  stop_api_cli();
+  stop_threads();
   return status;
 }
