@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "server/ProcessLog.h"
+#include "server/RolloverSchedule.h"
 
 namespace {
 
@@ -178,20 +179,15 @@ void RRM_Logger::set_aside(const std::string& file) const {
 
 void RRM_Logger::run_rollout() {
   el::Logger* logger = default_logger();
-  const auto period = settings_.hour * rollover_hours(own_keys_);
+  if (logger == nullptr) return;
   auto tick = steady_clock::now() + settings_.rollout_tick;
-  auto deadline = steady_clock::now() + period;
-  while (!stopping_.is_set()) {
+  RolloverSchedule schedule(steady_clock::now(), settings_.hour * rollover_hours(own_keys_));
+  for (;;) {
     stopping_.wait_until(tick);
     if (stopping_.is_set()) return;
-    const auto now = steady_clock::now();
-    if (rolled_over_.exchange(false)) {
-      // The period starts again at the first tick after any roll-over.
-      deadline = now + period;
-    } else if (logger != nullptr && now >= deadline) {
+    if (schedule.is_due(steady_clock::now(), rolled_over_.exchange(false))) {
       PROCESS_LOG(Info) << "About to rollout log file!";
       force_rollover(*logger);
-      deadline = now + period;
     }
     tick += settings_.rollout_tick;
   }

@@ -1,31 +1,22 @@
 #include "server/Logger.h"
 
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <utime.h>
 
 #include <ctime>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <string>
 
 #include "server/ProcessLog.h"
 #include "tests/server/CapturedProcessLog.h"
 #include "tests/support/TempFolder.h"
+#include "tests/support/WebsockClients.h"
 
 namespace {
 
 using rrm::test::TempFolder;
-
-/// Polls a condition; what it waits for comes from another thread.
-bool comes_true(const std::function<bool()>& condition) {
-  for (int i = 0; i < 1000; ++i) {
-    if (condition()) return true;
-    ::poll(nullptr, 0, 5);
-  }
-  return false;
-}
+using rrm::test::wait_until;
 
 class Logger : public testing::Test {
  protected:
@@ -173,7 +164,7 @@ TEST_F(Logger, TimeoutSetsTheFileAsideOnceItsPeriodIsOver) {
   quick.hour = std::chrono::milliseconds(20);
   const RRM_Logger logger(quick);
   EXPECT_TRUE(logger.has_rollout_thread());
-  EXPECT_TRUE(comes_true([&] { return set_aside_files() > 0; }));
+  EXPECT_TRUE(wait_until([&] { return set_aside_files() > 0; }));
   EXPECT_TRUE(log_.has(el::Level::Info, "About to rollout log file!"));
   EXPECT_NE(content_of_set_aside().find("Start logging.\n"), std::string::npos);
 }
@@ -208,7 +199,7 @@ TEST_F(Logger, CleanerThreadTakesItsLimitsAndRunsOnceMoreAtTheEnd) {
   ASSERT_EQ(::utime(folder_.file("log/ancient.log").c_str(), &long_ago), 0);
   {
     const RRM_Logger logger(settings());
-    EXPECT_TRUE(comes_true([&] {
+    EXPECT_TRUE(wait_until([&] {
       return log_.has(el::Level::Debug,
                       "Logs_Cleaner params: max_files_count = 100 max_folder_size = 1048576 "
                       "max_files_age = 720");
@@ -245,6 +236,40 @@ TEST_F(Logger, FolderThatCannotBeWrittenLeavesStandardOutput) {
   }
   EXPECT_NE(testing::internal::GetCapturedStdout().find("still heard\n"), std::string::npos);
   testing::internal::GetCapturedStderr();
+}
+
+TEST_F(Logger, LevelThatNamesAFileOfItsOwnLogsToTheOneFileToo) {
+  configure("* ERROR:\n FILENAME = " + folder_.file("errors.log") + "\n FORMAT = \"%msg\"\n");
+  const RRM_Logger logger(settings());
+  PROCESS_LOG(Error) << "in the one file";
+  EXPECT_NE(folder_.read("log/wavelom.log").find("in the one file\n"), std::string::npos);
+  EXPECT_FALSE(folder_.has("errors.log"));
+}
+
+TEST(LoggerDefaults, AreTheFilesAndPeriodsOfTheProcess) {
+  const LoggerSettings settings;
+  EXPECT_EQ(settings.config_file, "/etc/tavro-wavelom/wavelom_logger.conf");
+  EXPECT_EQ(settings.log_file, "/var/log/tavro-wavelom/wavelom.log");
+  EXPECT_EQ(settings.log_folder, "/var/log/tavro-wavelom/");
+  EXPECT_EQ(settings.set_aside_pattern, "/var/log/tavro-wavelom/%Y.%m.%d_%H.%M.%S.log");
+  EXPECT_EQ(settings.rollout_tick, std::chrono::seconds(10));
+  EXPECT_EQ(settings.cleaner_period, std::chrono::seconds(60));
+  EXPECT_EQ(settings.hour, std::chrono::hours(1));
+}
+
+TEST(LoggerDefaults, OfTheLibraryWriteToNoFile) {
+  el::Configurations defaults;
+  defaults.setToDefault();
+  const auto value = [&](el::ConfigurationType type) {
+    return defaults.get(el::Level::Global, type)->value();
+  };
+  EXPECT_EQ(value(el::ConfigurationType::Filename), "/dev/null");
+  EXPECT_EQ(value(el::ConfigurationType::Enabled), "true");
+  EXPECT_EQ(value(el::ConfigurationType::ToFile), "true");
+  EXPECT_EQ(value(el::ConfigurationType::ToStandardOutput), "true");
+  EXPECT_EQ(value(el::ConfigurationType::SubsecondPrecision), "3");
+  EXPECT_EQ(value(el::ConfigurationType::PerformanceTracking), "true");
+  EXPECT_EQ(value(el::ConfigurationType::MaxLogFileSize), "0");
 }
 
 TEST_F(Logger, OldLogIsMovedToTheNameOfItsOwnModificationTime) {
