@@ -5,12 +5,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <exception>
+#include <utility>
 
 #include "server/ProcessLog.h"
 #include "server/VrrpWorker.h"
@@ -22,23 +21,30 @@ namespace {
 constexpr int kBacklog = 10;
 constexpr int kPoll_ms = 1000;
 constexpr std::size_t kLongestRequest = 4095;  // bytes
-constexpr std::size_t kMostConnections = 256;
-constexpr std::string_view kError = R"({"status":"error"})";
+constexpr char kError[] = R"({"status":"error"})";
 constexpr std::chrono::milliseconds kAcceptPause(100);
-// How long a client may leave a reply unread before it loses its connection.
-constexpr std::chrono::seconds kSendTimeout(10);
 
-/// Everything that can be read. Being writeable is the rule and would only keep the loop busy.
-constexpr short kEvents = POLLIN | POLLRDNORM | POLLPRI | POLLRDBAND;
+/// Being writeable is the rule and would only keep the loop busy, and so would urgent data, which
+/// nobody reads.
+constexpr short kEvents = POLLIN | POLLRDNORM;
 
-bool is_ready(const pollfd& entry) {
-  return (entry.revents & (POLLIN | POLLRDNORM | POLLOUT | POLLERR | POLLHUP | POLLNVAL)) != 0;
+bool has_failed(const pollfd& entry) {
+  return (entry.revents & (POLLERR | POLLHUP | POLLNVAL)) != 0;
+}
+
+bool is_readable(const pollfd& entry) {
+  return (entry.revents & (POLLIN | POLLRDNORM)) != 0 || has_failed(entry);
 }
 
 }  // namespace
 
 ApiCli::ApiCli(rrm::RRM* dispatcher, VrrpWorker* vrrp_worker)
-    : Api(*dispatcher, vrrp_worker->global_config()), vrrp_worker_(vrrp_worker) {
+    : ApiCli(dispatcher, vrrp_worker, Settings()) {}
+
+ApiCli::ApiCli(rrm::RRM* dispatcher, VrrpWorker* vrrp_worker, Settings settings)
+    : Api(*dispatcher, vrrp_worker->global_config()),
+      vrrp_worker_(vrrp_worker),
+      settings_(settings) {
   running_ = connect();
 }
 
@@ -87,8 +93,7 @@ void ApiCli::stop() {
 
 void ApiCli::run() {
   while (running_ && !stop_.is_set()) {
-    std::vector<pollfd> polled = list_;
-    polled.push_back({stop_.descriptor(), POLLIN, 0});
+    std::vector<pollfd> polled = events_to_wait_for();
     if (::poll(polled.data(), polled.size(), kPoll_ms) < 0) {
       PROCESS_LOG(Error) << "select: " << std::strerror(errno);
       continue;
@@ -97,35 +102,49 @@ void ApiCli::run() {
   }
 }
 
+/// The list with the stop signal behind it. Whoever has not read the last reply is asked for no
+/// further request.
+std::vector<pollfd> ApiCli::events_to_wait_for() const {
+  std::vector<pollfd> polled = list_;
+  for (pollfd& entry : polled)
+    if (outgoing_.contains(entry.fd)) entry.events = POLLOUT;
+  polled.push_back({stop_.descriptor(), POLLIN, 0});
+  return polled;
+}
+
+/// Walks the list; a change of the list ends the round.
 void ApiCli::serve_first_ready(const std::vector<pollfd>& polled) {
-  if (is_ready(polled[0])) {
+  if (is_readable(polled[0])) {
     const int fd = accept_connection(list_[0].fd);
-    if (fd >= 0) return list_.push_back({fd, kEvents, 0});
+    if (fd >= 0) {
+      list_.push_back({fd, kEvents, 0});
+      if (connection_count() > settings_.most_connections) close_connection(1);
+      return;
+    }
   }
   for (std::size_t i = 1; i < list_.size(); ++i) {
-    if (serve(list_[i], polled[i])) continue;
-    unsent_.erase(list_[i].fd);
-    ::close(list_[i].fd);
-    list_.erase(list_.begin() + static_cast<std::ptrdiff_t>(i));
+    if (serve_connection(polled[i])) continue;
+    close_connection(i);
     return;
   }
 }
 
-bool ApiCli::serve(pollfd& entry, const pollfd& polled) {
-  const auto waiting = unsent_.find(entry.fd);
-  if (waiting == unsent_.end()) {
-    if (!is_ready(polled)) return true;
-    if (!process_packet(entry.fd)) return false;
-    // Further requests wait until the client has taken this reply.
-    if (unsent_.contains(entry.fd)) entry.events = POLLOUT;
-    return true;
-  }
-  if (!is_ready(polled)) return StopSignal::Clock::now() < waiting->second.deadline;
-  if (!send_some(entry.fd, waiting->second)) return false;
-  if (!waiting->second.text.empty()) return true;
-  unsent_.erase(waiting);
-  entry.events = kEvents;
+/// @return false when the connection is to be closed
+bool ApiCli::serve_connection(const pollfd& entry) {
+  const auto outgoing = outgoing_.find(entry.fd);
+  if (outgoing == outgoing_.end()) return !is_readable(entry) || process_packet(entry.fd);
+  if (has_failed(entry)) return false;
+  if ((entry.revents & POLLOUT) == 0) return StopSignal::Clock::now() < outgoing->second.deadline;
+  if (!send_some(entry.fd, outgoing->second)) return false;
+  if (outgoing->second.sent == outgoing->second.text.size()) outgoing_.erase(outgoing);
   return true;
+}
+
+void ApiCli::close_connection(std::size_t index) {
+  const int fd = list_[index].fd;
+  list_.erase(list_.begin() + static_cast<std::ptrdiff_t>(index));
+  outgoing_.erase(fd);
+  ::close(fd);
 }
 
 int ApiCli::accept_connection(int listen_fd) {
@@ -137,10 +156,7 @@ int ApiCli::accept_connection(int listen_fd) {
       stop_.wait_until(StopSignal::Clock::now() + kAcceptPause);
     return -1;
   }
-  if (connection_count() < kMostConnections) return fd;
-  PROCESS_LOG(Error) << "accept: too many connections";
-  ::close(fd);
-  return -1;
+  return fd;
 }
 
 bool ApiCli::process_packet(int fd) {
@@ -154,8 +170,11 @@ bool ApiCli::process_packet(int fd) {
   }
   const JsonReader request(buffer);
   PROCESS_LOG(Debug) << "REQUEST STR: " << request.c_str();
-  const Reply reply = answer(request);
-  return send_reply(fd, reply ? std::string_view(*reply) : kError);
+  Outgoing outgoing{answer(request).value_or(kError), 0,
+                    StopSignal::Clock::now() + settings_.send_timeout};
+  if (!send_some(fd, outgoing)) return false;
+  if (outgoing.sent < outgoing.text.size()) outgoing_.emplace(fd, std::move(outgoing));
+  return true;
 }
 
 rrm::Api::Reply ApiCli::answer(const JsonReader& request) {
@@ -171,19 +190,15 @@ rrm::Api::Reply ApiCli::process_role_command(const JsonReader& command) {
   return vrrp_worker_->handle_request(command.c_str());
 }
 
-bool ApiCli::send_reply(int fd, std::string_view text) {
-  Unsent reply{std::string(text), StopSignal::Clock::now() + kSendTimeout};
-  if (!send_some(fd, reply)) return false;
-  if (!reply.text.empty()) unsent_.emplace(fd, std::move(reply));
-  return true;
-}
-
-// A client that does not read may not hold the loop: others wait, and so would a stop.
-bool ApiCli::send_some(int fd, Unsent& reply) {
-  const ssize_t sent =
-      ::send(fd, reply.text.data(), reply.text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-  if (sent < 0) return errno == EAGAIN || errno == EINTR;
-  reply.text.erase(0, static_cast<std::size_t>(sent));
-  reply.deadline = StopSignal::Clock::now() + kSendTimeout;
+/// Sends what the client takes now. @return false when the connection is broken
+bool ApiCli::send_some(int fd, Outgoing& outgoing) {
+  while (outgoing.sent < outgoing.text.size()) {
+    const ssize_t sent = ::send(fd, outgoing.text.data() + outgoing.sent,
+                                outgoing.text.size() - outgoing.sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent < 0 && errno == EINTR) continue;
+    if (sent < 0) return errno == EAGAIN;
+    outgoing.sent += static_cast<std::size_t>(sent);
+    outgoing.deadline = StopSignal::Clock::now() + settings_.send_timeout;
+  }
   return true;
 }

@@ -3,9 +3,9 @@
 #include <poll.h>
 
 #include <atomic>
+#include <chrono>
+#include <map>
 #include <string>
-#include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "server/StopSignal.h"
@@ -17,12 +17,21 @@ class VrrpWorker;
 /// JSON on the same connection, which stays open.
 ///
 /// Threading: run() belongs to one thread; stop() may be called from any, signal handlers included.
-/// Errors:    an error of one connection ends that connection only. Without a listening socket
-///            run() returns at once.
+/// Errors:    an error of one connection ends that connection only. A client that does not read its
+///            reply holds nobody up: the rest waits for it, and it loses its connection when it
+///            takes nothing for a while. Beyond the most connections the oldest gives way. Without
+///            a listening socket run() returns at once.
 class ApiCli : public rrm::Api {
  public:
+  /// What the configuration does not choose; the defaults are those of the process.
+  struct Settings {
+    std::size_t most_connections = 2048;  ///< access points need descriptors too
+    std::chrono::milliseconds send_timeout = std::chrono::seconds(10);
+  };
+
   /// Connects; the VRRP worker outlives it.
   ApiCli(rrm::RRM* dispatcher, VrrpWorker* vrrp_worker);
+  ApiCli(rrm::RRM* dispatcher, VrrpWorker* vrrp_worker, Settings settings);
   ~ApiCli() override;
 
   bool connect() override;
@@ -38,25 +47,28 @@ class ApiCli : public rrm::Api {
   Reply process_role_command(const rrm::JsonReader& command) override;
 
  private:
-  /// What a client has not taken of a reply yet; it loses its connection at the deadline.
-  struct Unsent {
+  /// The rest of a reply that its client has not read yet.
+  struct Outgoing {
     std::string text;
+    std::size_t sent = 0;  ///< bytes
     StopSignal::Clock::time_point deadline;
   };
 
   int accept_connection(int listen_fd);
   bool process_packet(int fd);
   static int port_of(int fd);
+  std::vector<pollfd> events_to_wait_for() const;
   void serve_first_ready(const std::vector<pollfd>& polled);
-  static bool send_some(int fd, Unsent& reply);
+  bool serve_connection(const pollfd& entry);
+  void close_connection(std::size_t index);
   Reply answer(const rrm::JsonReader& request);
-  bool serve(pollfd& entry, const pollfd& polled);
-  bool send_reply(int fd, std::string_view text);
+  bool send_some(int fd, Outgoing& outgoing);
 
   VrrpWorker* vrrp_worker_;
+  const Settings settings_;
   std::atomic<bool> running_ = false;
   std::atomic<int> port_ = 0;
   StopSignal stop_;
-  std::vector<pollfd> list_;  ///< the listening socket first, then the connections as accepted
-  std::unordered_map<int, Unsent> unsent_;  ///< by connection; only where a reply did not fit
+  std::vector<pollfd> list_;          ///< the listening socket first, then connections as accepted
+  std::map<int, Outgoing> outgoing_;  ///< by descriptor; such a connection is not read meanwhile
 };

@@ -1,10 +1,16 @@
 #include "server/ApiCli.h"
 
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/resource.h>
 
+#include <chrono>
+#include <ctime>
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "tests/server/CapturedProcessLog.h"
 #include "tests/server/FrontEndParts.h"
@@ -15,11 +21,12 @@ namespace {
 using rrm::test::TcpClient;
 
 constexpr char kError[] = R"({"status":"error"})";
+constexpr char kGetDomains[] = R"({"cfg":{"operation":"get","level":"domain"}})";
 constexpr char kGetGlobal[] = R"({"cfg":{"operation":"get","level":"global"}})";
 
 class TcpApi : public testing::Test {
  protected:
-  TcpApi() {
+  explicit TcpApi(ApiCli::Settings settings = {}) : api_(&parts_.rrm, &parts_.vrrp, settings) {
     thread_ = std::thread([this] { api_.run(); });
   }
   ~TcpApi() override { end(); }
@@ -33,11 +40,29 @@ class TcpApi : public testing::Test {
     if (!client.send(request) || !client.receive(reply)) return "closed";
     return reply;
   }
+  /// Processor time that the loop uses while it should only wait, in milliseconds.
+  long busy_ms() {
+    clockid_t clock{};
+    ::pthread_getcpuclockid(thread_.native_handle(), &clock);
+    const auto used = [clock] {
+      timespec time{};
+      ::clock_gettime(clock, &time);
+      return time.tv_sec * 1000 + time.tv_nsec / 1'000'000;
+    };
+    const long before = used();
+    ::poll(nullptr, 0, 200);
+    return used() - before;
+  }
+  /// So many domains make a long reply to kGetDomains.
+  void add_domains(int number) {
+    for (int i = 0; i < number; ++i)
+      parts_.config.domain_add("domain-" + std::to_string(i), {"common", 0, "0:00"});
+  }
   bool has_debug(const std::string& text) const { return log_.has(el::Level::Debug, text); }
 
   CapturedProcessLog log_;
   FrontEndParts parts_{R"("cli_api_port":0)"};
-  ApiCli api_{&parts_.rrm, &parts_.vrrp};
+  ApiCli api_;
   std::thread thread_;
 };
 
@@ -70,6 +95,22 @@ TEST_F(TcpApi, RequestInTwoReadsIsTwoBrokenTexts) {
   TcpClient client(api_.port());
   EXPECT_EQ(ask(client, R"({"vrrp")"), kError);
   EXPECT_EQ(ask(client, R"(:{}})"), kError);
+}
+
+TEST_F(TcpApi, TwoRequestsInOneReadAreOneBrokenText) {
+  TcpClient client(api_.port());
+  EXPECT_EQ(ask(client, R"({"vrrp":{}}{"vrrp":{}})"), kError);
+  EXPECT_NE(ask(client, R"({"vrrp":{}})").find("success"), std::string::npos) << "one reply only";
+}
+
+TEST_F(TcpApi, ClientThatEndsItsInputStillGetsItsReply) {
+  add_domains(20'000);
+  TcpClient client(api_.port(), 4096);
+  ASSERT_TRUE(client.send(kGetDomains));
+  client.end_input();
+  const std::string reply = client.receive_all();
+  EXPECT_GT(reply.size(), 1'000'000U);
+  EXPECT_TRUE(reply.ends_with("}]}"));
 }
 
 TEST_F(TcpApi, RequestOfMoreThan4095BytesIsCut) {
@@ -124,20 +165,19 @@ TEST_F(TcpApi, ManyClientsAreServedAtOnce) {
   for (const auto& client : clients) EXPECT_EQ(client->receive_until(kError), kError);
 }
 
-TEST_F(TcpApi, ClientThatNeverReadsBlocksNobodyAndLosesNothing) {
+TEST_F(TcpApi, ClientThatReadsLateLosesNothing) {
   for (int i = 0; i < 4000; ++i)
-    config_.domain_add(std::string(100, 'x') + std::to_string(i), {"common", 0, ""});
-  constexpr char kGetDomains[] = R"({"cfg":{"operation":"get","level":"domain"}})";
-  TcpClient stuck(api_.port());
+    parts_.config.domain_add(std::string(100, 'x') + std::to_string(i), {"common", 0, ""});
+  TcpClient late(api_.port());
   TcpClient other(api_.port());
   // More than the buffers of both sockets hold.
   for (int i = 0; i < 40; ++i) {
-    ASSERT_TRUE(stuck.send(kGetDomains));
+    ASSERT_TRUE(late.send(kGetDomains));
     ASSERT_EQ(ask(other, R"({"foo":1})"), kError) << i;
   }
   const std::string start = R"({"version":"2.1","domains":[{"name":"xxx)";
   std::string reply;
-  while (reply.size() < 1000000 && stuck.receive(reply)) {
+  while (reply.size() < 1'000'000 && late.receive(reply)) {
   }
   EXPECT_EQ(reply.substr(0, start.size()), start);
   const std::size_t second = reply.find(start, 1);
@@ -147,23 +187,70 @@ TEST_F(TcpApi, ClientThatNeverReadsBlocksNobodyAndLosesNothing) {
   EXPECT_EQ(reader.receive_until("]}"), reply.substr(0, second));
 }
 
-TEST_F(TcpApi, StopEndsTheLoopWhileAClientDoesNotRead) {
-  for (int i = 0; i < 4000; ++i)
-    config_.domain_add(std::string(100, 'x') + std::to_string(i), {"common", 0, ""});
-  TcpClient stuck(api_.port());
-  TcpClient other(api_.port());
-  for (int i = 0; i < 40; ++i) {
-    ASSERT_TRUE(stuck.send(R"({"cfg":{"operation":"get","level":"domain"}})"));
-    ASSERT_EQ(ask(other, R"({"foo":1})"), kError) << i;
+TEST_F(TcpApi, ThousandsOfClientsAreServed) {
+  constexpr int kClients = 1500;
+  rlimit files{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &files), 0);
+  files.rlim_cur = files.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &files);
+  if (files.rlim_cur < 2 * kClients + 100) GTEST_SKIP() << "too few file descriptors";
+  std::vector<std::unique_ptr<TcpClient>> clients;
+  for (int i = 0; i < kClients; ++i) {
+    clients.push_back(std::make_unique<TcpClient>(api_.port()));
+    ASSERT_EQ(ask(*clients.back(), R"({"foo":1})"), kError) << i;
   }
+  EXPECT_EQ(ask(*clients.front(), R"({"foo":1})"), kError);
+}
+
+TEST_F(TcpApi, LoopWaitsQuietlyWithOpenConnectionsAndUrgentData) {
+  TcpClient client(api_.port());
+  EXPECT_EQ(ask(client, R"({"foo":1})"), kError);
+  EXPECT_LT(busy_ms(), 50) << "a connection that can be written to keeps the loop busy";
+  ASSERT_TRUE(client.send_urgent());
+  EXPECT_LT(busy_ms(), 50) << "urgent data keeps the loop busy";
+  EXPECT_NE(ask(client, R"({"vrrp":{}})"), "closed");
+}
+
+TEST_F(TcpApi, StopEndsTheLoopWithOpenConnectionsAndAReplyThatNobodyReads) {
+  add_domains(100'000);
+  TcpClient client(api_.port());
+  TcpClient silent(api_.port(), 4096);
+  ASSERT_TRUE(silent.send(kGetDomains));
+  EXPECT_EQ(ask(client, R"({"foo":1})"), kError);
+  EXPECT_EQ(ask(client, R"({"foo":1})"), kError);
   end();
   EXPECT_EQ(api_.connection_count(), 2U);
 }
 
-TEST_F(TcpApi, StopEndsTheLoopWithOpenConnections) {
+/// Few connections, and little patience with those that do not read.
+class TcpApiLimits : public TcpApi {
+ protected:
+  TcpApiLimits()
+      : TcpApi({.most_connections = 3, .send_timeout = std::chrono::milliseconds(100)}) {}
+};
+
+TEST_F(TcpApiLimits, ClientThatNeverReadsHoldsUpNobodyAndLosesItsConnection) {
+  add_domains(100'000);
+  TcpClient silent(api_.port(), 4096);
   TcpClient client(api_.port());
+  ASSERT_TRUE(silent.send(kGetDomains));
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(ask(client, R"({"foo":1})"), kError) << i;
+  // One poll of the loop is longer than its patience.
+  ::poll(nullptr, 0, 1200);
   EXPECT_EQ(ask(client, R"({"foo":1})"), kError);
   end();
+  EXPECT_EQ(api_.connection_count(), 1U);
+}
+
+TEST_F(TcpApiLimits, BeyondTheMostConnectionsTheOldestGivesWay) {
+  std::vector<std::unique_ptr<TcpClient>> clients;
+  for (int i = 0; i < 4; ++i) {
+    clients.push_back(std::make_unique<TcpClient>(api_.port()));
+    EXPECT_EQ(ask(*clients.back(), R"({"foo":1})"), kError) << i;
+  }
+  EXPECT_EQ(ask(*clients[0], R"({"foo":1})"), "closed");
+  for (int i = 1; i < 4; ++i)
+    EXPECT_EQ(ask(*clients[static_cast<std::size_t>(i)], R"({"foo":1})"), kError) << i;
 }
 
 TEST(TcpApiPort, BusyPortIsLoggedAndRunReturns) {

@@ -10,10 +10,14 @@
 #include <cctype>
 #include <cstdint>
 #include <cstdlib>
+#include <utility>
 
 namespace rrm::test {
 
-TcpClient::TcpClient(int port) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+TcpClient::TcpClient(int port, int receive_buffer)
+    : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  if (receive_buffer > 0)
+    ::setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof(receive_buffer));
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -32,7 +36,15 @@ bool TcpClient::send(const std::string& bytes) {
          static_cast<ssize_t>(bytes.size());
 }
 
+HttpReply ask(TcpClient& client, const std::string& request) {
+  return client.send(request) ? read_reply(client) : HttpReply{};
+}
+
 bool TcpClient::receive(std::string& bytes, int timeout_ms) {
+  if (!pending_.empty()) {
+    bytes += std::exchange(pending_, {});
+    return true;
+  }
   pollfd ready{fd_, POLLIN, 0};
   if (::poll(&ready, 1, timeout_ms) <= 0) return false;
   char buffer[65536];
@@ -48,6 +60,17 @@ std::string TcpClient::receive_until(const std::string& end, int timeout_ms) {
   }
   return bytes;
 }
+
+std::string TcpClient::receive_all(int timeout_ms) {
+  std::string bytes;
+  while (receive(bytes, timeout_ms)) {
+  }
+  return bytes;
+}
+
+void TcpClient::end_input() { ::shutdown(fd_, SHUT_WR); }
+
+bool TcpClient::send_urgent() { return ::send(fd_, "!", 1, MSG_OOB | MSG_NOSIGNAL) == 1; }
 
 void TcpClient::reset() {
   const linger hard{1, 0};
@@ -74,6 +97,8 @@ HttpReply read_reply(TcpClient& client) {
       static_cast<std::size_t>(std::atol(reply.headers.c_str() + at + kLength.size()));
   while (reply.body.size() < length && client.receive(reply.body)) {
   }
+  if (reply.body.size() > length) client.unreceive(reply.body.substr(length));
+  reply.body.resize(std::min(reply.body.size(), length));
   return reply;
 }
 
