@@ -1,11 +1,14 @@
 #include "server/ApiWeb.h"
 
+#include <algorithm>
+#include <charconv>
 #include <cstring>
 #include <exception>
 #include <limits>
 #include <memory>
 #include <mutex>
 #include <new>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -32,25 +35,49 @@ constexpr std::uint64_t kPlainOptions = 0x800100;
 // the same with REDIRECT_HTTP_TO_HTTPS, DO_SSL_GLOBAL_INIT, ALLOW_NON_SSL_ON_SSL_PORT
 constexpr std::uint64_t kTlsOptions = 0x801908;
 constexpr int kLogEverything = 0x3ff;
+// Over HTTP/2 bodies would arrive on connections of their own.
+constexpr char kAlpn[] = "http/1.1";
 
 constexpr std::size_t kHeaderSpace = 4096;
 constexpr std::size_t kMostBytes = std::numeric_limits<std::int32_t>::max();
-// A configuration of ten thousand domains is below 2 MB; what is far above is no request.
-constexpr std::size_t kLongestBody = std::size_t{64} << 20;
 
 constexpr lws_usec_t kPass_us = 100'000;
 constexpr std::chrono::milliseconds kPass(100);
 constexpr std::uint32_t kReportCheckPass = 601;
 
+/// The value of a header of the request; empty when it has none or one that is too long.
+std::string header(lws* wsi, lws_token_indexes token) {
+  char value[64] = {};
+  return lws_hdr_copy(wsi, value, sizeof(value), token) > 0 ? value : "";
+}
+
+int method(lws* wsi) {
+  char* uri = nullptr;
+  int length = 0;
+  return lws_http_get_uri_and_method(wsi, &uri, &length);
+}
+
+/// Requests that stand for a body even when they announce none.
+bool is_command(lws* wsi) {
+  const int used = method(wsi);
+  return used == LWSHUMETH_POST || used == LWSHUMETH_PUT || used == LWSHUMETH_PATCH;
+}
+
+bool has_body(lws* wsi) {
+  if (lws_hdr_total_length(wsi, WSI_TOKEN_HTTP_TRANSFER_ENCODING) > 0) return true;
+  const std::string length = header(wsi, WSI_TOKEN_HTTP_CONTENT_LENGTH);
+  return !length.empty() && length != "0";
+}
+
 }  // namespace
 
 ApiWeb::ApiWeb(rrm::RRM* dispatcher, VrrpWorker* vrrp_worker)
-    : ApiWeb(dispatcher, vrrp_worker, Files()) {}
+    : ApiWeb(dispatcher, vrrp_worker, Settings()) {}
 
-ApiWeb::ApiWeb(rrm::RRM* dispatcher, VrrpWorker* vrrp_worker, Files files)
+ApiWeb::ApiWeb(rrm::RRM* dispatcher, VrrpWorker* vrrp_worker, Settings settings)
     : Api(*dispatcher, vrrp_worker->global_config()),
       vrrp_worker_(vrrp_worker),
-      files_(std::move(files)) {
+      settings_(std::move(settings)) {
   if (!connect()) PROCESS_LOG(Error) << "HTTP service is not available.";
 }
 
@@ -80,11 +107,12 @@ bool ApiWeb::connect() {
   info.gid = -1;
   info.uid = -1;
   info.server_string = name;
+  info.alpn = kAlpn;
   info.user = this;
   info.options = tls ? kTlsOptions : kPlainOptions;
   if (tls) {
-    info.ssl_cert_filepath = files_.certificate.c_str();
-    info.ssl_private_key_filepath = files_.private_key.c_str();
+    info.ssl_cert_filepath = settings_.certificate.c_str();
+    info.ssl_private_key_filepath = settings_.private_key.c_str();
     info.ssl_cipher_list = kCiphers;
   }
   // Every line that is asked for is formatted, even when nobody takes it.
@@ -183,51 +211,180 @@ int ApiWeb::worker_lws_callback(lws* wsi, lws_callback_reasons reason, void* in,
       return 0;
     case LWS_CALLBACK_CLOSED:
     case LWS_CALLBACK_CLOSED_HTTP:
+    case LWS_CALLBACK_WSI_DESTROY:  // a refused upgrade is told of in no other way
       sessions_.erase(wsi);
       return 0;
+    case LWS_CALLBACK_HTTP_CONFIRM_UPGRADE:
+      lws_return_http_status(wsi, HTTP_STATUS_NOT_IMPLEMENTED, nullptr);
+      return -1;  // websockets and HTTP/2 would be connections without a session
+    case LWS_CALLBACK_FILTER_HTTP_CONNECTION:
+      return refuse_body_for_a_file(wsi, {static_cast<const char*>(in), length});
+    case LWS_CALLBACK_HTTP:
+      pass_done_ = true;
+      return begin_request(wsi);
     case LWS_CALLBACK_HTTP_BODY:
       pass_done_ = true;
       return append_body(wsi, in, length);
     case LWS_CALLBACK_HTTP_BODY_COMPLETION:
       pass_done_ = true;
       return answer_request(wsi);
+    case LWS_CALLBACK_HTTP_WRITEABLE:
+      return answer_when_writeable(wsi);
     case LWS_CALLBACK_HTTP_FILE_COMPLETION:
-      return complete_transaction(wsi);
+      pass_done_ = true;
+      return lws_http_transaction_completed(wsi) != 0 ? -1 : 0;
     default:
       return 0;
   }
 }
 
 void ApiWeb::open_session(lws* wsi) {
-  sessions_.erase(wsi);
-  sessions_.insert(wsi, std::make_shared<HttpSession>());
+  const std::lock_guard lock(sessions_.mutex());
+  if (sessions_.map().size() >= settings_.most_connections) drop_longest_idle();
+  const auto session = std::make_shared<HttpSession>();
+  session->last_use = ++uses_;
+  sessions_.map().insert_or_assign(wsi, session);
+}
+
+/// Called with the session table locked.
+void ApiWeb::drop_longest_idle() {
+  const auto longest = std::min_element(sessions_.map().begin(), sessions_.map().end(),
+                                        [](const auto& left, const auto& right) {
+                                          return left.second->last_use < right.second->last_use;
+                                        });
+  if (longest == sessions_.map().end()) return;
+  PROCESS_LOG(Error) << "Too many HTTP connections, the one idle the longest is closed.";
+  // It closes in a later pass of the library and is not to be chosen again meanwhile.
+  longest->second->last_use = std::numeric_limits<std::uint64_t>::max();
+  lws_set_timeout(longest->first, PENDING_TIMEOUT_LAGGING, LWS_TO_KILL_ASYNC);
+}
+
+// The header is complete. A request without a body is one for a file, and those that the mount has
+// are served by the library before this is asked.
+int ApiWeb::begin_request(lws* wsi) {
+  const auto session = sessions_.find(wsi);
+  if (!session) return refuse(wsi, HTTP_STATUS_BAD_REQUEST);
+  session->last_use = ++uses_;
+  session->body.clear();
+  session->chunks.reset();
+  session->complete = false;
+  if (lws_hdr_total_length(wsi, WSI_TOKEN_HTTP_TRANSFER_ENCODING) > 0)
+    return begin_chunked_body(wsi, *session);
+  std::uint64_t length = 0;
+  if (lws_hdr_total_length(wsi, WSI_TOKEN_HTTP_CONTENT_LENGTH) > 0) {
+    const std::string text = header(wsi, WSI_TOKEN_HTTP_CONTENT_LENGTH);
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), length);
+    if (error == std::errc::result_out_of_range) return refuse_long_body(wsi);
+    if (error != std::errc() || end != text.data() + text.size())
+      return refuse(wsi, HTTP_STATUS_BAD_REQUEST);
+  }
+  if (length > settings_.longest_body) return refuse_long_body(wsi);
+  if (length > 0) return invite_body(wsi);
+  return is_command(wsi) ? answer_request(wsi) : answer_not_found(wsi);
+}
+
+/// Tells a client that asks first to send its body.
+int ApiWeb::invite_body(lws* wsi) {
+  if (header(wsi, WSI_TOKEN_HTTP_EXPECT) != "100-continue") return 0;
+  std::string buffer(LWS_PRE, '\0');
+  buffer += "HTTP/1.1 100 Continue\r\n\r\n";
+  auto* const text = reinterpret_cast<unsigned char*>(buffer.data()) + LWS_PRE;
+  return lws_write(wsi, text, buffer.size() - LWS_PRE, LWS_WRITE_HTTP_HEADERS) < 0 ? -1 : 0;
+}
+
+/// The library serves a file without reading the request's body, which it would then take for the
+/// next request.
+int ApiWeb::refuse_body_for_a_file(lws* wsi, std::string_view path) {
+  static constexpr std::string_view kMount = kMountPoint;
+  const bool is_file =
+      path.starts_with(kMount) && (path.size() == kMount.size() || path[kMount.size()] == '/');
+  if (!is_file || !has_body(wsi)) return 0;
+  lws_return_http_status(wsi, HTTP_STATUS_METHOD_NOT_ALLOWED, nullptr);
+  return -1;
+}
+
+int ApiWeb::begin_chunked_body(lws* wsi, HttpSession& session) {
+  // Two lengths would leave it open where the request ends.
+  if (lws_hdr_total_length(wsi, WSI_TOKEN_HTTP_CONTENT_LENGTH) > 0)
+    return refuse(wsi, HTTP_STATUS_BAD_REQUEST);
+  if (header(wsi, WSI_TOKEN_HTTP_TRANSFER_ENCODING) != "chunked")
+    return refuse(wsi, HTTP_STATUS_NOT_IMPLEMENTED);
+  session.chunks.emplace(settings_.longest_body);
+  return invite_body(wsi);
 }
 
 int ApiWeb::append_body(lws* wsi, const void* in, std::size_t length) {
   if (length == 0 || in == nullptr) return 0;
   if (length > kMostBytes) return 1;
-  const std::lock_guard lock(sessions_.mutex());
-  const auto session = sessions_.map().find(wsi);
-  if (session == sessions_.map().end()) return 0;
-  std::string& body = session->second->body;
-  if (body.size() + length > kLongestBody) return 1;
-  body.append(static_cast<const char*>(in), length);
+  const auto session = sessions_.find(wsi);
+  if (!session) return 0;
+  const std::string_view bytes(static_cast<const char*>(in), length);
+  if (session->chunks) return append_chunks(wsi, *session, bytes);
+  if (session->body.size() + length > settings_.longest_body) return refuse_long_body(wsi);
+  session->body.append(bytes);
   return 0;
 }
 
+int ApiWeb::append_chunks(lws* wsi, HttpSession& session, std::string_view bytes) {
+  if (session.complete) return 1;  // nothing may follow before the reply
+  switch (session.chunks->take(bytes, session.body)) {
+    case ChunkedBody::State::Unfinished:
+      return 0;
+    case ChunkedBody::State::TooLong:
+      return refuse_long_body(wsi);
+    case ChunkedBody::State::Broken:
+      return refuse(wsi, HTTP_STATUS_BAD_REQUEST);
+    case ChunkedBody::State::Complete:
+      break;
+  }
+  // The library knows no end of such a body: it is answered outside its reading, and it would take
+  // the next request for more of the body, so the connection ends with the reply.
+  session.complete = true;
+  lws_callback_on_writable(wsi);
+  return 0;
+}
+
+int ApiWeb::answer_when_writeable(lws* wsi) {
+  const auto session = sessions_.find(wsi);
+  if (!session || !session->complete) return 0;
+  pass_done_ = true;
+  session->complete = false;
+  return answer_request(wsi);
+}
+
 int ApiWeb::answer_request(lws* wsi) {
-  Reply reply;
+  std::string body;
+  bool last = false;
   {
     const std::lock_guard lock(sessions_.mutex());
     const auto session = sessions_.map().find(wsi);
-    if (session != sessions_.map().end()) {
-      reply = process_body(session->second->body);
-      sessions_.map().erase(session);
-    }
+    if (session == sessions_.map().end()) return refuse(wsi, HTTP_STATUS_BAD_REQUEST);
+    body = std::exchange(session->second->body, {});
+    last = session->second->chunks.has_value();
   }
-  if (reply) return send_reply(wsi, *reply);
-  lws_return_http_status(wsi, HTTP_STATUS_BAD_REQUEST, nullptr);
+  const Reply reply = process_body(body);
+  return reply ? send_reply(wsi, *reply, last) : refuse(wsi, HTTP_STATUS_BAD_REQUEST);
+}
+
+/// Answers with a status and ends the connection.
+int ApiWeb::refuse(lws* wsi, unsigned status) {
+  lws_return_http_status(wsi, status, nullptr);
   return 1;
+}
+
+int ApiWeb::refuse_long_body(lws* wsi) {
+  PROCESS_LOG(Error) << "Request body of more than " << settings_.longest_body << " bytes refused.";
+  return refuse(wsi, HTTP_STATUS_REQ_ENTITY_TOO_LARGE);
+}
+
+int ApiWeb::answer_not_found(lws* wsi) {
+  if (method(wsi) == LWSHUMETH_HEAD) {
+    unsigned char buffer[LWS_PRE + 512];
+    if (!send_header(wsi, HTTP_STATUS_NOT_FOUND, 0, false, {buffer, sizeof(buffer)})) return -1;
+  } else if (lws_return_http_status(wsi, HTTP_STATUS_NOT_FOUND, nullptr) != 0) {
+    return -1;
+  }
+  return lws_http_transaction_completed(wsi) != 0 ? -1 : 0;
 }
 
 rrm::Api::Reply ApiWeb::process_body(const std::string& body) {
@@ -244,7 +401,21 @@ rrm::Api::Reply ApiWeb::process_body(const std::string& body) {
   }
 }
 
-int ApiWeb::send_reply(lws* wsi, const std::string& text) {
+/// @param buffer  room for the header behind LWS_PRE bytes
+bool ApiWeb::send_header(lws* wsi, unsigned status, std::size_t length, bool last,
+                         std::span<unsigned char> buffer) {
+  static constexpr unsigned char kClose[] = "close";
+  unsigned char* const start = buffer.data() + LWS_PRE;
+  unsigned char* const end = buffer.data() + buffer.size();
+  unsigned char* position = start;
+  return lws_add_http_common_headers(wsi, status, kContentType, length, &position, end) == 0 &&
+         (!last || lws_add_http_header_by_token(wsi, WSI_TOKEN_CONNECTION, kClose,
+                                                sizeof(kClose) - 1, &position, end) == 0) &&
+         lws_finalize_write_http_header(wsi, start, &position, end) == 0;
+}
+
+/// @param last  the connection ends with this reply
+int ApiWeb::send_reply(lws* wsi, const std::string& text, bool last) {
   if (text.size() > kMostBytes) {
     lws_return_http_status(wsi, HTTP_STATUS_INTERNAL_SERVER_ERROR, nullptr);
     return 1;
@@ -255,23 +426,16 @@ int ApiWeb::send_reply(lws* wsi, const std::string& text) {
     lws_return_http_status(wsi, HTTP_STATUS_BAD_REQUEST, nullptr);
     return 1;
   }
-  unsigned char* const start = buffer.get() + LWS_PRE;
-  unsigned char* end_of_headers = start;
-  if (lws_add_http_common_headers(wsi, HTTP_STATUS_OK, kContentType, text.size(), &end_of_headers,
-                                  start + kHeaderSpace) != 0 ||
-      lws_finalize_write_http_header(wsi, start, &end_of_headers, start + kHeaderSpace) != 0)
+  if (!send_header(wsi, HTTP_STATUS_OK, text.size(), last, {buffer.get(), LWS_PRE + kHeaderSpace}))
     return 1;
+  unsigned char* const start = buffer.get() + LWS_PRE;
   std::memcpy(start, text.data(), text.size());
   if (lws_write(wsi, start, text.size(), LWS_WRITE_HTTP_FINAL) < 0) return 1;
-  if (complete_transaction(wsi) != 0) return -1;
-  lws_callback_on_writable(wsi);
-  return 0;
-}
-
-int ApiWeb::complete_transaction(lws* wsi) {
+  if (last) return -1;
   if (lws_http_transaction_completed(wsi) != 0) return -1;
-  // The connection stays open for another request.
-  open_session(wsi);
+  if (lws_partial_buffered(wsi))
+    lws_set_timeout(wsi, PENDING_TIMEOUT_HTTP_CONTENT, settings_.reply_timeout);
+  lws_callback_on_writable(wsi);
   return 0;
 }
 
@@ -283,7 +447,7 @@ int ApiWeb::redirect_302(lws* wsi, const std::string& location) {
           wsi, HTTP_STATUS_FOUND, reinterpret_cast<const unsigned char*>(location.c_str()),
           static_cast<int>(location.size()), &position, buffer.data() + buffer.size()) < 0)
     return -1;
-  return complete_transaction(wsi);
+  return lws_http_transaction_completed(wsi) != 0 ? -1 : 0;
 }
 
 rrm::Api::Reply ApiWeb::process_role_command(const JsonReader& command) {

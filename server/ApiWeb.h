@@ -6,17 +6,25 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
+#include <optional>
+#include <span>
 #include <string>
+#include <string_view>
 
+#include "server/ChunkedBody.h"
 #include "server/StopSignal.h"
 #include "server/lib/Api.h"
 #include "server/lib/SafeMap.h"
 
 class VrrpWorker;
 
-/// One HTTP connection: what has arrived of the request's body.
+/// One HTTP connection: what has arrived of its request's body.
 struct HttpSession {
   std::string body;
+  std::optional<ChunkedBody> chunks;  ///< decodes the body when it arrives in chunked coding
+  bool complete = false;              ///< such a body is whole: it is answered when writeable
+  std::uint64_t last_use = 0;         ///< order of requests among all connections
 };
 
 /// HTTP(S) server: management commands as request bodies, and the files of the web interface. Its
@@ -25,18 +33,24 @@ struct HttpSession {
 /// Threading: run() belongs to the main thread, on which libwebsockets calls back; stop() may be
 ///            called from any thread and takes effect at the end of the pass.
 /// Errors:    without a context (port busy, certificate missing) an Error record is written and the
-///            loop serves its periodic duties only.
+///            loop serves its periodic duties only. A request body that is too long is answered
+///            413; a reply that its client does not read ends the connection after a while; beyond
+///            the most connections the one that was idle the longest gives way.
 class ApiWeb : public rrm::Api {
  public:
-  /// Files that the process cannot choose.
-  struct Files {
+  /// What the configuration does not choose; the defaults are those of the process.
+  struct Settings {
     std::string certificate = "/etc/tavro-wavelom/cert/server.pem";
     std::string private_key = "/etc/tavro-wavelom/cert/server.key.pem";
+    /// A configuration of ten thousand domains is below 2 MB; what is far above is no request.
+    std::size_t longest_body = std::size_t{8} << 20;
+    std::size_t most_connections = 4096;  ///< access points need descriptors too
+    int reply_timeout = 60;               ///< s, for a client to read its reply
   };
 
   /// Connects; the VRRP worker outlives it.
   ApiWeb(rrm::RRM* dispatcher, VrrpWorker* vrrp_worker);
-  ApiWeb(rrm::RRM* dispatcher, VrrpWorker* vrrp_worker, Files files);
+  ApiWeb(rrm::RRM* dispatcher, VrrpWorker* vrrp_worker, Settings settings);
   ~ApiWeb() override;
 
   bool connect() override;
@@ -49,6 +63,7 @@ class ApiWeb : public rrm::Api {
   void run_periodic_duties();
   /// The port listened on, which differs from the configured one when that is 0; 0 without one.
   int port() const;
+  std::size_t connection_count() const { return sessions_.size(); }
 
   /// Answers with a redirect; for routes that need one.
   int redirect_302(lws* wsi, const std::string& location);
@@ -68,10 +83,21 @@ class ApiWeb : public rrm::Api {
   static void on_pass_timer(lws_sorted_usec_list_t* timer);
   int worker_lws_callback(lws* wsi, lws_callback_reasons reason, void* in, std::size_t length);
   void open_session(lws* wsi);
+  void drop_longest_idle();
+  int begin_request(lws* wsi);
+  int begin_chunked_body(lws* wsi, HttpSession& session);
+  int invite_body(lws* wsi);
+  int refuse_body_for_a_file(lws* wsi, std::string_view path);
   int append_body(lws* wsi, const void* in, std::size_t length);
+  int append_chunks(lws* wsi, HttpSession& session, std::string_view bytes);
   int answer_request(lws* wsi);
-  int send_reply(lws* wsi, const std::string& text);
-  int complete_transaction(lws* wsi);
+  int answer_when_writeable(lws* wsi);
+  int send_reply(lws* wsi, const std::string& text, bool last);
+  bool send_header(lws* wsi, unsigned status, std::size_t length, bool last,
+                   std::span<unsigned char> buffer);
+  int refuse(lws* wsi, unsigned status);
+  int refuse_long_body(lws* wsi);
+  int answer_not_found(lws* wsi);
   Reply process_body(const std::string& body);
 
   void serve_pass();
@@ -79,10 +105,11 @@ class ApiWeb : public rrm::Api {
   void destroy_context();
 
   VrrpWorker* vrrp_worker_;
-  const Files files_;
+  const Settings settings_;
   StopSignal stop_;
   rrm::SafeUnorderedMap<lws*, HttpSession> sessions_;
   std::function<void()> between_passes_;
+  std::uint64_t uses_ = 0;     ///< requests so far
   std::uint32_t counter_ = 0;  ///< passes since the last report check
   bool pass_done_ = false;
 
