@@ -1,6 +1,8 @@
 // The message ring beside a textbook ring of the same design, and what one whole enqueue on a
 // worker costs: the message, the push and the wake-up of its thread.
 
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,6 +11,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <memory>
+#include <thread>
 #include <vector>
 
 #include "bench/Interleaved.h"
@@ -90,6 +93,39 @@ class IdleWorker : public rrm::Worker {
   void get_status_full(rrm::JsonWriter&) override {}
 };
 
+double median(std::vector<double> seconds) {
+  const auto middle = seconds.begin() + static_cast<std::ptrdiff_t>(seconds.size() / 2);
+  std::nth_element(seconds.begin(), middle, seconds.end());
+  return *middle;
+}
+
+/// Median seconds of what any wake-up costs its caller: writing an eventfd that a thread polls.
+double bare_wake_seconds() {
+  const int wakeup = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+  std::atomic<bool> stop{false};
+  std::thread sleeper([&] {
+    rrm::work_in_batches();
+    while (!stop) {
+      pollfd wait{wakeup, POLLIN, 0};
+      std::uint64_t count = 0;
+      if (poll(&wait, 1, 10) > 0) keep(read(wakeup, &count, sizeof count));
+    }
+  });
+  std::vector<double> seconds;
+  for (int i = 0; i < 2000; ++i) {
+    usleep(200);
+    const std::uint64_t one = 1;
+    const auto begin = std::chrono::steady_clock::now();
+    keep(write(wakeup, &one, sizeof one));
+    const std::chrono::duration<double> passed = std::chrono::steady_clock::now() - begin;
+    seconds.push_back(passed.count());
+  }
+  stop = true;
+  sleeper.join();
+  close(wakeup);
+  return median(std::move(seconds));
+}
+
 /// Median seconds of one enqueue on a worker that sleeps (`pause`), or that is at work.
 double enqueue_seconds(bool pause) {
   const auto worker = std::make_shared<IdleWorker>();
@@ -104,8 +140,7 @@ double enqueue_seconds(bool pause) {
     seconds.push_back(passed.count());
   }
   worker->stop();
-  std::nth_element(seconds.begin(), seconds.begin() + 1000, seconds.end());
-  return seconds[1000];
+  return median(std::move(seconds));
 }
 
 }  // namespace
@@ -135,7 +170,6 @@ int main() {
   std::printf("speed, MessageRing / plain ring: %.2f (at least 0.9)\n", seconds[1] / seconds[0]);
   std::printf(
       "one enqueue (message, push, wake-up): %.2f us on a worker at work (at most 0.7), %.2f us on "
-      "one that "
-      "sleeps\n",
-      enqueue_seconds(false) * 1e6, enqueue_seconds(true) * 1e6);
+      "one that sleeps; the wake-up alone, a bare eventfd: %.2f us\n",
+      enqueue_seconds(false) * 1e6, enqueue_seconds(true) * 1e6, bare_wake_seconds() * 1e6);
 }

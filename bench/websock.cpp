@@ -3,7 +3,9 @@
 // idle session.
 //
 // Every server is a process of its own whose CPU clock is read from outside. This process plays the
-// clients: 32 messages are under way at a time, each sent by the next session in turn.
+// clients, each message sent by the next session in turn, under two loads: 32 messages under way at
+// a time, as when the server is busy and a wake-up serves many, and one at a time, as when it is
+// not and each message pays for its own.
 
 #include <arpa/inet.h>
 #include <ev.h>
@@ -23,6 +25,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <utility>
 #include <vector>
@@ -35,10 +38,10 @@
 namespace {
 
 constexpr std::size_t kMessage = 300;
-constexpr std::size_t kUnderWay = 32;
+constexpr std::size_t kLoads[] = {32, 1};  ///< messages under way
 constexpr std::size_t kFew = 64;
 constexpr std::size_t kMany = 10000;
-constexpr std::size_t kSlice = 20000;  ///< messages
+constexpr std::size_t kSlices[] = {20000, 2000};  ///< messages of a slice under each load
 constexpr int kRounds = 9;
 
 [[noreturn]] void fail(const char* what) {
@@ -173,11 +176,11 @@ class Clients {
     for (std::size_t i = 0; i < count; ++i) connect_one(server.port, i);
   }
 
-  /// Sends so many messages and waits for all answers.
-  void exchange(std::size_t count) {
+  /// Sends so many messages, `under_way` at a time, and waits for all answers.
+  void exchange(std::size_t count, std::size_t under_way) {
     std::size_t sent = 0;
-    while (sent < std::min(kUnderWay, count)) sent += send_next();
-    std::vector<epoll_event> events(kUnderWay);
+    while (sent < std::min(under_way, count)) sent += send_next();
+    std::vector<epoll_event> events(under_way);
     for (std::size_t answered = 0; answered < count;) {
       const int ready = epoll_wait(epoll_, events.data(), static_cast<int>(events.size()), 10000);
       if (ready <= 0) fail("no answer");
@@ -257,20 +260,40 @@ class Clients {
 
 struct Contender {
   const char* name;
+  std::size_t sessions;
   Server server;
   Clients clients;
-  std::vector<double> us;  ///< CPU per message of each slice
+  std::vector<double> us[std::size(kLoads)] = {};  ///< CPU per message of each slice
 
-  double median() {
-    std::sort(us.begin(), us.end());
-    return us[us.size() / 2];
+  void measure(std::size_t load) {
+    const double before = server.cpu_seconds();
+    clients.exchange(kSlices[load], kLoads[load]);
+    us[load].push_back((server.cpu_seconds() - before) / static_cast<double>(kSlices[load]) * 1e6);
+  }
+  double median(std::size_t load) {
+    std::sort(us[load].begin(), us[load].end());
+    return us[load][us[load].size() / 2];
   }
 };
 
-void measure(Contender& contender) {
-  const double before = contender.server.cpu_seconds();
-  contender.clients.exchange(kSlice);
-  contender.us.push_back((contender.server.cpu_seconds() - before) / kSlice * 1e6);
+void measure_in_turn(std::vector<Contender>& contenders) {
+  for (Contender& contender : contenders) contender.clients.exchange(kSlices[0], kLoads[0]);
+  for (int round = 0; round < kRounds; ++round)
+    for (std::size_t load = 0; load < std::size(kLoads); ++load)
+      for (Contender& contender : contenders) contender.measure(load);
+}
+
+void report(std::vector<Contender>& contenders, std::size_t load) {
+  std::printf("%zu under way\n", kLoads[load]);
+  for (Contender& contender : contenders)
+    std::printf("  %-12s %6zu sessions  %6.2f us of CPU per message of %zu bytes\n", contender.name,
+                contender.sessions, contender.median(load), kMessage);
+  const auto ratio = [&](std::size_t of, std::size_t to) {
+    return contenders[of].median(load) / contenders[to].median(load);
+  };
+  std::printf("  controller / bare echo: %.2f (at most 1.6)\n", ratio(1, 0));
+  std::printf("  %zu / %zu sessions: controller %.2f (at most 1.4), bare echo %.2f\n",
+              contenders[2].sessions, kFew, ratio(2, 1), ratio(3, 0));
 }
 
 }  // namespace
@@ -291,27 +314,15 @@ int main() {
   usleep(300000);
   const double empty = many_server.resident_bytes();
   std::vector<Contender> contenders;
-  contenders.push_back({"bare echo", echo_server, Clients(echo_server, kFew), {}});
-  contenders.push_back({"controller", few_server, Clients(few_server, kFew), {}});
-  contenders.push_back({"controller", many_server, Clients(many_server, many), {}});
+  contenders.push_back({"bare echo", kFew, echo_server, Clients(echo_server, kFew)});
+  contenders.push_back({"controller", kFew, few_server, Clients(few_server, kFew)});
+  contenders.push_back({"controller", many, many_server, Clients(many_server, many)});
   usleep(300000);
   const double idle = many_server.resident_bytes();
-  contenders.push_back({"bare echo", many_echo_server, Clients(many_echo_server, many), {}});
-  const std::size_t sessions[] = {kFew, kFew, many, many};
+  contenders.push_back({"bare echo", many, many_echo_server, Clients(many_echo_server, many)});
 
-  for (Contender& contender : contenders) contender.clients.exchange(kSlice);  // warm up
-  for (Contender& contender : contenders) contender.us.clear();
-  for (int round = 0; round < kRounds; ++round)
-    for (Contender& contender : contenders) measure(contender);
-
-  for (std::size_t i = 0; i < contenders.size(); ++i)
-    std::printf("%-12s %6zu sessions  %6.2f us of CPU per message of %zu bytes\n",
-                contenders[i].name, sessions[i], contenders[i].median(), kMessage);
-  std::printf("controller / bare echo: %.2f (at most 1.6)\n",
-              contenders[1].median() / contenders[0].median());
-  std::printf("%zu / %zu sessions: controller %.2f (at most 1.4), bare echo %.2f\n", many, kFew,
-              contenders[2].median() / contenders[1].median(),
-              contenders[3].median() / contenders[0].median());
+  measure_in_turn(contenders);
+  for (std::size_t load = 0; load < std::size(kLoads); ++load) report(contenders, load);
   std::printf("resident per idle session: %.1f KB (at most 9); with traffic behind it: %.1f KB\n",
               (idle - empty) / static_cast<double>(many) / 1024,
               (many_server.resident_bytes() - empty) / static_cast<double>(many) / 1024);

@@ -160,7 +160,8 @@ struct WebsockServerWorker::ServiceThread {
   ev_prepare before_wait;  ///< wakes the parsing threads once for all that one pass received
   std::thread thread;
   std::mutex waiting_mutex;
-  std::vector<SessionAddress> waiting;  ///< guarded by waiting_mutex
+  std::vector<Target> waiting;  ///< guarded by waiting_mutex
+  std::vector<Target> served;   ///< of the pass under way; the service thread's
 };
 
 WebsockServerWorker::WebsockServerWorker(RRM* owner, const GlobalConfig* config)
@@ -359,20 +360,23 @@ int WebsockServerWorker::worker_lws_callback(lws* wsi, int reason, void* user, v
 
 int WebsockServerWorker::on_event(lws* wsi, int reason, void* user, const char* in,
                                   std::size_t length) {
+  // The session stands in the connection's user data from its establishment to its end, both of
+  // which are seen on this thread alone: no look-up, no lock.
+  WebsockSession* const session = user == nullptr ? nullptr : *static_cast<WebsockSession**>(user);
   switch (reason) {
     case LWS_CALLBACK_ESTABLISHED:
       on_established(wsi, user);
       return 0;
     case LWS_CALLBACK_RECEIVE:
-      return on_receive(wsi, in, length);
+      return session == nullptr ? 0 : on_receive(*session, in, length);
     case LWS_CALLBACK_RECEIVE_PONG:
-      on_pong(wsi);
+      if (session != nullptr) on_pong(*session);
       return 0;
     case LWS_CALLBACK_SERVER_WRITEABLE:
-      return on_writeable(wsi);
+      return session == nullptr ? 0 : on_writeable(*session);
     case LWS_CALLBACK_CLOSED:
     case LWS_CALLBACK_CLOSED_HTTP:
-      on_closed(wsi);
+      on_closed(wsi, user);
       return 0;
     case LWS_CALLBACK_EVENT_WAIT_CANCELLED:
       on_wait_cancelled(wsi);
@@ -393,20 +397,19 @@ void WebsockServerWorker::on_established(lws* wsi, void* user) {
       const std::lock_guard lock(id_mutex_);
       session->address = {wsi, lws_get_tsi(wsi), next_id_++};
     }
-    if (user != nullptr) *static_cast<WebsockSession**>(user) = session.get();
+    *static_cast<WebsockSession**>(user) = session.get();
     sessions_.insert(wsi, std::move(session));
   }
   lws_callback_on_writable(wsi);
 }
 
-void WebsockServerWorker::on_pong(lws* wsi) {
-  const Session session = find_session(wsi);
-  if (session == nullptr) return;
-  session->last_activity_s = TimerList::now_seconds();
-  if (!session->drop_due) lws_set_timeout(wsi, NO_PENDING_TIMEOUT, 0);
+void WebsockServerWorker::on_pong(WebsockSession& session) {
+  session.last_activity_s = TimerList::now_seconds();
+  if (!session.drop_due) lws_set_timeout(session.address.wsi, NO_PENDING_TIMEOUT, 0);
 }
 
-void WebsockServerWorker::on_closed(lws* wsi) {
+void WebsockServerWorker::on_closed(lws* wsi, void* user) {
+  if (user != nullptr) *static_cast<WebsockSession**>(user) = nullptr;
   Session session;
   {
     const std::lock_guard lock(sessions_.mutex());
@@ -429,26 +432,25 @@ void WebsockServerWorker::on_closed(lws* wsi) {
 
 // --- receiving
 
-int WebsockServerWorker::on_receive(lws* wsi, const char* in, std::size_t length) {
-  const Session session = find_session(wsi);
-  if (session == nullptr) return 0;
+int WebsockServerWorker::on_receive(WebsockSession& session, const char* in, std::size_t length) {
+  lws* const wsi = session.address.wsi;
   const bool complete = lws_remaining_packet_payload(wsi) == 0 && lws_is_final_fragment(wsi) != 0;
-  std::string& buffer = session->receive_buffer;
+  std::string& buffer = session.receive_buffer;
   if (length > kLongestMessage - std::min(buffer.size(), kLongestMessage) ||
       length > kLargestBacklog - std::min(backlog_.load(), kLargestBacklog)) {
     RRM_LOG(Error, "websocket message too long, %zu bytes and more; close session %u",
-            buffer.size() + length, session->address.id);
+            buffer.size() + length, session.address.id);
     return -1;
   }
   buffer.append(in, length);
   backlog_ += length;
-  return complete ? on_message(*session, wsi) : 0;
+  return complete ? on_message(session) : 0;
 }
 
-int WebsockServerWorker::on_message(WebsockSession& session, lws* wsi) {
+int WebsockServerWorker::on_message(WebsockSession& session) {
   const std::int64_t now_s = TimerList::now_seconds();
   session.last_activity_s = now_s;
-  if (!session.drop_due) lws_set_timeout(wsi, NO_PENDING_TIMEOUT, 0);
+  if (!session.drop_due) lws_set_timeout(session.address.wsi, NO_PENDING_TIMEOUT, 0);
   std::string text = std::exchange(session.receive_buffer, std::string());
   RRM_LOG(Debug, "Recv %.*s", printable(text), text.data());
   count_message(session.address, now_s);
@@ -512,17 +514,15 @@ void WebsockServerWorker::enqueue_text(const char* text, const SessionAddress& a
 
 void WebsockServerWorker::enqueue(const char* function, Message&& message, bool force) {
   const SessionAddress address = message->address();
-  const auto queue = outgoing_queue(function, address);
-  if (queue == nullptr) return;
-  auto& ring = force ? queue->force : queue->normal;
-  const auto give_up = [&] { return queue->closed || queue->clogged || stop_; };
-  if (push_with_backoff(ring, std::move(message), give_up)) {
-    announce(*queue, address);
-    return;
-  }
-  if (queue->closed || stop_) return;
+  Target target = find_target(function, address);
+  if (target.queue == nullptr) return;
+  Outgoing& queue = *target.queue;
+  auto& ring = force ? queue.force : queue.normal;
+  const auto give_up = [&] { return queue.closed || queue.clogged || stop_; };
+  if (push_with_backoff(ring, std::move(message), give_up)) return announce(std::move(target));
+  if (queue.closed || stop_) return;
   // Whoever takes nothing for a minute does not hold the next producers for another one each.
-  queue->clogged = true;
+  queue.clogged = true;
   log_write(__FILE__, __LINE__, function, LogLevel::Error,
             force ? "per-wsi force queue overflow: outgoing message dropped for session %d"
                   : "per-wsi queue overflow: outgoing message dropped for session %d",
@@ -530,8 +530,9 @@ void WebsockServerWorker::enqueue(const char* function, Message&& message, bool 
   raise_event(EventCode::WebsocketOverflow);
 }
 
-std::shared_ptr<WebsockServerWorker::Outgoing> WebsockServerWorker::outgoing_queue(
-    const char* function, const SessionAddress& address) {
+/// The live session of the address and its queue; empty, and recorded, when there is none.
+WebsockServerWorker::Target WebsockServerWorker::find_target(const char* function,
+                                                             const SessionAddress& address) {
   const auto record = [function](const char* format, auto... values) {
     if (log_enabled(LogLevel::Debug))
       log_write(__FILE__, __LINE__, function, LogLevel::Debug, format, function, values...);
@@ -540,17 +541,17 @@ std::shared_ptr<WebsockServerWorker::Outgoing> WebsockServerWorker::outgoing_que
   const auto found = sessions_.map().find(address.wsi);
   if (found == sessions_.map().end()) {
     record("%s: no live websocket session for wsi (dropped id=%u)", address.id);
-    return nullptr;
+    return {};
   }
   const SessionAddress& live = found->second->address;
   if (live.id != address.id || live.tsi != address.tsi) {
     record("%s: BaseSession stale or mismatched (msg id=%u tsi=%d vs live id=%u tsi=%d)",
            address.id, address.tsi, live.id, live.tsi);
-    return nullptr;
+    return {};
   }
   if (!is_service_thread(address.tsi)) {
     record("%s: invalid lws tsi %d", address.tsi);
-    return nullptr;
+    return {};
   }
   auto& queues = outgoing_[static_cast<std::size_t>(address.tsi)];
   const std::lock_guard queues_lock(queues.mutex());
@@ -559,21 +560,21 @@ std::shared_ptr<WebsockServerWorker::Outgoing> WebsockServerWorker::outgoing_que
     queue = std::make_shared<Outgoing>();
     queue->tsi = address.tsi;
   }
-  return queue;
+  return {found->second, queue};
 }
 
 /// Puts the session on its service thread's list and wakes that thread, once until it has looked.
-void WebsockServerWorker::announce(Outgoing& queue, const SessionAddress& address) {
-  if (queue.listed.exchange(true)) return;
+void WebsockServerWorker::announce(Target&& target) {
+  if (target.queue->listed.exchange(true)) return;
   const std::lock_guard lock(context_mutex_);
-  const auto index = static_cast<std::size_t>(address.tsi);
+  const auto index = static_cast<std::size_t>(target.session->address.tsi);
   if (context_ == nullptr || index >= services_.size()) return;
   ServiceThread& service = *services_[index];
   bool first = false;
   {
     const std::lock_guard waiting_lock(service.waiting_mutex);
     first = service.waiting.empty();
-    service.waiting.push_back(address);
+    service.waiting.push_back(std::move(target));
   }
   if (first) service.wake();
 }
@@ -586,49 +587,55 @@ void WebsockServerWorker::on_wait_cancelled(lws* stand_in) {
 /// Sends, or asks for the moment to write, for every session on the thread's list.
 void WebsockServerWorker::serve_waiting(std::size_t index) {
   if (library_debug_ != log_enabled(LogLevel::Debug)) update_library_log_level();
-  std::vector<SessionAddress> waiting;
+  ServiceThread& service = *services_[index];
   {
-    const std::lock_guard lock(services_[index]->waiting_mutex);
-    waiting.swap(services_[index]->waiting);
+    const std::lock_guard lock(service.waiting_mutex);
+    service.served.swap(service.waiting);
   }
-  for (const SessionAddress& address : waiting) {
-    const Session session = find_session(address.wsi);
-    if (session == nullptr || session->address != address) continue;
-    if (const auto queue = outgoing_[index].find(address.wsi)) queue->listed = false;
-    if (!session->drop_due && lws_send_pipe_choked(address.wsi) == 0) {
+  for (const Target& target : service.served) {
+    WebsockSession& session = *target.session;
+    if (target.queue->closed) continue;
+    target.queue->listed = false;
+    lws* const wsi = session.address.wsi;
+    if (!session.drop_due && lws_send_pipe_choked(wsi) == 0) {
       // There is room: no need to wait for the moment to write. Closing needs a callback, though.
-      if (on_writeable(address.wsi) == 0) continue;
-      session->closing = true;
+      if (send_next(session, *target.queue) == 0) continue;
+      session.closing = true;
     }
-    lws_callback_on_writable(address.wsi);
-    if (session->drop_due) lws_set_timeout(address.wsi, PENDING_TIMEOUT_USER_OK, stuck_peer_s_);
+    lws_callback_on_writable(wsi);
+    if (session.drop_due) lws_set_timeout(wsi, PENDING_TIMEOUT_USER_OK, stuck_peer_s_);
   }
+  service.served.clear();
 }
 
 // --- sending
 
-int WebsockServerWorker::on_writeable(lws* wsi) {
-  const Session session = find_session(wsi);
-  if (session == nullptr) return 0;
-  if (session->closing) return -1;
-  const std::int32_t tsi = session->address.tsi;
+int WebsockServerWorker::on_writeable(WebsockSession& session) {
+  if (session.closing) return -1;
+  lws* const wsi = session.address.wsi;
+  const std::int32_t tsi = session.address.tsi;
   if (!is_service_thread(tsi)) {
     RRM_LOG(Error, "process_server_writeable: invalid lws tsi %d", tsi);
     for (auto& queues : outgoing_) queues.erase(wsi);
     return 0;
   }
   const auto queue = outgoing_[static_cast<std::size_t>(tsi)].find(wsi);
+  return queue == nullptr ? 0 : send_next(session, *queue);
+}
+
+/// Sends one message of the queue. @return what the callback returns: -1 closes the connection
+int WebsockServerWorker::send_next(WebsockSession& session, Outgoing& queue) {
   Message message;
-  if (queue == nullptr || !queue->try_pop(message)) return 0;
+  if (!queue.try_pop(message)) return 0;
   Sent sent = Sent::KeepOpen;
-  if (message->address().id != session->address.id)
+  if (message->address().id != session.address.id)
     RRM_LOG(Debug,
             "process_server_writeable: session ID mismatch (msg_id=%u, current_id=%u); skipping "
             "stale message",
-            message->address().id, session->address.id);
+            message->address().id, session.address.id);
   else
-    sent = send(*message, *session);
-  if (!queue->empty()) lws_callback_on_writable(wsi);
+    sent = send(*message, session);
+  if (!queue.empty()) lws_callback_on_writable(session.address.wsi);
   return sent == Sent::Close ? -1 : 0;
 }
 

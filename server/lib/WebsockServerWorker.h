@@ -96,6 +96,11 @@ class WebsockServerWorker : public Worker {
   using Outgoing = _SafeQueue<Message>;
   using Received = std::pair<std::string, SessionAddress>;
 
+  /// A session and its queue, kept alive while something is done with them.
+  struct Target {
+    std::shared_ptr<WebsockSession> session;
+    std::shared_ptr<Outgoing> queue;
+  };
   struct ServiceThread;
 
   bool create_context();
@@ -109,11 +114,11 @@ class WebsockServerWorker : public Worker {
 
   int on_event(lws* wsi, int reason, void* user, const char* in, std::size_t length);
   void on_established(lws* wsi, void* user);
-  int on_receive(lws* wsi, const char* in, std::size_t length);
-  int on_message(WebsockSession& session, lws* wsi);
-  void on_pong(lws* wsi);
-  int on_writeable(lws* wsi);
-  void on_closed(lws* wsi);
+  int on_receive(WebsockSession& session, const char* in, std::size_t length);
+  int on_message(WebsockSession& session);
+  void on_pong(WebsockSession& session);
+  int on_writeable(WebsockSession& session);
+  void on_closed(lws* wsi, void* user);
   void on_wait_cancelled(lws* stand_in);
   void serve_waiting(std::size_t index);
 
@@ -122,12 +127,13 @@ class WebsockServerWorker : public Worker {
   bool queue_for_parsing(std::string&& text, const SessionAddress& address);
 
   void enqueue(const char* function, Message&& message, bool force);
-  std::shared_ptr<Outgoing> outgoing_queue(const char* function, const SessionAddress& address);
-  void announce(Outgoing& queue, const SessionAddress& address);
+  Target find_target(const char* function, const SessionAddress& address);
+  void announce(Target&& target);
   void wake_parsers() noexcept;
 
   /// What sending one message asks for afterwards.
   enum class Sent { KeepOpen, Close };
+  int send_next(WebsockSession& session, Outgoing& queue);
   Sent send(const QueueMessage& message, const WebsockSession& session);
   Sent send_document(const QueueMessage& message, const WebsockSession& session);
   void send_ping(lws* wsi);
