@@ -1,7 +1,5 @@
 #include "server/lib/TpcDcaPowerPlan.h"
 
-#include <algorithm>
-
 namespace rrm {
 namespace {
 
@@ -52,22 +50,19 @@ const ApEntry* TpcDcaPowerPlan::answering(std::int32_t owner) const {
   return entry->active ? entry : nullptr;
 }
 
+/// Each owner ends lowered by the most that one of its entries asks for, whatever their order.
 void TpcDcaPowerPlan::lower_neighbours_of(const SceneAp& ap) {
   const std::span<const HeardBss> heard = scene_.heard(ap);
-  const std::span<const HeardSource> sources = scene_.sources(ap);
-  loud_.clear();
+  const std::span<const std::int32_t> owners = scene_.owners(ap);
   for (std::size_t i = 0; i < heard.size(); ++i) {
     const std::int32_t band = band_of(heard[i]);
-    if (sources[i].owner < 0 || band == 0) continue;
+    if (answering(owners[i]) == nullptr || band == 0) continue;
     const Radio* radio = disturbed_radio(ap, heard[i], band);
     if (radio == nullptr || !is_adjustable(*radio)) continue;
-    if (heard[i].rssi_dbm() > radio->rssi_threshold(kLoud)) loud_.push_back(i);
+    if (heard[i].rssi_dbm() <= radio->rssi_threshold(kLoud)) continue;
+    lower_owner(static_cast<std::size_t>(owners[i]), heard[i], band,
+                radio->rssi_threshold(kTarget));
   }
-  // The EIRP limits make the outcome depend on the order; BSSIDs give one that can be repeated.
-  std::sort(loud_.begin(), loud_.end(), [&sources](std::size_t a, std::size_t b) {
-    return sources[a].bssid < sources[b].bssid;
-  });
-  for (const std::size_t i : loud_) lower_owner(ap, heard[i], sources[i].owner);
 }
 
 /// The radio of `ap` that a BSS of this band disturbs.
@@ -84,15 +79,12 @@ const Radio* TpcDcaPowerPlan::disturbed_radio(const SceneAp& ap, const HeardBss&
   return config_.use_hd_mode ? nullptr : first;
 }
 
-void TpcDcaPowerPlan::lower_owner(const SceneAp& ap, const HeardBss& bss, std::int32_t owner) {
-  if (answering(owner) == nullptr) return;
-  const auto index = static_cast<std::size_t>(owner);
-  const std::int32_t band = band_of(bss);
-  const std::int32_t target = disturbed_radio(ap, bss, band)->rssi_threshold(kTarget);
-  RadioList& radios = scene_.aps()[index].entry->radios;
+void TpcDcaPowerPlan::lower_owner(std::size_t owner, const HeardBss& bss, std::int32_t band,
+                                  std::int32_t target_dbm) {
+  RadioList& radios = scene_.aps()[owner].entry->radios;
   radios.mark_conflicted(bss.use.channel, band);
-  if (radios.apply_power_step_for_band(bss.use.channel, band, bss.rssi_dbm(), target) != 0)
-    changed_[index] = true;
+  if (radios.apply_power_step_for_band(bss.use.channel, band, bss.rssi_dbm(), target_dbm) != 0)
+    changed_[owner] = true;
 }
 
 void TpcDcaPowerPlan::raise_radios_of(std::size_t ap) {
@@ -106,11 +98,11 @@ void TpcDcaPowerPlan::raise_radios_of(std::size_t ap) {
 /// @return whether the power changed
 bool TpcDcaPowerPlan::raise(const SceneAp& ap, Radio& radio) {
   const std::span<const HeardBss> heard = scene_.heard(ap);
-  const std::span<const HeardSource> sources = scene_.sources(ap);
+  const std::span<const std::int32_t> owners = scene_.owners(ap);
   std::int32_t loudest = kSilenceDbm;
   for (std::size_t i = 0; i < heard.size(); ++i) {
     if (heard[i].rssi_dbm() <= loudest || !in_band(radio.band, heard[i].band)) continue;
-    const ApEntry* owner = answering(sources[i].owner);
+    const ApEntry* owner = answering(owners[i]);
     if (owner != nullptr && is_co_channel(radio, *owner)) loudest = heard[i].rssi_dbm();
   }
   if (loudest == kSilenceDbm) return radio.apply_power_increase(kSilenceDbm, 0, 0) != 0;

@@ -26,7 +26,8 @@ class TpcDcaPowerPlan {
 
  private:
   void lower_neighbours_of(const SceneAp& ap);
-  void lower_owner(const SceneAp& ap, const HeardBss& bss, std::int32_t owner);
+  void lower_owner(std::size_t owner, const HeardBss& bss, std::int32_t band,
+                   std::int32_t target_dbm);
   const Radio* disturbed_radio(const SceneAp& ap, const HeardBss& bss, std::int32_t band) const;
   void raise_radios_of(std::size_t ap);
   bool raise(const SceneAp& ap, Radio& radio);
@@ -36,7 +37,6 @@ class TpcDcaPowerPlan {
   const TpcDcaScene& scene_;
   const DomainConfig& config_;
   std::vector<bool> changed_;
-  std::vector<std::size_t> loud_;  ///< reused by lower_neighbours_of()
 };
 
 }  // namespace rrm

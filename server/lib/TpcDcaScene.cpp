@@ -123,7 +123,7 @@ class TpcDcaScene::Builder {
       }
     }
     scene_.heard_.resize(heard);
-    scene_.sources_.resize(heard);
+    scene_.owners_.resize(heard);
     groups_.resize(heard);
   }
 
@@ -165,7 +165,7 @@ class TpcDcaScene::Builder {
     bss.band = neighbour.band;
     for (std::size_t i = 0; i < own_macs_.size() && i < 32; ++i)
       if (own_macs_[i] == bssid) bss.own_radios |= std::uint32_t{1} << i;
-    scene_.sources_[index] = {bssid, owner};
+    scene_.owners_[index] = owner;
     groups_[index] = group;
   }
 

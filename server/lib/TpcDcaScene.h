@@ -22,13 +22,6 @@ struct HeardBss {
   std::int32_t rssi_dbm() const noexcept { return interference.weight - 100; }
 };
 
-/// Where such an entry comes from, which only power control asks.
-struct HeardSource {
-  std::uint64_t bssid = 0;
-  /// Index of the access point that owns the BSSID when it was reported as one of this domain; -1.
-  std::int32_t owner = -1;
-};
-
 /// An access point of the scene.
 struct SceneAp {
   ApEntry* entry = nullptr;
@@ -60,9 +53,10 @@ class TpcDcaScene {
   std::span<const HeardBss> heard_in(const SceneAp& ap, std::size_t band_index) const noexcept {
     return range(ap.bands[band_index], ap.bands[band_index + 1]);
   }
-  /// Of the same entries as heard(), in the same order.
-  std::span<const HeardSource> sources(const SceneAp& ap) const noexcept {
-    return {sources_.data() + ap.bands.front(), ap.bands.back() - ap.bands.front()};
+  /// Of the same entries as heard(), in the same order: the access point (index) that owns the
+  /// BSSID when it was reported as one of this domain; -1.
+  std::span<const std::int32_t> owners(const SceneAp& ap) const noexcept {
+    return {owners_.data() + ap.bands.front(), ap.bands.back() - ap.bands.front()};
   }
 
   /// Number of distinct channels (1 to 255) that an access point hears from this domain.
@@ -106,7 +100,7 @@ class TpcDcaScene {
 
   std::vector<SceneAp> aps_;
   std::vector<HeardBss> heard_;
-  std::vector<HeardSource> sources_;        ///< of each heard entry
+  std::vector<std::int32_t> owners_;        ///< of each heard entry; only power control asks
   std::vector<ChannelUses> channels_;       ///< per access point
   std::vector<std::uint32_t> group_begin_;  ///< per radio group: where it starts in hearings_
   std::vector<Hearing> hearings_;           ///< group by group
