@@ -84,7 +84,6 @@ void TpcDcaSubworker::process_response(const JsonReader& message,
   ap->radios.from_json(message, channel_sets_, false, false);
   aps().index_ap(ap);
   aps().update_rf_environment(*ap, message.child("rf-environment"));
-  ap->radios.received = true;
   ap->radios.clear_power_changed();
   ap->active = true;
   planning_optimize();

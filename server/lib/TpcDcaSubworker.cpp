@@ -251,7 +251,6 @@ void TpcDcaSubworker::planning_optimize() {
   if (std::all_of(members.begin(), members.end(),
                   [](const auto& member) { return member.second->active; })) {
     RRM_LOG(Debug, "Start optimize now on domain %s", domain_name());
-    timers().remove(kRound);
     const HandlingTime::Scope timed(times_.optimize);
     process_timer_optimize();
     return;
