@@ -65,6 +65,17 @@ TEST(DomainStatus, ListsTheAccessPointsOfTheThreeMaps) {
                 "]}}");
 }
 
+TEST(DomainStatus, CountsEachMapByItself) {
+  Engine engine;
+  for (int n = 1; n <= 6; ++n) engine.subscribe(n, {RadioSpec{.channel = n <= 3 ? 36 : 0}});
+  engine.close_session(104);
+  engine.worker().aps().move_without_active_radio(engine.worker().unanswered_aps(), 3);
+  const std::string text = details(engine);
+  EXPECT_NE(text.find(",\"ap-count\":3,\"unanswered-ap-count\":2,\"deleted-ap-count\":1,"),
+            std::string::npos)
+      << text;
+}
+
 TEST(DomainStatus, ReportsAveragesInMicroseconds) {
   Engine engine;
   engine.subscribe(1, {RadioSpec{}});
@@ -170,10 +181,14 @@ TEST(DomainRestore, SkipsElementsWithoutFactoryData) {
   Engine engine;
   engine.worker().load_backup(
       JsonReader(R"({"aps":[null,7,{"mac":"00:11:22:00:01:00","board":"b","hw":"h"},)"
+                 R"({"mac":"00:11:22:00:01:00","board":"b","serial":"s"},)"
+                 R"({"mac":"00:11:22:00:01:00","hw":"h","serial":"s"},)"
                  R"({"board":"b","hw":"h","serial":"s"}]})"));
   EXPECT_TRUE(engine.worker().aps_to_delete().empty());
-  EXPECT_TRUE(engine.log().has(
-      LogLevel::Debug, "Can't read factory settings from backup for ap '00:11:22:00:01:00'"));
+  EXPECT_EQ(
+      engine.log().count(LogLevel::Debug,
+                         "Can't read factory settings from backup for ap '00:11:22:00:01:00'"),
+      3u);
   EXPECT_EQ(
       engine.log().count(LogLevel::Debug, "Can't read factory settings from backup for ap ''"), 2u);
 }
@@ -228,10 +243,21 @@ TEST(DomainRestore, WaitsForTheAccessPointsBeforeAnythingIsPlanned) {
   engine.rrm().take();
   engine.pass(119);
   EXPECT_TRUE(engine.rrm().take().empty());
+  EXPECT_FALSE(engine.log().has(LogLevel::Debug, "Force optimization dmain site"));
   engine.pass(1);
   EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Force optimization dmain site"));
   engine.pass(20);
   EXPECT_EQ(engine.state(), 2);
+
+  // Access points that came back during the first round have their part in a second one.
+  engine.pass(15);
+  engine.receive("rrm-response", 1, 101, "\"radios\":" + radios_text({RadioSpec{}}));
+  engine.finish_optimisation();
+  EXPECT_EQ(engine.state(), 4);
+  engine.pass(20 + 15);
+  engine.receive("rrm-response", 1, 101, "\"radios\":" + radios_text({RadioSpec{}}));
+  engine.finish_optimisation();
+  EXPECT_EQ(engine.state(), 0);
 }
 
 TEST(DomainRestore, PlansNothingWhenNothingWasPlannedAndNobodyReturned) {
@@ -241,6 +267,7 @@ TEST(DomainRestore, PlansNothingWhenNothingWasPlannedAndNobodyReturned) {
   engine.worker().load_backup(JsonReader(R"({"rrm-status":0})"));
   engine.pass(200);
   EXPECT_EQ(engine.state(), 0);
+  EXPECT_FALSE(engine.log().has(LogLevel::Debug, "Force optimization dmain site"));
 }
 
 TEST(DomainRestore, KeepsAWishedLinkUpdate) {

@@ -1,8 +1,10 @@
 #include "server/lib/report_optimize_tpc_dca.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <cerrno>
+#include <csignal>
 #include <filesystem>
 #include <stdexcept>
 
@@ -250,6 +252,22 @@ TEST_F(SaveReportTest, AFullDiskIsReported) {
   std::filesystem::create_symlink("/dev/full", folder.file("report_office.txt"));
   EXPECT_EQ(save(), ENOSPC);
   EXPECT_TRUE(log.has(LogLevel::Error, error(ENOSPC)));
+}
+
+TEST_F(SaveReportTest, ADiskThatBecomesFullWithinAReportLeavesTheFileAsItWas) {
+  ASSERT_EQ(save(), 0);
+  const std::string before = folder.read("report_office.txt");
+  const auto old_action = ::signal(SIGXFSZ, SIG_IGN);
+  rlimit old_limit{};
+  ::getrlimit(RLIMIT_FSIZE, &old_limit);
+  const rlimit limit{before.size() + 50, old_limit.rlim_max};
+  ::setrlimit(RLIMIT_FSIZE, &limit);
+  const int code = save();
+  ::setrlimit(RLIMIT_FSIZE, &old_limit);
+  ::signal(SIGXFSZ, old_action);
+  EXPECT_EQ(code, EFBIG);
+  EXPECT_EQ(folder.read("report_office.txt"), before);
+  EXPECT_EQ(folder.read("report_idx_office.txt"), "1.1,2024-05-01,03:15:00\n");
 }
 
 TEST_F(SaveReportTest, AMissingFolderIsReported) {

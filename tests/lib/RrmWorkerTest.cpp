@@ -247,6 +247,47 @@ TEST(RrmWorkerMacParameters, KeepBeingCheckedAfterAViolation) {
   EXPECT_EQ(engine.log().texts(LogLevel::Warning).size(), 2u);
 }
 
+TEST(RrmWorkerSubscription, OfAnAccessPointWhoseSessionIsMarkedLostDropsNoSession) {
+  Engine engine;
+  engine.subscribe(1, {RadioSpec{}}, 7);
+  engine.ap(1)->session_lost = true;
+  EXPECT_TRUE(engine.worker().ap_sessions().empty());
+  engine.subscribe(1, {RadioSpec{}}, 8);
+  EXPECT_TRUE(engine.rrm().take_drops().empty());
+  EXPECT_FALSE(engine.ap(1)->session_lost);
+}
+
+TEST(RrmWorkerSubscription, WeighsTheRadiosOfANewAccessPointThatCanTakePart) {
+  DomainConfig config = Engine::quiet_config();
+  config.use_80211v = true;
+  config.use_balance = true;
+  Engine engine(config);
+  engine.subscribe(1, {RadioSpec{}});
+  EXPECT_EQ(engine.ap(1)->radios.find(0)->load_level, 255u);
+  engine.subscribe(2, {RadioSpec{.channel = 0}});
+  EXPECT_EQ(engine.ap(2)->radios.find(0)->load_level, 0u);
+}
+
+TEST(RrmWorkerSubscription, SendsTheKeysOfTheAccessPointBehindTheAnswer) {
+  DomainConfig config = Engine::quiet_config();
+  config.use_80211r = true;
+  Engine engine(config);
+  engine.subscribe(1, {RadioSpec{.vaps = {{.r = true}}}});
+  const auto sent = engine.rrm().take();
+  ASSERT_EQ(sent.size(), 2u);
+  EXPECT_STREQ(JsonReader(sent[0].text.c_str()).get_str("cmd"), "subscribe-response");
+  EXPECT_STREQ(JsonReader(sent[1].text.c_str()).get_str("cmd"), "fbt-info");
+}
+
+TEST(RrmWorkerSubscription, OfAnUnansweredAccessPointIsIndexedAnew) {
+  Engine engine;
+  engine.subscribe(1, {RadioSpec{}});
+  engine.worker().aps().move_all(engine.worker().unanswered_aps());
+  engine.subscribe(1, {RadioSpec{}, RadioSpec{.id = 2}});
+  EXPECT_TRUE(
+      engine.worker().unanswered_aps().contains_bssid(MacAddress::from_text("00:11:22:00:01:20")));
+}
+
 // --- envelope
 
 TEST(RrmWorkerMessages, ThatAreInvalidAreReportedAndDropped) {
@@ -298,6 +339,7 @@ TEST(RrmWorkerUnsubscription, FromItsSessionErasesTheAccessPointAndItsIndex) {
   Engine engine;
   engine.subscribe(1, {RadioSpec{}});
   engine.rrm().take();
+  engine.log().clear();
   engine.receive("unsubscribe-request", 1, 101, "");
   EXPECT_TRUE(engine.worker().aps().empty());
   EXPECT_FALSE(engine.worker().aps().contains_bssid(MacAddress::from_text(ap_mac(1).c_str())));
@@ -434,6 +476,7 @@ TEST(RrmWorkerConfigChanged, WithOtherSettingsForgetsTheNeighboursAndPlans) {
   Engine engine;
   engine.subscribe(1, {RadioSpec{}});
   engine.ap(1)->visible_rogue[MacAddress::from_text(client_mac(1).c_str())] = {};
+  engine.ap(1)->visible_members[MacAddress::from_text(client_mac(2).c_str())] = {};
   engine.log().clear();
   engine.receive("rrm-config-changed", 1, 101,
                  "\"radios\":" + radios_text({RadioSpec{.channels = "36,40"}}));
@@ -441,6 +484,15 @@ TEST(RrmWorkerConfigChanged, WithOtherSettingsForgetsTheNeighboursAndPlans) {
   EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Not event optimization dmain site"));
   EXPECT_TRUE(engine.log().has_event(EventCode::DomainChanged, "site"));
   EXPECT_TRUE(engine.ap(1)->visible_rogue.empty());
+  EXPECT_TRUE(engine.ap(1)->visible_members.empty());
+}
+
+TEST(RrmWorkerConfigChanged, IndexesTheAccessPointAnew) {
+  Engine engine;
+  engine.subscribe(1, {RadioSpec{}});
+  engine.receive("rrm-config-changed", 1, 101,
+                 "\"radios\":" + radios_text({RadioSpec{}, RadioSpec{.id = 2}}));
+  EXPECT_TRUE(engine.worker().aps().contains_bssid(MacAddress::from_text("00:11:22:00:01:20")));
 }
 
 TEST(RrmWorkerConfigChanged, OfOtherPowerLimitsIsAChangeOfSettings) {
@@ -497,6 +549,131 @@ TEST(RrmWorkerConfigChanged, LogsWhatItMeansForRoamingLists) {
   EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Planning update 802dot11k domain site"));
 }
 
+TEST(RrmWorkerConfigChanged, OfAChannelThatTheAccessPointChoosesIsAChangeOfTheDomain) {
+  DomainConfig config = Engine::quiet_config();
+  config.use_80211k = true;
+  config.use_80211r = true;
+  Engine engine(config);
+  const std::string lock = ",\"locked-for-dca\":1";
+  engine.subscribe(1, {RadioSpec{.vaps = {{.k = true}}, .extra = lock}});
+  engine.log().clear();
+  engine.receive("rrm-config-changed", 1, 101,
+                 "\"radios\":" +
+                     radios_text({RadioSpec{.channel = 40, .vaps = {{.k = true}}, .extra = lock}}));
+  EXPECT_TRUE(engine.log().has(LogLevel::Info, "process_exists_ap update_802dot11k 1 (0/1)"));
+  EXPECT_TRUE(engine.log().has(LogLevel::Info, "process_exists_ap update_802dot11r 1"));
+  EXPECT_TRUE(engine.log().has_event(EventCode::DomainChanged, "site"));
+  EXPECT_FALSE(engine.log().has(LogLevel::Debug, "Not-equivalent or force (0) subscribe request"));
+}
+
+TEST(RrmWorkerSubscription, WithAnotherWildcardFlagUpdatesTheLinks) {
+  DomainConfig config = Engine::quiet_config();
+  config.use_80211r = true;
+  Engine engine(config);
+  engine.subscribe(1, {RadioSpec{}});
+  for (const int flag : {1, 1, 0}) {
+    const bool changed = engine.ap(1)->use_wildcard_80211r != (flag != 0);
+    engine.log().clear();
+    engine.subscribe(1, {RadioSpec{}}, 0, ",\"use-wildcard-80211r\":" + std::to_string(flag));
+    EXPECT_EQ(engine.ap(1)->use_wildcard_80211r, flag != 0);
+    EXPECT_TRUE(engine.log().has(LogLevel::Info,
+                                 "process_exists_ap update_802dot11r " + std::to_string(changed)));
+  }
+  // A change of settings says nothing of the flag.
+  engine.ap(1)->use_wildcard_80211r = true;
+  engine.receive("rrm-config-changed", 1, 101, "\"radios\":" + radios_text({RadioSpec{}}));
+  EXPECT_TRUE(engine.ap(1)->use_wildcard_80211r);
+}
+
+TEST(RrmWorkerConfigChanged, OfTheLoadUpdatesTheListsAndMarksTheRadios) {
+  DomainConfig config = Engine::quiet_config();
+  config.use_80211v = true;
+  config.use_balance = true;
+  Engine engine(config);
+  const RadioSpec radio{.vaps = {{.v = true}}, .locked_80211v = 0};
+  engine.subscribe(1, {radio});
+  Radio& known = *engine.ap(1)->radios.find(0);
+  known.changed = false;
+  const auto report = [&] {
+    engine.log().clear();
+    engine.receive("rrm-config-changed", 1, 101, "\"radios\":" + radios_text({radio}));
+  };
+  report();
+  EXPECT_TRUE(engine.log().has(LogLevel::Info, "process_exists_ap update_802dot11kv 0 (1/1/0)"));
+  EXPECT_FALSE(known.changed);
+  known.load_level = 7;
+  report();
+  EXPECT_TRUE(engine.log().has(LogLevel::Info, "process_exists_ap update_802dot11kv 1 (1/1/1)"));
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Planning 802.11v optimization (timer restarted)"));
+  EXPECT_TRUE(known.changed);
+}
+
+// --- events of clients
+
+struct BalancerRoute {
+  const char* name;
+  bool balance;
+  bool v;
+  int locked_balancer;
+  int locked_80211v;
+  const char* handled;  ///< the record of the one that gets an association; null: dropped
+};
+
+class BalancerRoutes : public testing::TestWithParam<BalancerRoute> {};
+
+TEST_P(BalancerRoutes, LeadAnAssociationToOneOfThem) {
+  const BalancerRoute& test = GetParam();
+  DomainConfig config = Engine::quiet_config();
+  config.use_balance = test.balance;
+  config.use_80211v = test.v;
+  Engine engine(config);
+  std::vector<RadioSpec> radios;
+  for (int id = 0; id < 3; ++id)
+    radios.push_back({.id = id,
+                      .vaps = {{.v = true}},
+                      .locked_balancer = test.locked_balancer,
+                      .locked_80211v = test.locked_80211v});
+  engine.subscribe(1, radios);
+  engine.log().clear();
+  engine.receive("rrm-client-assoc", 1, 101,
+                 R"("radio":0,"rssi":-50,"sta-mac":"02:aa:00:00:00:01","ssid":"office")");
+  Texts associations;
+  for (const std::string& text : engine.log().texts(LogLevel::Debug))
+    if (text.starts_with("Assocc client")) associations.push_back(text);
+  EXPECT_EQ(associations, test.handled != nullptr ? Texts{test.handled} : Texts{});
+}
+
+constexpr const char* kByTheBalancer =
+    "Assocc client 02:aa:00:00:00:01 rssi -50 radio_id 0 ssid office no_balance 0 send_ack 0 "
+    "lock_balancer 0 (ap 00:11:22:00:01:00)";
+constexpr const char* kBy80211v =
+    "Assocc client 02:aa:00:00:00:01 rssi -50 radio_id 0 ssid office (ap 00:11:22:00:01:00)";
+
+INSTANTIATE_TEST_SUITE_P(
+    Of, BalancerRoutes,
+    testing::Values(BalancerRoute{"BothGoesToTheProbeBalancer", true, true, 0, 0, kByTheBalancer},
+                    BalancerRoute{"LockedRadiosGoesTo80211v", true, true, 1, 0, kBy80211v},
+                    BalancerRoute{"NoBalancingGoesTo80211v", false, true, 0, 0, kBy80211v},
+                    BalancerRoute{"No80211vGoesToTheProbeBalancer", true, false, 0, 0,
+                                  kByTheBalancer},
+                    BalancerRoute{"LockedForBothIsDropped", true, true, 1, 1, nullptr},
+                    BalancerRoute{"NeitherIsDropped", false, false, 0, 0, nullptr}),
+    [](const auto& test) { return test.param.name; });
+
+TEST(RrmWorkerBalancerCmd, OfAParkedAccessPointIsHandled) {
+  DomainConfig config = Engine::quiet_config();
+  config.use_80211v = true;
+  Engine engine(config);
+  engine.subscribe(1, {RadioSpec{.vaps = {{.v = true}}, .locked_80211v = 0}});
+  engine.worker().aps().move_all(engine.worker().unanswered_aps());
+  engine.receive("rrm-client-assoc", 1, 101,
+                 R"("radio":0,"rssi":-50,"sta-mac":"02:aa:00:00:00:01","ssid":"office")");
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "To unanswered rrm balancer cmd"));
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug,
+                               "process_message balancer rrm-client-assoc for 00:11:22:00:01:00"));
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, kBy80211v));
+}
+
 // --- ageing
 
 TEST(RrmWorkerTick, ErasesAccessPointsThatStayAwayAndEndsTheDomain) {
@@ -527,6 +704,66 @@ TEST(RrmWorkerTick, PlansAnewWhenTheLastAbsentAccessPointIsForgotten) {
   EXPECT_FALSE(engine.worker().is_stopped());
 }
 
+TEST(RrmWorkerTick, ForgettingTheLastAbsentAccessPointLeavesARunningScanAlone) {
+  DomainConfig config = Engine::quiet_config();
+  config.use_optimization_event = true;
+  config.away_timeout = 10;
+  config.planning_delay = 5;
+  config.scan_wait = 100;
+  Engine engine(config);
+  ASSERT_TRUE(engine.worker().connect());
+  engine.subscribe(1, {RadioSpec{}});
+  engine.subscribe(2, {RadioSpec{}});
+  engine.pass(5);
+  ASSERT_EQ(engine.state(), 2);
+  engine.close_session(102);
+  engine.pass(5);
+  EXPECT_TRUE(engine.worker().aps_to_delete().empty());
+  EXPECT_EQ(engine.state(), 2);
+}
+
+TEST(RrmWorkerTick, ForgettingTheLastAbsentAccessPointMarksTheRadiosOfTheOthers) {
+  for (const bool use_80211v : {false, true}) {
+    DomainConfig config = Engine::quiet_config();
+    config.use_80211v = use_80211v;
+    Engine engine(config);
+    ASSERT_TRUE(engine.worker().connect());
+    engine.subscribe(1, {RadioSpec{}});
+    engine.subscribe(2, {RadioSpec{}});
+    engine.close_session(102);
+    for (Radio& radio : engine.ap(1)->radios.radios) radio.changed = false;
+    engine.pass(120);
+    for (const Radio& radio : engine.ap(1)->radios.radios) EXPECT_EQ(radio.changed, use_80211v);
+  }
+}
+
+TEST(RrmWorkerTick, OfNoSecondsCountsAsOne) {
+  DomainConfig config = Engine::quiet_config();
+  config.tick_period = 0;
+  Engine engine(config);
+  EXPECT_EQ(engine.worker().away_ticks(), 120);
+  ASSERT_TRUE(engine.worker().connect());
+  engine.pass(1);
+  EXPECT_TRUE(engine.worker().is_stopped());
+}
+
+TEST(RrmWorkerBalancerTick, RunsWithEitherOptionAndForgetsClientsThatWereExpected) {
+  for (const int options : {0, 1, 2, 3}) {
+    DomainConfig config = Engine::quiet_config();
+    config.use_balance = (options & 1) != 0;
+    config.use_80211v = (options & 2) != 0;
+    Engine engine(config);
+    engine.subscribe(1, {RadioSpec{}});
+    AssocMap& clients = engine.ap(1)->radios.find(0)->assoc_clients;
+    const MacAddress client = MacAddress::from_text(client_mac(1).c_str());
+    clients.expect_client(client, client, 0, 2);
+    engine.pass(1);
+    EXPECT_EQ(clients.expected().size(), 1u);
+    engine.pass(1);
+    EXPECT_EQ(clients.expected().size(), options == 0 ? 1u : 0u) << options;
+  }
+}
+
 TEST(RrmWorkerTick, EndsADomainThatNeverGotAnAccessPoint) {
   Engine engine;
   ASSERT_TRUE(engine.worker().connect());
@@ -543,6 +780,22 @@ TEST(RrmWorkerTick, StopsWithTheWorker) {
   EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Stop worker site"));
   engine.pass(20);
   EXPECT_FALSE(engine.worker().is_stopped());
+}
+
+TEST(RrmWorkerSubWorkers, RunTheirTimersUntilTheWorkerStops) {
+  Engine engine;
+  engine.subscribe(1, {RadioSpec{}});
+  const MacAddress client = MacAddress::from_text(client_mac(1).c_str());
+  RadioBlacklist& blacklist = engine.ap(1)->radios.find(0)->blacklist;
+  blacklist.block(client, 90);
+  const std::string record = "Skip optimize_clients (use_80211v=0 use_balance=0)";
+  engine.pass(60);
+  EXPECT_EQ(blacklist.members.at(client), 30);
+  EXPECT_EQ(engine.log().count(LogLevel::Debug, record), 1u);
+  engine.worker().disconnect();
+  engine.pass(60);
+  EXPECT_EQ(blacklist.members.at(client), 30);
+  EXPECT_EQ(engine.log().count(LogLevel::Debug, record), 1u);
 }
 
 TEST(RrmWorkerLoadBalancerPause, LastsSixTicksOfTenSeconds) {

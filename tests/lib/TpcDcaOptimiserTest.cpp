@@ -238,6 +238,14 @@ TEST_F(TpcDcaOptimiserTest, EveryAccessPointWithACandidateIsInTheResultEvenUnmov
   EXPECT_EQ(planned(kApA).neighbour_channel_count, -1);
 }
 
+TEST_F(TpcDcaOptimiserTest, TheRankIsTheNumberOfBssidsHeardFromTheDomain) {
+  add_radio(kApA, 1, {1});
+  for (unsigned i = 0; i < 3; ++i) hear(ap(kApA).visible_members, mac_of(kGone + i), -90, 1, 2);
+  hear(ap(kApA).visible_rogue, mac_of(kForeign), -90, 6, 2);
+  optimise_with(true, false);
+  EXPECT_EQ(planned(kApA).dca_rank, 3);
+}
+
 // --- powers: lowering ---------------------------------------------------------------------------
 
 TEST_F(TpcDcaOptimiserTest, ANeighbourHeardAtExactlyTPlusHDoesNotLowerItsOwner) {
@@ -405,6 +413,30 @@ TEST_F(TpcDcaOptimiserTest, TheOwnerIsFoundUnderTheTwinAndUnderAVapBssid) {
   EXPECT_EQ(planned(kApB).power, 12);
 }
 
+TEST_F(TpcDcaOptimiserTest, ABssidThatTwoClaimBelongsToTheFirstInMacOrder) {
+  add_radio(kApA, 1, {1});
+  add_radio(kApB, 1, {1}).power = 15;
+  Radio& claimant = add_radio(kApC, 1, {1});
+  claimant.power = 15;
+  claimant.vaps.vaps()["office"].mac = mac_of(kApB);
+  hears(kApA, kApB, -67);
+  hears(kApC, kApA, -70);
+  optimise_with(false, true);
+  EXPECT_EQ(planned(kApB).power, 12);
+  EXPECT_FALSE(has_plan(kApC));
+}
+
+TEST_F(TpcDcaOptimiserTest, AnAccessPointWithoutAPlannedRadioNeitherLowersNorRaises) {
+  add_radio(kApA, 0, {1});
+  add_radio(kApB, 1, {1}).power = 15;
+  hears(kApA, kApB, -40);
+  hears(kApB, kApA, -71);
+  optimise_with(false, true);
+  EXPECT_FALSE(has_plan(kApA));
+  EXPECT_FALSE(planned(kApB).conflicted);
+  EXPECT_EQ(planned(kApB).power, 20);  // it shares its channel with nobody
+}
+
 // --- powers: raising ----------------------------------------------------------------------------
 
 TEST_F(TpcDcaOptimiserTest, ARadioWithoutNeighboursOnItsChannelIsRaisedToItsMaximum) {
@@ -485,6 +517,18 @@ TEST_F(TpcDcaOptimiserTest, WithoutHdModeAnyChannelOfTheBandCountsAsShared) {
   hears(kApA, kApB, -73);
   optimise_with(false, true);
   EXPECT_EQ(planned(kApA).power, 13);
+}
+
+TEST_F(TpcDcaOptimiserTest, ARadioWithoutAChannelSharesItWithItsLike) {
+  enable_radio(add_ap(domain, kApA), 0, 2, 0);
+  enable_radio(ap(kApA), 1, 5, 36).locked_for_tpc = 1;  // lets A take part
+  enable_radio(add_ap(domain, kApB), 0, 2, 0);
+  hear(ap(kApA).visible_members, mac_of(kApB), -73, 1, 2);
+  optimise_with(false, true);
+  EXPECT_EQ(planned(kApA).power, 13);
+  ap(kApA).radios.find(0)->channel = 6;  // another one has none to share
+  optimise_with(false, true);
+  EXPECT_EQ(planned(kApA).power, 20);
 }
 
 TEST_F(TpcDcaOptimiserTest, InHdModeOnlySharedBlocksHoldARadioDown) {

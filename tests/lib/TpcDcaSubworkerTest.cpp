@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -247,6 +249,7 @@ INSTANTIATE_TEST_SUITE_P(Delay, OptimizationTime,
                                          TimeOfDay{"Tomorrow", 3600, 0, 7200, 82800},
                                          TimeOfDay{"EastOfUtc", 3600, 7200, 0, 82800},
                                          TimeOfDay{"WestOfUtc", 3600, -7200, 0, 10800},
+                                         TimeOfDay{"ADayAgoToTheSecond", 0, 43200, 43200, 86400},
                                          TimeOfDay{"TwoDaysAhead", 0, 43200, 80000, 49600}),
                          [](const auto& test) { return test.param.name; });
 
@@ -308,16 +311,47 @@ TEST(TpcDcaPlanning, OfADailyRoundThatNobodyCanAnswerDoesNotRepeatItself) {
 }
 
 TEST(TpcDcaPlanning, CountsForBalancingOnlyWhileNotAllAccessPointsAreNeighbours) {
-  for (const bool all : {false, true}) {
-    DomainConfig config = round_config();
-    config.use_dca = false;
-    config.use_tpc = false;
-    config.use_80211k = true;
-    config.use_all_ap_balance = all;
-    Engine engine(config);
-    engine.subscribe(1, {RadioSpec{}});
-    EXPECT_EQ(engine.state(), all ? 0 : 4);
+  for (const auto option :
+       {&DomainConfig::use_80211k, &DomainConfig::use_balance, &DomainConfig::use_80211v}) {
+    for (const bool all : {false, true}) {
+      DomainConfig config = round_config();
+      config.use_dca = false;
+      config.use_tpc = false;
+      config.*option = true;
+      config.use_all_ap_balance = all;
+      Engine engine(config);
+      engine.subscribe(1, {RadioSpec{}});
+      EXPECT_EQ(engine.state(), all ? 0 : 4);
+    }
   }
+}
+
+TEST(TpcDcaPlanning, OfARoundNowTakesAPlannedLinkUpdateBack) {
+  DomainConfig config = Engine::quiet_config();
+  config.use_80211r = true;
+  Engine engine(config);
+  engine.subscribe(1, {RadioSpec{.vaps = {{.r = true}}}});
+  ASSERT_EQ(engine.worker().tpc_dca().fbt_status(), 1);
+  engine.pass(5);
+  ASSERT_TRUE(engine.worker().force_optimization());
+  EXPECT_EQ(engine.worker().tpc_dca().fbt_status(), 0);
+  engine.pass(20);
+  EXPECT_FALSE(engine.log().has(LogLevel::Debug, "Process update 802dot11r domain site"));
+  EXPECT_FALSE(engine.log().has(LogLevel::Debug, "Not update 802dot11r domain site"));
+}
+
+TEST(TpcDcaPlanning, OfARoundThatStartsTakesPlannedListsBack) {
+  DomainConfig config = round_config();
+  config.use_80211k = true;
+  Engine engine(config);
+  engine.subscribe(1, {RadioSpec{}});
+  engine.pass(5);
+  engine.worker().tpc_dca().planning_update_802dot11k();  // due after the round has started
+  engine.pass(15);
+  EXPECT_EQ(engine.state(), 2);
+  engine.pass(5);
+  EXPECT_FALSE(engine.log().has(LogLevel::Debug, "Process update 802dot11k domain site"));
+  EXPECT_FALSE(engine.log().has(LogLevel::Debug, "Not update 802dot11k domain site"));
 }
 
 // --- measuring
@@ -356,17 +390,64 @@ TEST(TpcDcaScan, CollectsTheChannelsThatTheModeAnswersAnnounce) {
       << sent[0];
 }
 
+TEST(TpcDcaScan, ForgetsTheChannelsOfTheRoundBefore) {
+  Engine engine(round_config());
+  engine.worker().tpc_dca().set_optimiser(plan_nothing);
+  start_scan(engine, 1);
+  answer_scan(engine, 1, {RadioSpec{.channels = "36,40"}});
+  engine.finish_optimisation();
+  ASSERT_TRUE(engine.worker().force_optimization());
+  engine.pass(20);
+  engine.receive("rrm-mode-response", 1, 101,
+                 "\"radios\":" + radios_text({RadioSpec{.channels = "44"}}));
+  engine.pass(15);
+  const auto sent = engine.rrm().take("rrm-update");
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_NE(sent[0].find("\"rrm-scan-channels\":\"44 \""), std::string::npos) << sent[0];
+}
+
+TEST(TpcDcaScan, AsksThoseAgainWhoWereParkedByARoundThatAnEventEnded) {
+  Engine engine(round_config());
+  engine.subscribe(1, {RadioSpec{}});
+  engine.subscribe(2, {RadioSpec{.channel = 0}});
+  engine.pass(20);
+  ASSERT_EQ(engine.worker().unanswered_aps().size(), 1u);
+  engine.receive("rrm-config-changed", 2, 102, "\"radios\":" + radios_text({RadioSpec{}}));
+  engine.subscribe(3, {RadioSpec{}});
+  ASSERT_EQ(engine.state(), 4);
+  engine.rrm().take();
+  engine.pass(20);
+  EXPECT_EQ(engine.rrm().take("rrm-request-mode").size(), 3u);
+  EXPECT_TRUE(engine.worker().unanswered_aps().empty());
+}
+
+TEST(TpcDcaScan, ForgetsAnEarlierAnswerWhenModesAndAgainWhenTheScanIsRequested) {
+  Engine engine(round_config());
+  engine.subscribe(1, {RadioSpec{}});
+  for (const int seconds : {20, 15}) {
+    engine.ap(1)->active = true;
+    engine.ap(1)->radios.find(0)->power_changed = 3;
+    engine.pass(seconds);
+    EXPECT_FALSE(engine.ap(1)->active);
+    EXPECT_EQ(engine.ap(1)->radios.find(0)->power_changed, 0);
+  }
+  EXPECT_EQ(engine.state(), 3);
+}
+
 TEST(TpcDcaScan, WithoutTavroScanNamesTheAccessPointsOwnChannels) {
   DomainConfig config = round_config();
   config.use_tavro_rrm_scan = false;
   Engine engine(config);
-  engine.subscribe(1, {RadioSpec{.channels = "40,36,180,20"}});
+  engine.subscribe(1, {RadioSpec{.channels = "40,36,180,166,165,20"},
+                       RadioSpec{.id = 2, .channel = 37, .band = 6, .channels = "233,166,234,5"}});
   engine.pass(20 + 15);
   const auto sent = engine.rrm().take("rrm-update");
   ASSERT_EQ(sent.size(), 1u);
-  // 180 needs a 6 GHz radio; 20 belongs to the radio's band.
-  EXPECT_NE(sent[0].find("\"rrm-scan-channels\":\"20 36 40 \",\"rrm-scan-channels-list\":"
-                         "{\"2\":\"\",\"5\":\"20 36 40 \",\"6\":\"\"},\"tavro-rrm-scanning\":0}"),
+  // From 166 on a channel needs a 6 GHz radio and above 233 it is none; 20 belongs to the radio's
+  // band.
+  EXPECT_NE(sent[0].find("\"rrm-scan-channels\":\"20 36 40 165 5 166 233 \","
+                         "\"rrm-scan-channels-list\":{\"2\":\"\",\"5\":\"20 36 40 165 \","
+                         "\"6\":\"5 166 233 \"},\"tavro-rrm-scanning\":0}"),
             std::string::npos)
       << sent[0];
 }
@@ -387,8 +468,9 @@ TEST(TpcDcaScan, WithoutDcaRunsOneAccessPointAfterTheOther) {
 struct ScanTime {
   const char* name;
   bool tavro;
-  int channels;  ///< 5 GHz channels announced
+  int channels;  ///< announced
   int wait_s;    ///< 3 x scan time + 1
+  int band = 5;
 };
 
 class ScanWait : public testing::TestWithParam<ScanTime> {};
@@ -404,7 +486,7 @@ TEST_P(ScanWait, IsThreeScanTimesAndASecond) {
   engine.subscribe(2, {RadioSpec{}});
   engine.pass(20);
   engine.receive("rrm-mode-response", 1, 101,
-                 "\"radios\":" + radios_text({RadioSpec{.channels = channels}}));
+                 "\"radios\":" + radios_text({RadioSpec{.band = test.band, .channels = channels}}));
   engine.pass(15);
   ASSERT_EQ(engine.state(), 3);
   EXPECT_TRUE(engine.log().has(
@@ -422,7 +504,8 @@ TEST_P(ScanWait, IsThreeScanTimesAndASecond) {
 INSTANTIATE_TEST_SUITE_P(Time, ScanWait,
                          testing::Values(ScanTime{"TavroScan", true, 4, 19},
                                          ScanTime{"AtLeast14Channels", false, 4, 151},
-                                         ScanTime{"Of25Channels", false, 25, 271}),
+                                         ScanTime{"Of25Channels", false, 25, 271},
+                                         ScanTime{"Of25ChannelsAt6GHz", false, 25, 271, 6}),
                          [](const auto& test) { return test.param.name; });
 
 TEST(TpcDcaScan, DropsAccessPointsThatAnswerModesButNotTheScan) {
@@ -455,6 +538,79 @@ TEST(TpcDcaScan, PlansANewRoundAtOnceWhenEveryoneDropsOut) {
   EXPECT_FALSE(engine.worker().load_balancer_lock());
   EXPECT_EQ(engine.worker().aps().size(), 2u);
   EXPECT_EQ(statuses(engine.log()), (Texts{status_text(0), status_text(4)}));
+}
+
+TEST(TpcDcaScan, ThatEveryoneDropsOutOfStartsTheNextRoundAfresh) {
+  Engine engine(round_config());
+  start_scan(engine, 1);
+  engine.ap(1)->radios.find(0)->conflicted = true;
+  engine.pass(19);
+  ASSERT_EQ(engine.state(), 4);
+  EXPECT_FALSE(engine.ap(1)->radios.find(0)->conflicted);
+}
+
+TEST(TpcDcaScan, IgnoresTheAnswersOfADomainInWhichNoneCounts) {
+  DomainConfig config = Engine::quiet_config();
+  config.use_dca = false;
+  config.use_tpc = false;
+  config.use_optimization_time = true;
+  config.optimization_time_s = 60;
+  Engine engine(config);
+  engine.subscribe(1, {RadioSpec{}});
+  engine.pass(60);
+  ASSERT_EQ(engine.state(), 2);
+  engine.receive("rrm-mode-response", 1, 101,
+                 "\"radios\":" + radios_text({RadioSpec{.channel = 44}}));
+  EXPECT_EQ(engine.ap(1)->radios.find(0)->channel, 36);
+  engine.pass(15);
+  ASSERT_EQ(engine.state(), 3);
+  answer_scan(engine, 1, {RadioSpec{.channel = 44}});
+  EXPECT_EQ(engine.ap(1)->radios.find(0)->channel, 36);
+  EXPECT_EQ(engine.worker().tpc_dca().times().mode_response.count(), 0u);
+  EXPECT_EQ(engine.worker().tpc_dca().times().response.count(), 0u);
+}
+
+TEST(TpcDcaScan, IndexesTheRadiosThatAnAnswerSwitchesOn) {
+  const MacAddress second = MacAddress::from_text("00:11:22:00:01:10");
+  const MacAddress third = MacAddress::from_text("00:11:22:00:01:20");
+  Engine engine(round_config());
+  engine.subscribe(1, {RadioSpec{}});
+  engine.subscribe(2, {RadioSpec{}});
+  engine.pass(20);
+  EXPECT_FALSE(engine.worker().aps().contains_bssid(second));
+  engine.receive("rrm-mode-response", 1, 101,
+                 "\"radios\":" + radios_text({RadioSpec{}, RadioSpec{.id = 1}}));
+  EXPECT_TRUE(engine.worker().aps().contains_bssid(second));
+  engine.pass(15);
+  answer_scan(engine, 1, {RadioSpec{}, RadioSpec{.id = 2}});
+  EXPECT_TRUE(engine.worker().aps().contains_bssid(third));
+  EXPECT_FALSE(engine.worker().aps().contains_bssid(second));
+}
+
+TEST(TpcDcaScan, CountsADescriptionAsReceivedOnlyWithWhatWasHeard) {
+  Engine engine(round_config());
+  start_scan(engine, 2);
+  engine.receive("rrm-response", 1, 101, "\"radios\":" + radios_text({RadioSpec{}}));
+  EXPECT_TRUE(engine.ap(1)->active);
+  EXPECT_FALSE(engine.ap(1)->radios.received);
+  answer_scan(engine, 1, {RadioSpec{}});
+  EXPECT_TRUE(engine.ap(1)->radios.received);
+}
+
+TEST(TpcDcaScan, TheAnswerIsMeasuredWithThePowerInForce) {
+  Engine engine(round_config());
+  std::atomic<int> power_changed{-1};
+  engine.worker().tpc_dca().set_optimiser([&](ApMap& snapshot, auto&&...) {
+    power_changed = snapshot.aps().begin()->second->radios.find(0)->power_changed;
+    OptimisationResult result;
+    result.ok = true;
+    return result;
+  });
+  start_scan(engine, 1);
+  engine.ap(1)->radios.find(0)->power_changed = -6;
+  answer_scan(engine, 1, {RadioSpec{}});
+  engine.finish_optimisation();
+  EXPECT_EQ(power_changed, 0);
 }
 
 TEST(TpcDcaScan, LeavesOutAccessPointsWithoutAPlannedRadio) {
@@ -574,7 +730,66 @@ TEST(TpcDcaResult, LeavesARadioAloneThatWasTakenOutWhileItWasPlanned) {
                  "\"radios\":" + radios_text({RadioSpec{.extra = ",\"locked-for-dca\":1"}}));
   engine.finish_optimisation();
   EXPECT_EQ(engine.ap(1)->radios.find(0)->channel, 0);
+  EXPECT_EQ(engine.ap(1)->radios.find(0)->power, 15);
   EXPECT_EQ(engine.ap(2)->radios.find(0)->channel, 36);
+  EXPECT_EQ(engine.ap(2)->radios.find(0)->power, 9);
+}
+
+/// A plan for every enabled radio, made by a change of what it is.
+TpcDcaSubworker::Optimiser plan_by(const std::function<void(Radio&)>& change) {
+  return [change](ApMap& snapshot, auto&&...) {
+    OptimisationResult result;
+    for (const auto& [mac, ap] : snapshot.aps()) {
+      for (Radio& radio : ap->radios.radios)
+        if (radio.status) change(radio);
+      result.radios.emplace(mac, ap->radios);
+    }
+    result.ok = true;
+    return result;
+  };
+}
+
+TEST(TpcDcaResult, WithoutAChannelLeavesTheChannel) {
+  Engine engine(round_config());
+  engine.worker().tpc_dca().set_optimiser(plan_by([](Radio& radio) { radio.channel = 0; }));
+  start_scan(engine, 1);
+  answer_scan(engine, 1, {RadioSpec{}});
+  engine.finish_optimisation();
+  EXPECT_EQ(engine.ap(1)->radios.find(0)->channel, 36);
+}
+
+TEST(TpcDcaResult, TellsThePositionOfThePrimaryChannel) {
+  Engine engine(round_config());
+  engine.worker().tpc_dca().set_optimiser(
+      plan_by([](Radio& radio) { radio.primary_channel = PrimaryChannel::kUpper; }));
+  const RadioSpec radio{.channel = 6,
+                        .band = 2,
+                        .bandwidth = 40,
+                        .channels = "6",
+                        .extra = ",\"primary-channel\":\"lower\""};
+  engine.subscribe(1, {radio});
+  engine.pass(20 + 15);
+  answer_scan(engine, 1, {radio});
+  engine.rrm().take();
+  engine.finish_optimisation();
+  const auto sent = engine.rrm().take("rrm-info");
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_NE(sent[0].find("\"bandwidth\":40,\"primary-channel\":\"upper\""), std::string::npos);
+}
+
+TEST(TpcDcaResult, StaysWithinLimitsThatCameMeanwhileAndKeepsTheEirp) {
+  Engine engine(round_config());
+  engine.worker().tpc_dca().set_optimiser(plan_44);
+  start_scan(engine, 1);
+  answer_scan(engine, 1, {RadioSpec{}});
+  engine.receive("rrm-config-changed", 1, 101,
+                 "\"radios\":[{\"id\":0,\"status\":1,\"channel\":36,\"band\":5,\"power-min\":12,"
+                 "\"power-max\":20,\"bandwidth\":20,\"available-channels\":\"36,44\","
+                 "\"antenna-configuration\":{\"antenna-gain\":5,\"cable-loss\":1}}]");
+  EXPECT_EQ(engine.ap(1)->radios.find(0)->eirp, 19);
+  engine.finish_optimisation();
+  EXPECT_EQ(engine.ap(1)->radios.find(0)->power, 12);
+  EXPECT_EQ(engine.ap(1)->radios.find(0)->eirp, 16);  // 12 + 5 - 1
 }
 
 TEST(TpcDcaResult, SurvivesAccessPointsThatLeaveWhileItIsMade) {
@@ -717,6 +932,29 @@ TEST(TpcDcaReport, IsAppendedWhenTheResultIsTaken) {
   EXPECT_EQ(folder.read("report_site.txt").substr(0, 59),
             "1.1,2024-05-01,00:00:35,00:11:22:00:01:00,00:11:22:00:01:00");
   EXPECT_TRUE(folder.has("report_cfg_site.txt"));
+}
+
+TEST(TpcDcaReport, IsMadeForEitherPlanAndOnlyWhenItIsWanted) {
+  struct Case {
+    bool report;
+    bool dca;
+    bool tpc;
+    bool made;
+  };
+  for (const Case& c : {Case{true, true, false, true}, Case{true, false, true, true},
+                        Case{false, true, true, false}, Case{true, false, false, false}}) {
+    const TempFolder folder;
+    DomainConfig config = round_config();
+    config.use_rrm_report = c.report;
+    config.use_dca = c.dca;
+    config.use_tpc = c.tpc;
+    config.use_80211k = true;  // the scan serves something in any case
+    Engine engine(config, 0, ("{\"global\":{\"reports_path\":\"" + folder.path() + "\"}}").c_str());
+    start_scan(engine, 1);
+    answer_scan(engine, 1, {RadioSpec{}});
+    engine.finish_optimisation();
+    EXPECT_EQ(folder.has("report_idx_site.txt"), c.made) << c.report << c.dca << c.tpc;
+  }
 }
 
 TEST(TpcDcaReport, ThatCannotBeSavedRaisesAnEvent) {

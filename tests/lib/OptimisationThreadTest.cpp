@@ -1,0 +1,92 @@
+#include "server/lib/OptimisationThread.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <stdexcept>
+#include <thread>
+
+#include "tests/support/CapturedLog.h"
+
+namespace rrm::test {
+namespace {
+
+OptimisationResult result_named(const char* message) {
+  OptimisationResult result;
+  result.message = message;
+  return result;
+}
+
+/// Waits until it is done, for about thirty seconds at the most.
+bool ends(const OptimisationThread& thread) {
+  for (int i = 0; i < 30000 && !thread.done(); ++i) ::usleep(1000);
+  return thread.done();
+}
+
+TEST(OptimisationThread, GivesItsResultAwayOnce) {
+  OptimisationThread thread;
+  thread.launch([](const auto&) { return result_named("one"); });
+  ASSERT_TRUE(ends(thread));
+  const auto result = thread.take();
+  ASSERT_NE(result, nullptr);
+  EXPECT_EQ(result->message, "one");
+  EXPECT_EQ(thread.take(), nullptr);
+}
+
+TEST(OptimisationThread, StartsAfreshAfterAnEarlierOne) {
+  OptimisationThread thread;
+  thread.launch([](const auto&) { return result_named("one"); });
+  thread.stop();  // drops the result and leaves the flag to cancel set
+  std::atomic<bool> release{false};
+  std::atomic<bool> was_cancelled{true};
+  thread.launch([&](const std::atomic<bool>& cancel) {
+    was_cancelled = cancel.load();
+    while (!release) std::this_thread::yield();
+    return result_named("two");
+  });
+  EXPECT_FALSE(thread.done());
+  release = true;
+  ASSERT_TRUE(ends(thread));
+  const auto result = thread.take();
+  ASSERT_NE(result, nullptr);
+  EXPECT_EQ(result->message, "two");
+  EXPECT_FALSE(was_cancelled);
+}
+
+TEST(OptimisationThread, StopAsksItToEndWaitsForItAndDropsItsResult) {
+  OptimisationThread thread;
+  bool ended = false;  // read after the join only
+  thread.launch([&ended](const std::atomic<bool>& cancel) {
+    while (!cancel) std::this_thread::yield();
+    ended = true;
+    return result_named("cancelled");
+  });
+  thread.stop();
+  EXPECT_TRUE(ended);
+  EXPECT_EQ(thread.take(), nullptr);
+}
+
+TEST(OptimisationThread, IsStoppedByItsDestruction) {
+  bool ended = false;
+  {
+    OptimisationThread thread;
+    thread.launch([&ended](const std::atomic<bool>& cancel) {
+      while (!cancel) std::this_thread::yield();
+      ended = true;
+      return result_named("");
+    });
+  }
+  EXPECT_TRUE(ended);
+}
+
+TEST(OptimisationThread, LeavesNoResultWhenItThrows) {
+  CapturedLog log;
+  OptimisationThread thread;
+  thread.launch([](const auto&) -> OptimisationResult { throw std::runtime_error("boom"); });
+  ASSERT_TRUE(ends(thread));
+  EXPECT_EQ(thread.take(), nullptr);
+  EXPECT_TRUE(log.has(LogLevel::Error, "Exception at optimization thread: boom"));
+}
+
+}  // namespace
+}  // namespace rrm::test
