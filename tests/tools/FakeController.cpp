@@ -1,6 +1,7 @@
 #include "tests/tools/FakeController.h"
 
 #include <libwebsockets.h>
+#include <unistd.h>
 
 #include <stdexcept>
 
@@ -22,6 +23,8 @@ constexpr const char* kAccepted =
     R"({"service":"rrm","cmd":"subscribe-response","status":"success","config":{}})";
 constexpr const char* kRefused =
     R"({"service":"rrm","cmd":"subscribe-response","status":"fail","code":503})";
+constexpr const char* kKeys =
+    R"({"service":"rrm","cmd":"fbt-info","vaps":[{"vap_id":0,"remotes":[{}]}]})";
 
 }  // namespace
 
@@ -76,6 +79,7 @@ int FakeController::on_callback(lws* wsi, int reason, const char* data, std::siz
     case LWS_CALLBACK_SERVER_WRITEABLE: {
       Session& session = sessions_[wsi];
       if (session.outgoing.empty()) return 0;
+      if (session.outgoing.front() == kKeys) usleep(30'000);
       std::string text = std::string(LWS_PRE, '\0') + session.outgoing.front();
       session.outgoing.erase(session.outgoing.begin());
       lws_write(wsi, reinterpret_cast<unsigned char*>(text.data()) + LWS_PRE, text.size() - LWS_PRE,
@@ -101,6 +105,7 @@ void FakeController::answer(lws* wsi, Session& session, const std::string& text)
     send_all(
         R"({"service":"rrm","cmd":"rrm-info","config":{"radios":[{"id":0,"channel":11,"power":8}]},"x":")" +
         behaviour_.plan_padding + "\"}");
+    if (behaviour_.keys) send_all(kKeys);
   }
 }
 

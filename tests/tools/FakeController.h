@@ -25,6 +25,7 @@ class FakeController {
     std::uint32_t drop_subscriptions = 0;    ///< the first so many are answered by closing
     std::uint32_t refuse_subscriptions = 0;  ///< the next so many by "fail" 503
     std::string plan_padding{};              ///< added to every plan, to make it long
+    bool keys = false;                       ///< one 802.11r link each, some ms behind the plan
   };
 
   explicit FakeController(Behaviour behaviour);

@@ -49,6 +49,14 @@ TEST(Simulation, TakesPlansOfManyFragments) {
   EXPECT_EQ(result.report.counters.not_understood, 0u);
 }
 
+TEST(Simulation, CountsTheKeysThatComeBehindTheLastPlan) {
+  FakeController controller({.aps = 1, .keys = true});
+  World world(Scenario::of_size(1, 1, 1));
+  const SimulationResult result = simulate(world, quick(controller.port()));
+  EXPECT_EQ(result.ending, Ending::Once);
+  EXPECT_EQ(result.report.fbt_links, 1);
+}
+
 TEST(Simulation, ComesBackAfterConnectionsThatWereClosedOrRefused) {
   FakeController controller({.aps = 4, .drop_subscriptions = 3, .refuse_subscriptions = 2});
   World world(Scenario::of_size(4, 1, 1));

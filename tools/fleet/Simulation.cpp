@@ -15,6 +15,7 @@ namespace {
 
 constexpr double kTick = 0.01;          ///< seconds between two advances
 constexpr Millis kShowEvery = 200;      ///< ms between two looks of the progress
+constexpr Millis kSettle = 500;         ///< ms
 constexpr rlim_t kOwnDescriptors = 64;  ///< beside one for every access point
 
 Millis monotonic_ms() noexcept {
@@ -107,8 +108,15 @@ class Simulation {
       shown_ = now;
       progress_.show(run_, now);
     }
-    if (options_.once && run_.every_domain_planned()) return end(Ending::Once);
+    if (options_.once && settled(now)) return end(Ending::Once);
     if (options_.duration > 0 && now - run_.started() >= options_.duration) end(Ending::Duration);
+  }
+
+  /// Whether every domain has its plan, and what follows a plan (802.11r keys) had time to come.
+  bool settled(Millis now) {
+    if (!run_.every_domain_planned()) return false;
+    if (planned_ == 0) planned_ = now;
+    return now - planned_ >= kSettle;
   }
 
   void end(Ending ending) {
@@ -127,6 +135,7 @@ class Simulation {
   ev_signal interrupt_{};
   ev_signal terminate_{};
   Millis shown_ = 0;
+  Millis planned_ = 0;  ///< when every domain had its first plan; 0 before
   Ending ending_ = Ending::Signal;
 };
 
