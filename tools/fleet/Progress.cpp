@@ -169,15 +169,16 @@ void Progress::redraw(const FleetRun& run, Millis now) {
 
 void Progress::print_changes(const FleetRun& run, Millis now) {
   const bool first = stages_.empty();
-  stages_.resize(run.domains().size(), Stage::Subscribing);
+  stages_.resize(run.domains().size(), {Stage::Subscribing, 0});
   bool printed = false;
   for (std::size_t i = 0; i < stages_.size(); ++i) {
-    const Stage stage = run.domains()[i].round.stage();
-    if (stage == stages_[i]) continue;
-    stages_[i] = stage;
+    const DomainRound& round = run.domains()[i].round;
+    const std::pair reached(round.stage(), round.rounds());
+    if (reached == stages_[i]) continue;
+    stages_[i] = reached;
     if (stages_.size() > kMostDomains) continue;
     std::fprintf(stream_, "%6.1f s  %s\n", seconds(now - run.started()),
-                 domain_line(run.world().sites()[i].domain, run.domains()[i].round).c_str());
+                 domain_line(run.world().sites()[i].domain, round).c_str());
     printed = true;
   }
   if (first || now - last_line_ >= kLineEvery) {

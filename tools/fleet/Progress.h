@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tools/fleet/FleetRun.h"
@@ -37,8 +39,8 @@ class Progress {
 
   std::FILE* stream_;
   bool terminal_;
-  std::size_t drawn_ = 0;  ///< lines of the block on the screen
-  std::vector<Stage> stages_;
+  std::size_t drawn_ = 0;                                ///< lines of the block on the screen
+  std::vector<std::pair<Stage, std::uint32_t>> stages_;  ///< and rounds, last told by domain
   std::string clients_;  ///< the clients' line, made anew every few seconds
   Millis clients_at_ = -1000000;
   Millis last_line_ = 0;
