@@ -67,7 +67,7 @@ class MacMap {
   }
 
   /// @return how many entries the key had
-  std::size_t erase(const MacAddress& mac) noexcept {
+  std::size_t erase(const MacAddress& mac) {
     if (slots_.empty()) return 0;
     const std::size_t at = probe(mac);
     if (slots_[at] == 0) return 0;
@@ -79,6 +79,7 @@ class MacMap {
     }
     free_slot(at);
     entries_.pop_back();
+    if (entries_.capacity() > kKeptEntries && 8 * size() < entries_.capacity()) shrink();
     return 1;
   }
 
@@ -145,8 +146,19 @@ class MacMap {
     slots_[gap] = 0;
   }
 
-  void grow() {
-    slots_.assign(slots_.empty() ? kFirstSlots : 2 * slots_.size(), 0);
+  void grow() { index(slots_.empty() ? kFirstSlots : 2 * slots_.size()); }
+
+  /// Gives back what a rush of entries has needed.
+  void shrink() {
+    std::vector<value_type> kept;
+    kept.reserve(2 * size() + 1);
+    std::move(entries_.begin(), entries_.end(), std::back_inserter(kept));
+    entries_.swap(kept);
+    index(std::max(kFirstSlots, std::bit_ceil(4 * size())));
+  }
+
+  void index(std::size_t slots) {
+    slots_ = std::vector<std::uint32_t>(slots);
     for (std::size_t i = 0; i < entries_.size(); ++i)
       slot_of(entries_[i].first) = static_cast<std::uint32_t>(i + 1);
   }
@@ -172,7 +184,7 @@ class MacSet {
   }
   bool contains(const MacAddress& mac) const noexcept { return map_.contains(mac); }
   void insert(const MacAddress& mac) { map_.try_emplace(mac); }
-  void erase(const MacAddress& mac) noexcept { map_.erase(mac); }
+  void erase(const MacAddress& mac) { map_.erase(mac); }
   void clear() noexcept { map_.clear(); }
 
  private:

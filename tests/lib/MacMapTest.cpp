@@ -95,6 +95,20 @@ TEST(MacMap, ErasingPutsTheLastEntryIntoTheGap) {
   EXPECT_EQ(MacMap<int>().erase(mac(1)), 0u);
 }
 
+TEST(MacMap, KeepsItsEntriesWhileARushOfOthersGoes) {
+  MacMap<std::uint32_t> map;
+  for (std::uint32_t i = 0; i < 5000; ++i) map[mac(i)] = i;
+  for (std::uint32_t i = 5000; i-- > 3;) {
+    ASSERT_EQ(map.erase(mac(i)), 1u);
+    ASSERT_EQ(map.at(mac(i / 2)), i / 2);
+  }
+  EXPECT_EQ(map.size(), 3u);
+  EXPECT_FALSE(map.contains(mac(3)));
+  map[mac(4000)] = 1;
+  EXPECT_EQ(map.at(mac(2)), 2u);
+  EXPECT_EQ(map.at(mac(4000)), 1u);
+}
+
 TEST(MacMap, HoldsWhatAnUnorderedMapHoldsWhileEntriesComeAndGo) {
   std::mt19937 random(2);
   MacMap<std::uint32_t> map;
