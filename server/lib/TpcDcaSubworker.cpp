@@ -434,8 +434,8 @@ void TpcDcaSubworker::update_802dot11r() {
     if (!ap->fbt_changed) continue;
     post_results_802dot11r_ap(*ap, true, false);
     ap->fbt_changed = false;
+    worker().broadcast_buffer_flush();  // in a large domain one message takes a megabyte
   }
-  worker().broadcast_buffer_flush();
 }
 
 }  // namespace rrm

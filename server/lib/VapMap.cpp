@@ -82,15 +82,26 @@ bool any_vap(const VapMap::Map& vaps, Flag flag) {
 
 }  // namespace
 
+const SharedFbtLink& Vap::as_link() {
+  const FbtLink* known = own_link.get();
+  const bool current = known != nullptr && known->remote_r0_kh_id == r0_keyholder &&
+                       known->remote_r1_kh_id == r1_keyholder && known->remote_r1_kh_key == rrb_key;
+  if (!current) own_link = SharedFbtLink({r0_keyholder, r1_keyholder, rrb_key});
+  return own_link;
+}
+
 bool Vap::has_link(const Vap& remote) const {
-  return std::any_of(links.begin(), links.end(),
-                     [&](const FbtLink& link) { return links_to(link, remote); });
+  return std::any_of(links.list().begin(), links.list().end(),
+                     [&](const SharedFbtLink& link) { return links_to(*link, remote); });
 }
 
 void Vap::remove_link(const Vap& remote) {
-  const auto found = std::find_if(links.begin(), links.end(),
-                                  [&](const FbtLink& link) { return links_to(link, remote); });
-  if (found != links.end()) links.erase(found);
+  FbtLinks::List left = links.list();
+  const auto found = std::find_if(
+      left.begin(), left.end(), [&](const SharedFbtLink& link) { return links_to(*link, remote); });
+  if (found == left.end()) return;
+  left.erase(found);
+  links.assign(std::move(left));
 }
 
 void Vap::add_link(const Vap& remote) { add_link_as(remote, remote.r1_keyholder); }
@@ -100,10 +111,10 @@ void Vap::add_link_as(const Vap& remote, const std::string& r1_id) {
 }
 
 bool Vap::link_broadcast_802dot11r() {
-  const bool linked = std::any_of(links.begin(), links.end(), [](const FbtLink& link) {
-    return link.remote_r1_kh_id == kBroadcastHolder;
-  });
-  if (linked) return false;
+  const auto is_broadcast = [](const SharedFbtLink& link) {
+    return link->remote_r1_kh_id == kBroadcastHolder;
+  };
+  if (std::any_of(links.list().begin(), links.list().end(), is_broadcast)) return false;
   links.push_back({"*", kBroadcastHolder, broadcast_key()});
   RRM_LOG(Debug, "FBT broadcast mac added");
   return true;
@@ -116,12 +127,21 @@ void Vap::fbt_from_json(const JsonReader& reader) {
   rrb_key = reader.get_str("fbt-rrb-key");
   const JsonReader array = reader.child("fbt-links");
   const int count = static_cast<int>(array.size());
+  FbtLinks::List read = links.list();
   for (int i = 0; i < count; ++i) {
     const JsonReader link = array.child(i);
     if (link.is_null()) continue;
-    links.push_back({link.get_str("remote-r0-kh-id"), link.get_str("remote-r1-kh-id"),
-                     link.get_str("remote-r1-kh-key")});
+    read.push_back(SharedFbtLink({link.get_str("remote-r0-kh-id"), link.get_str("remote-r1-kh-id"),
+                                  link.get_str("remote-r1-kh-key")}));
   }
+  links.assign(std::move(read));
+}
+
+void link_to_json(const FbtLink& link, JsonWriter& array) {
+  JsonWriter element = JsonWriter::object(array);
+  element.add("remote-r0-kh-id", link.remote_r0_kh_id);
+  element.add("remote-r1-kh-id", link.remote_r1_kh_id);
+  element.add("remote-r1-kh-key", link.remote_r1_kh_key);
 }
 
 void Vap::to_json(JsonWriter& object) const {
@@ -131,19 +151,14 @@ void Vap::to_json(JsonWriter& object) const {
   object.add("fbt-rrb-key", rrb_key);
   if (!use_80211r || links.empty()) return;
   JsonWriter array = JsonWriter::array(object, "fbt-links");
-  for (const FbtLink& link : links) {
-    JsonWriter element = JsonWriter::object(array);
-    element.add("remote-r0-kh-id", link.remote_r0_kh_id);
-    element.add("remote-r1-kh-id", link.remote_r1_kh_id);
-    element.add("remote-r1-kh-key", link.remote_r1_kh_key);
-  }
+  for (const SharedFbtLink& link : links.list()) link_to_json(*link, array);
 }
 
 void Vap::to_json_short(JsonWriter& object) const {
   identity_to_json(*this, object);
   if (!use_80211r || links.empty()) return;
   JsonWriter array = JsonWriter::array(object, "fbt-links");
-  for (const FbtLink& link : links) array.add({}, link.remote_r1_kh_id);
+  for (const SharedFbtLink& link : links.list()) array.add({}, link->remote_r1_kh_id);
 }
 
 std::uint16_t mobility_domain(std::string_view ssid) noexcept {

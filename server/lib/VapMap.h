@@ -4,20 +4,13 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <vector>
 
+#include "server/lib/FbtLinks.h"
 #include "server/lib/JsonReader.h"
 #include "server/lib/JsonWriter.h"
 #include "server/lib/MacAddress.h"
 
 namespace rrm {
-
-/// A remote key holder of 802.11r fast BSS transition.
-struct FbtLink {
-  std::string remote_r0_kh_id;   ///< or "*" for the broadcast link
-  std::string remote_r1_kh_id;   ///< MAC text, or "ff:ff:ff:ff:ff:ff" for the broadcast link
-  std::string remote_r1_kh_key;  ///< key shared with that key holder
-};
 
 /// One virtual access point (SSID) of a radio.
 struct Vap {
@@ -30,8 +23,11 @@ struct Vap {
   std::string r0_keyholder;
   std::string r1_keyholder;  ///< MAC text
   std::string rrb_key;       ///< own key offered to remote key holders
-  std::vector<FbtLink> links;
+  FbtLinks links;
+  SharedFbtLink own_link;  ///< what remote VAPs hold of this one; use as_link()
 
+  /// This VAP as a link of others; the same object while its key holders and key stay the same.
+  const SharedFbtLink& as_link();
   bool has_link(const Vap& remote) const;
   void remove_link(const Vap& remote);
   void add_link(const Vap& remote);
@@ -44,6 +40,9 @@ struct Vap {
   void to_json(JsonWriter& object) const;        ///< full form, with key material
   void to_json_short(JsonWriter& object) const;  ///< without key material
 };
+
+/// Appends {"remote-r0-kh-id", "remote-r1-kh-id", "remote-r1-kh-key"} to an array.
+void link_to_json(const FbtLink& link, JsonWriter& array);
 
 /// 802.11r mobility domain of an SSID: the plain remainder by x^16 + x^15 + x^2 + 1 (no zero bits
 /// appended) over its bytes, most significant bit first; 0 for an empty SSID.

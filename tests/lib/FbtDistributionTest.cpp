@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdio>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "server/lib/TpcDcaSubworker.h"
@@ -340,6 +342,122 @@ TEST(FbtLinks, AreCompleteInRandomDomains) {
     engine.worker().tpc_dca().update_802dot11r();
     audit_links(engine.worker());
   }
+}
+
+/// The links that a VAP is to have, pair by pair.
+FbtLinks expected_links(const ApMap& aps, const ApEntry& ap, const Radio& radio, const Vap& vap) {
+  std::vector<const Vap*> peers;
+  for (const auto& [mac, other] : aps.aps()) {
+    if (mac == ap.base_mac) continue;
+    const bool six =
+        std::any_of(other->radios.radios.begin(), other->radios.radios.end(),
+                    [](const Radio& candidate) { return candidate.status && candidate.band == 6; });
+    for (const Radio& peer : other->radios.radios) {
+      if (!peer.status || (peer.band != radio.band && !six)) continue;
+      for (const auto& [ssid, remote] : peer.vaps.vaps())
+        if (ssid == vap.ssid && remote.use_80211r) peers.push_back(&remote);
+    }
+  }
+  const auto holder = [](const std::string& text) {
+    MacAddress mac = MacAddress::from_text(text.c_str());
+    return mac.bytes[0] & 2 ? mac.twin() : mac;
+  };
+  Vap result = vap;
+  result.links.clear();
+  for (const SharedFbtLink& link : vap.links.list()) {
+    const bool valid = std::any_of(peers.begin(), peers.end(), [&](const Vap* remote) {
+      return holder(remote->r1_keyholder) == holder(link->remote_r1_kh_id) &&
+             remote->rrb_key == link->remote_r1_kh_key;
+    });
+    if (valid) result.links.push_back(*link);
+  }
+  for (const Vap* remote : peers)
+    if (!result.has_link(*remote)) result.add_link(*remote);
+  return result.links;
+}
+
+bool same_links(const FbtLinks& a, const FbtLinks& b) {
+  return std::equal(a.list().begin(), a.list().end(), b.list().begin(), b.list().end(),
+                    [](const auto& x, const auto& y) { return *x == *y; });
+}
+
+TEST(FbtLinks, OfAnyHistoryAreWhatTheirDefinitionSaysPairByPair) {
+  for (unsigned seed = 1; seed <= 30; ++seed) {
+    std::mt19937 random(seed);
+    const auto pick = [&](int count) { return static_cast<int>(random() % unsigned(count)); };
+    // Few key holders and keys, in several spellings, so that many VAPs share them.
+    const auto r1 = [&] {
+      const char* forms[] = {"00:AA:00:00:00:0%d", "02:aa:00:00:00:0%d", "nonsense%d"};
+      char text[24];
+      std::snprintf(text, sizeof text, forms[pick(3)], pick(3));
+      return std::string(text);
+    };
+    const auto r0 = [&] { return "r" + std::to_string(pick(2)); };
+    const auto key = [&](int ssid) {
+      return std::string(1, char('K' + ssid)) + char('0' + pick(2));
+    };
+    Engine engine(fbt_config());
+    for (int round = 0; round < 4; ++round) {
+      for (int n = 1; n <= 6; ++n) {
+        std::vector<RadioSpec> radios;
+        for (int id = 0; id < 3; ++id) {
+          const int bands[] = {2, 5, 6};
+          RadioSpec radio{
+              .id = id, .channel = 1, .band = bands[pick(8) % 3], .status = pick(5) > 0};
+          for (int ssid = 0; ssid < 2; ++ssid) {
+            std::string extra = ",\"fbt-rrb-key\":\"" + key(ssid) + "\",\"fbt-r0-keyholder\":\"" +
+                                r0() + "\",\"fbt-r1-keyholder\":\"" + r1() + "\"";
+            extra += ",\"fbt-links\":[" + remote(r0(), r1(), key(ssid)) + "," +
+                     remote(r0(), r1(), key(ssid)) + "]";
+            radio.vaps.push_back({.id = ssid,
+                                  .ssid = std::string(1, char('a' + ssid)),
+                                  .r = pick(4) > 0,
+                                  .extra = extra});
+          }
+          radios.push_back(radio);
+        }
+        if (round == 0 || pick(3) == 0) engine.subscribe(n, radios);
+      }
+      std::vector<std::pair<const Vap*, FbtLinks>> expected;
+      for (const auto& [mac, ap] : engine.worker().aps().aps())
+        for (const Radio& radio : ap->radios.radios)
+          for (const auto& [ssid, vap] : radio.vaps.vaps())
+            if (radio.status && vap.use_80211r)
+              expected.emplace_back(&vap, expected_links(engine.worker().aps(), *ap, radio, vap));
+      engine.worker().tpc_dca().update_802dot11r();
+      for (const auto& [vap, links] : expected) {
+        EXPECT_TRUE(same_links(vap->links, links)) << "seed " << seed << " round " << round;
+      }
+    }
+    engine.log().clear();
+    engine.worker().tpc_dca().update_802dot11r();
+    EXPECT_TRUE(engine.log().has(LogLevel::Debug, "FBT settings changed = 0")) << "seed " << seed;
+  }
+}
+
+TEST(FbtLinks, ToOneVapAreStoredOnceForAllThatHaveThem) {
+  Engine engine(fbt_config());
+  for (int n = 1; n <= 3; ++n) engine.subscribe(n, {keyed_radio("KEY" + std::to_string(n))});
+  engine.worker().tpc_dca().update_802dot11r();
+  const auto stored = [&](int ap) -> const FbtLink* {
+    for (const SharedFbtLink& link : vap_of(engine, ap).links.list())
+      if (link->remote_r1_kh_key == "KEY3") return link.get();
+    return nullptr;
+  };
+  ASSERT_NE(stored(1), nullptr);
+  EXPECT_EQ(stored(1), stored(2));
+  // A backup or a message brings links of its own; the next update finds them again.
+  Vap& vap = engine.ap(1)->radios.find(0)->vaps.vaps().at("office");
+  const FbtLinks before = vap.links;
+  FbtLinks::List own;
+  for (const SharedFbtLink& link : before.list()) own.push_back(SharedFbtLink(*link));
+  vap.links.assign(std::move(own));
+  EXPECT_NE(stored(1), stored(2));
+  engine.log().clear();
+  engine.worker().tpc_dca().update_802dot11r();
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "FBT settings changed = 0"));
+  EXPECT_EQ(stored(1), stored(2));
+  EXPECT_TRUE(same_links(vap.links, before));
 }
 
 // --- wildcard
