@@ -1,0 +1,311 @@
+#include "tools/ctl/ConfigCheck.h"
+
+#include <algorithm>
+#include <array>
+#include <set>
+#include <string_view>
+
+#include "json/JsonError.h"
+#include "json/JsonParser.h"
+#include "json/JsonSerializer.h"
+#include "server/lib/Config.h"
+#include "server/lib/JsonReader.h"
+#include "server/lib/JsonWriter.h"
+#include "server/lib/Overloaded.h"
+
+namespace rrm::ctl {
+namespace {
+
+using yajson::JsonValue;
+
+constexpr std::string_view kSections[] = {"version", "global", "common", "domains", "patterns"};
+constexpr std::string_view kDomainKeys[] = {"domain", "pattern", "time_zone"};
+constexpr char kCommon[] = "common";
+
+template <class Options>
+auto find_option(const Options& options, std::string_view key) {
+  return std::find_if(options.begin(), options.end(),
+                      [key](const auto& option) { return key == option.key; });
+}
+
+/// A document that holds one member only.
+JsonReader alone(std::string_view key, const JsonValue& value) {
+  JsonWriter document;
+  document.add(key, value);
+  return JsonReader(document.c_str());
+}
+
+/// The value that the controller keeps for a key after reading this document.
+std::string kept_globally(const JsonReader& document, const char* key) {
+  GlobalConfig config;
+  config.apply_global(document);
+  JsonWriter stored;
+  config.global_to_json(stored);
+  return yajson::serialize(*stored.resolve().find(key));
+}
+
+std::string kept_in_domain(const JsonReader& document, const char* key) {
+  DomainConfig config;
+  config.apply(document);
+  JsonWriter stored;
+  config.to_json(stored);
+  return yajson::serialize(*stored.resolve().find(key));
+}
+
+std::string hours_minutes(std::int32_t seconds) {
+  const std::int32_t minutes = seconds % 3600 / 60;
+  return std::to_string(seconds / 3600) + (minutes < 10 ? ":0" : ":") + std::to_string(minutes);
+}
+
+/// The range of an option for people.
+template <class Option>
+std::string range_of(const Option& option) {
+  return std::visit(Overloaded{[](const typename Option::Flag&) { return std::string("0 or 1"); },
+                               [](const typename Option::Number& number) {
+                                 return std::to_string(number.min) + " to " +
+                                        std::to_string(number.max);
+                               },
+                               [](const typename Option::Time& time) {
+                                 return hours_minutes(time.min) + " to " + hours_minutes(time.max);
+                               },
+                               [](const auto&) { return std::string("any text"); }},
+                    option.kind);
+}
+
+template <class Option>
+bool is_flag(const Option& option) {
+  return std::holds_alternative<typename Option::Flag>(option.kind);
+}
+
+template <class Option>
+bool wants_text(const Option& option) {
+  return !is_flag(option) && !std::holds_alternative<typename Option::Number>(option.kind);
+}
+
+/// The digits of a whole number, however it is written and however many there are.
+std::string number_of(const JsonValue& value) {
+  std::string text = value.is_string() ? std::string(value.as_string()) : yajson::serialize(value);
+  if (text == "true") return "1";
+  if (text == "false") return "0";
+  const bool negative = text.starts_with('-');
+  const std::size_t first = text.find_first_not_of("+-0");
+  if (first == std::string::npos) return "0";
+  return (negative ? "-" : "") + text.substr(first);
+}
+
+/// Whether the value is a whole number, written as one, as a text or as true or false.
+bool is_integer(const JsonValue& value) {
+  if (value.is_null() || value.is_array() || value.is_object()) return false;
+  const std::string text =
+      value.is_string() ? std::string(value.as_string()) : yajson::serialize(value);
+  if (text == "true" || text == "false") return !value.is_string();
+  const std::size_t sign = !text.empty() && (text[0] == '-' || text[0] == '+') ? 1 : 0;
+  return text.size() > sign && text.find_first_not_of("0123456789", sign) == std::string::npos;
+}
+
+class Checker {
+ public:
+  std::vector<Finding> run(const std::string& text) {
+    JsonValue document;
+    try {
+      yajson::ParseOptions options;
+      options.allow_duplicate_keys = true;
+      document = yajson::parse(text, options);
+    } catch (const yajson::ParseError& error) {
+      find("file", std::string("no JSON, so every setting has its default: ") + error.what());
+      return std::move(findings_);
+    }
+    check_repeated_keys(text);
+    if (document.is_object())
+      check_document(document);
+    else
+      find("file", "no JSON object, so every setting has its default");
+    return std::move(findings_);
+  }
+
+ private:
+  void find(std::string where, std::string what) {
+    findings_.push_back({std::move(where), std::move(what)});
+  }
+
+  void check_repeated_keys(const std::string& text) {
+    try {
+      yajson::parse(text);
+    } catch (const yajson::ParseError& error) {
+      find("line " + std::to_string(error.line()) + ", column " + std::to_string(error.column()),
+           "a key stands twice in its object; the last one counts");
+    }
+  }
+
+  void check_document(const JsonValue& document) {
+    for (const auto& member : document.members())
+      if (std::find(std::begin(kSections), std::end(kSections), member.key()) ==
+          std::end(kSections))
+        find(std::string(member.key()), "unknown, ignored");
+    if (const JsonValue* global = section(document, "global")) check_global(*global);
+    if (const JsonValue* common = section(document, kCommon))
+      check_domain_options(kCommon, *common);
+    check_patterns(document);
+    check_domains(document);
+  }
+
+  const JsonValue* section(const JsonValue& document, const char* key) {
+    const JsonValue* value = document.find(key);
+    if (value == nullptr || value->is_object()) return value;
+    find(key, "no object, ignored");
+    return nullptr;
+  }
+
+  /// The objects of a list, each with its place.
+  std::vector<std::pair<std::string, const JsonValue*>> list(const JsonValue& document,
+                                                             const std::string& key) {
+    std::vector<std::pair<std::string, const JsonValue*>> entries;
+    const JsonValue* value = document.find(key);
+    if (value == nullptr) return entries;
+    if (!value->is_array()) {
+      find(key, "no array, ignored");
+      return entries;
+    }
+    std::size_t number = 0;
+    for (const JsonValue& entry : value->elements()) {
+      const std::string where = key + "[" + std::to_string(number++) + "]";
+      if (entry.is_object())
+        entries.emplace_back(where, &entry);
+      else
+        find(where, "no object");
+    }
+    return entries;
+  }
+
+  template <class Options, class Kept, class Validate>
+  void check_option(const std::string& where, const Options& options, std::string_view key,
+                    const JsonValue& value, Kept kept, Validate validate) {
+    const auto option = find_option(options, key);
+    const std::string place = where + "." + std::string(key);
+    if (option == options.end()) return find(place, "unknown, ignored");
+    const std::string written = yajson::serialize(value);
+    const JsonReader document = alone(key, value);
+    const std::string stored = kept(document, option->key);
+    const std::string instead = "; the controller takes " + stored;
+    if (wants_text(*option) && !value.is_string())
+      return find(place, written + " is no text" + instead);
+    if (!wants_text(*option) && !is_integer(value))
+      return find(place, written + " is no whole number" + instead);
+    JsonWriter errors;
+    JsonWriter refused = JsonWriter::array(errors, "errors");
+    const bool valid = validate(document, refused);
+    const bool taken =
+        is_flag(*option) || stored == (wants_text(*option) ? written : number_of(value));
+    if (!valid || !taken)
+      find(place, written + " is out of range (" + range_of(*option) + ")" + instead);
+  }
+
+  void check_global(const JsonValue& global) {
+    for (const auto& member : global.members())
+      check_option("global", global_options(), member.key(), member.value, kept_globally,
+                   GlobalConfig::validate_global);
+  }
+
+  void check_domain_options(const std::string& where, const JsonValue& settings,
+                            std::string_view name_key = {}) {
+    for (const auto& member : settings.members()) {
+      if (member.key() == name_key) continue;
+      // The two limits of clients bound each other and are judged together below.
+      const auto validate = [&](const JsonReader& document, JsonWriter& errors) {
+        return is_client_limit(member.key()) || DomainConfig::validate(document, errors);
+      };
+      check_option(where, domain_options(), member.key(), member.value, kept_in_domain, validate);
+    }
+    check_client_limits(where, settings);
+  }
+
+  static bool is_client_limit(std::string_view key) {
+    return key == "load_balance_sta_low" || key == "load_balance_sta_high";
+  }
+
+  void check_client_limits(const std::string& where, const JsonValue& settings) {
+    JsonWriter document;
+    document.add("settings", settings);
+    DomainConfig config;
+    config.apply(JsonReader(document.c_str()).child("settings"));
+    if (config.load_balance_sta_low > config.load_balance_sta_high)
+      find(where, "load_balance_sta_low " + std::to_string(config.load_balance_sta_low) +
+                      " is above load_balance_sta_high " +
+                      std::to_string(config.load_balance_sta_high));
+  }
+
+  /// The name of an entry that no entry before it has.
+  std::string own_name(const std::string& where, const JsonValue& entry, const char* key,
+                       std::set<std::string>& names) {
+    const JsonValue* value = entry.find(key);
+    if (value == nullptr || !value->is_string() || value->as_string().empty()) {
+      find(where, std::string("has no \"") + key + "\"");
+      return {};
+    }
+    std::string name(value->as_string());
+    if (!names.insert(name).second)
+      find(where + "." + key, "'" + name + "' stands twice; the last one counts");
+    return name;
+  }
+
+  void check_patterns(const JsonValue& document) {
+    for (const auto& [where, entry] : list(document, "patterns")) {
+      if (own_name(where, *entry, "pattern", patterns_) == kCommon)
+        find(where + ".pattern", "'common' means the section \"common\"; this one is never used");
+      check_domain_options(where, *entry, "pattern");
+    }
+  }
+
+  void check_domains(const JsonValue& document) {
+    std::set<std::string> names;
+    for (const auto& [where, entry] : list(document, "domains")) {
+      const std::string name = own_name(where, *entry, "domain", names);
+      if (name.find('/') != std::string::npos)
+        find(where + ".domain", "'" + name + "' holds a '/': it has no backups and no reports");
+      for (const auto& member : entry->members())
+        if (std::find(std::begin(kDomainKeys), std::end(kDomainKeys), member.key()) ==
+            std::end(kDomainKeys))
+          find(where + "." + std::string(member.key()), "ignored: settings belong to a pattern");
+      check_binding(where, *entry);
+    }
+  }
+
+  void check_binding(const std::string& where, const JsonValue& entry) {
+    const JsonValue* pattern = entry.find("pattern");
+    const std::string name =
+        pattern != nullptr && pattern->is_string() ? std::string(pattern->as_string()) : "";
+    if (name != kCommon && !patterns_.contains(name))
+      find(where + ".pattern", "there is no pattern '" + name + "', so the domain is not served");
+    const JsonValue* zone = entry.find("time_zone");
+    // The controller itself writes an empty one for a domain without.
+    if (zone == nullptr || (zone->is_string() && zone->as_string().empty())) return;
+    DomainInfo info;
+    bool changed = false;
+    JsonWriter errors;
+    JsonWriter refused = JsonWriter::array(errors, "errors");
+    if (!read_time_zone(alone("time_zone", *zone), info, changed, refused))
+      find(where + ".time_zone", yajson::serialize(*zone) +
+                                     " is out of range (-12:00 to +14:00); the controller takes "
+                                     "UTC");
+  }
+
+  std::vector<Finding> findings_;
+  std::set<std::string> patterns_;
+};
+
+}  // namespace
+
+std::vector<Finding> check_config(const std::string& text) { return Checker().run(text); }
+
+std::string to_json(const std::vector<Finding>& findings) {
+  JsonWriter document;
+  JsonWriter list = JsonWriter::array(document, "findings");
+  for (const Finding& finding : findings) {
+    JsonWriter entry = JsonWriter::object(list);
+    entry.add("where", finding.where);
+    entry.add("what", finding.what);
+  }
+  return document.str();
+}
+
+}  // namespace rrm::ctl

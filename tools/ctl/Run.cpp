@@ -1,0 +1,131 @@
+#include "tools/ctl/Run.h"
+
+#include <poll.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <ostream>
+#include <sstream>
+
+#include "json/JsonParser.h"
+#include "server/lib/JsonReader.h"
+#include "tools/ctl/Commands.h"
+#include "tools/ctl/Completion.h"
+#include "tools/ctl/ConfigCheck.h"
+#include "tools/ctl/Render.h"
+#include "tools/ctl/Verdict.h"
+#include "tools/ctl/Watch.h"
+
+namespace rrm::ctl {
+namespace {
+
+constexpr char kName[] = "wavelomctl: ";
+constexpr std::string_view kHeader[] = {"version", "server", "wavelom_version"};
+
+int fail(std::ostream& errors, int status, const std::string& what) {
+  errors << kName << what << "\n";
+  return status;
+}
+
+/// Whether the reply to list_request() of that level has an entry of that name.
+bool is_listed(const std::string& reply, const char* level, const std::string& name) {
+  const JsonReader document(reply.c_str());
+  const JsonReader list = document.child(std::string(level) + "s");
+  for (std::size_t i = 0; i < list.size(); ++i)
+    if (name == list.child(static_cast<int>(i)).get_str("name")) return true;
+  return false;
+}
+
+int send_request(const Invocation& invocation, std::ostream& out, std::ostream& errors) {
+  ControlClient client(invocation.endpoint);
+  for (const Invocation::Needed& needed : invocation.needed)
+    if (!is_listed(client.ask(list_request(needed.level)), needed.level, needed.name))
+      return fail(errors, kRefused,
+                  "there is no " + std::string(needed.level) + " '" + needed.name + "'");
+  const std::string text = client.ask(invocation.request);
+  const yajson::JsonValue reply = yajson::parse(text);
+  std::vector<std::string_view> hidden(std::begin(kHeader), std::end(kHeader));
+  hidden.insert(hidden.end(), invocation.hidden_members.begin(), invocation.hidden_members.end());
+  if (invocation.json)
+    out << text << "\n";
+  else
+    out << render(reply, hidden);
+  const std::string failure = failure_of(reply);
+  return failure.empty() ? kDone : fail(errors, kRefused, failure);
+}
+
+int watch_round(const Invocation& invocation, std::ostream& out, std::ostream& errors) {
+  ControlClient client(invocation.endpoint);
+  const Watch watch{invocation.domain,
+                    invocation.interval_s,
+                    invocation.watch_timeout_s,
+                    [&](const std::string& request) { return client.ask(request); },
+                    [&](const std::string& line) { out << line << std::endl; },
+                    [](double seconds) { ::poll(nullptr, 0, static_cast<int>(seconds * 1000)); }};
+  std::string failure;
+  switch (watch.run(invocation.start, failure)) {
+    case WatchEnd::Idle:
+      return kDone;
+    case WatchEnd::TimeUp:
+      return fail(errors, kTimeUp, "the round has not ended");
+    case WatchEnd::Refused:
+      break;
+  }
+  return fail(errors, kRefused, failure);
+}
+
+int check_file(const Invocation& invocation, std::ostream& out, std::ostream& errors) {
+  std::ifstream file(invocation.file, std::ios::binary);
+  std::ostringstream text;
+  if (!file || !(text << file.rdbuf()))
+    return fail(errors, kNoAnswer, invocation.file + ": " + std::strerror(errno));
+  const std::vector<Finding> findings = check_config(text.str());
+  if (invocation.json) {
+    out << to_json(findings) << "\n";
+  } else {
+    for (const Finding& finding : findings)
+      out << invocation.file << ": " << finding.where << ": " << finding.what << "\n";
+  }
+  return findings.empty() ? kDone : kRefused;
+}
+
+int act(const CLI::App& app, const Invocation& invocation, std::ostream& out,
+        std::ostream& errors) {
+  switch (invocation.action) {
+    case Invocation::Action::Request:
+      return send_request(invocation, out, errors);
+    case Invocation::Action::Watch:
+      return watch_round(invocation, out, errors);
+    case Invocation::Action::CheckConfig:
+      return check_file(invocation, out, errors);
+    case Invocation::Action::Completion:
+      break;
+  }
+  out << bash_completion(app);
+  return kDone;
+}
+
+}  // namespace
+
+int run(int argc, const char* const* argv, std::ostream& out, std::ostream& errors) {
+  CLI::App app{"Manages a running controller over its TCP port for commands.", "wavelomctl"};
+  Invocation invocation;
+  define(app, invocation);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error, out, errors) == 0 ? kDone : kUsage;
+  }
+  try {
+    return act(app, invocation, out, errors);
+  } catch (const ConnectionError& error) {
+    return fail(errors, kNoAnswer, error.what());
+  } catch (const std::invalid_argument& error) {
+    return fail(errors, kUsage, error.what());
+  } catch (const std::exception& error) {
+    return fail(errors, kNoAnswer, std::string("the reply cannot be read: ") + error.what());
+  }
+}
+
+}  // namespace rrm::ctl
