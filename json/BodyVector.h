@@ -45,16 +45,15 @@ class BodyVector {
   /// Appends a default-made element; the reference holds until the next append.
   T& append() {
     if (size_ == capacity_) [[unlikely]]
-      relocate(std::max<std::size_t>(2 * capacity_, 4));
+      grow();
     return *::new (data_ + size_++) T();
   }
 
   /// The same for a body in this arena (null: on the heap): grows where it lies if it can.
   T& append(MonotonicArena* arena) {
-    if (size_ == capacity_ && arena != nullptr && data_ != nullptr &&
-        arena->extend(data_ + capacity_, capacity_ * sizeof(T)))
-      capacity_ *= 2;
-    return append();
+    if (size_ == capacity_) [[unlikely]]
+      if (!extend(arena)) grow();
+    return *::new (data_ + size_++) T();
   }
 
   /// Destroys the elements behind the first `size`.
@@ -63,6 +62,14 @@ class BodyVector {
   }
 
  private:
+  bool extend(MonotonicArena* arena) noexcept {
+    if (arena == nullptr || data_ == nullptr ||
+        !arena->extend(data_ + capacity_, capacity_ * sizeof(T)))
+      return false;
+    capacity_ *= 2;
+    return true;
+  }
+  void grow() { relocate(std::max<std::size_t>(2 * capacity_, 4)); }
   void relocate(std::size_t capacity) {
     if (capacity > std::numeric_limits<std::size_t>::max() / sizeof(T)) throw std::bad_alloc();
     void* const fresh = resource_->allocate(capacity * sizeof(T), alignof(T));

@@ -80,25 +80,40 @@ class ElementCounter {
 
   /// Bits of the quotes become bits of the bytes between them, opening quotes included.
   static std::uint64_t between_quotes(std::uint64_t quotes) {
-    for (int shift = 1; shift < 64; shift *= 2) quotes ^= quotes << shift;
-    return quotes;
+    quotes ^= quotes << 1;
+    quotes ^= quotes << 2;
+    quotes ^= quotes << 4;
+    quotes ^= quotes << 8;
+    quotes ^= quotes << 16;
+    return quotes ^ quotes << 32;
   }
 
-  const char* take_block(const char* place) {
+  /// Where in a block of 64 bytes there is what counts; bit i stands for byte i.
+  struct Masks {
     std::uint64_t quotes = 0, backslashes = 0, commas = 0, opening = 0, closing = 0;
-    for (int i = 0; i < kBlock; i += Bytes16::kCount) {
-      const Bytes16 bytes(place + i);
+
+    void take(const char* block, int offset) {
+      const Bytes16 bytes(block + offset);
       const Bytes16 folded = bytes.with_bits(0x20);  // '[' becomes '{' and ']' becomes '}'
-      quotes |= std::uint64_t{bytes.equal('"')} << i;
-      backslashes |= std::uint64_t{bytes.equal('\\')} << i;
-      commas |= std::uint64_t{bytes.equal(',')} << i;
-      opening |= std::uint64_t{folded.equal('{')} << i;
-      closing |= std::uint64_t{folded.equal('}')} << i;
+      quotes |= std::uint64_t{bytes.equal('"')} << offset;
+      backslashes |= std::uint64_t{bytes.equal('\\')} << offset;
+      commas |= std::uint64_t{bytes.equal(',')} << offset;
+      opening |= std::uint64_t{folded.equal('{')} << offset;
+      closing |= std::uint64_t{folded.equal('}')} << offset;
     }
-    if (backslashes != 0) return take_bytes(place, place + kBlock);
-    const std::uint64_t strings = between_quotes(quotes) ^ (in_string_ ? ~std::uint64_t{0} : 0);
+  };
+
+  const char* take_block(const char* place) {
+    Masks masks;
+    masks.take(place, 0);
+    masks.take(place, 16);
+    masks.take(place, 32);
+    masks.take(place, 48);
+    if (masks.backslashes != 0) return take_bytes(place, place + kBlock);
+    const std::uint64_t strings =
+        between_quotes(masks.quotes) ^ (in_string_ ? ~std::uint64_t{0} : 0);
     in_string_ = strings >> 63 != 0;
-    take_masks(commas & ~strings, opening & ~strings, closing & ~strings);
+    take_masks(masks.commas & ~strings, masks.opening & ~strings, masks.closing & ~strings);
     return place + kBlock;
   }
 
@@ -147,7 +162,8 @@ class ElementCounter {
 class KeyFilter {
  public:
   /// True when an equal key may have been seen before.
-  bool test_and_set(std::uint64_t first, std::uint64_t second) noexcept {
+  bool test_and_set(const JsonValue& name) noexcept {
+    const auto [first, second] = name.string_words();
     const std::uint64_t hash = (first ^ std::rotl(second, 23)) * 0x9e3779b97f4a7c15;
     const std::uint64_t bit = std::uint64_t{1} << (hash >> 58);
     const bool taken = (bits_ & bit) != 0;
@@ -190,9 +206,6 @@ class JsonParser {
     const std::string_view text(start_, static_cast<std::size_t>(end_ - start_));
     throw ParseError(code, detail, text, static_cast<std::size_t>(place - start_));
   }
-  [[noreturn, gnu::cold]] void fail_at_end() const {
-    fail(end_, json_errc::unexpected_end, "unexpected end of input");
-  }
   [[noreturn, gnu::cold]] void fail_unexpected(const char* place) const {
     fail(place, json_errc::unexpected_character,
          std::string("unexpected character '") + *place + "'");
@@ -210,11 +223,24 @@ class JsonParser {
     return remaining(place) >= text.size() && std::memcmp(place, text.data(), text.size()) == 0;
   }
 
+  /// Whether something other than white space begins here for certain.
+  bool is_token_at(const char* place) const {
+    return place != end_ && static_cast<unsigned char>(*place) > ' ' &&
+           !(kRelaxed && options_.allow_comments && *place == '/');
+  }
   const char* skip_space(const char* place) const {
-    if (place != end_ && static_cast<unsigned char>(*place) > ' ' &&
-        !(kRelaxed && options_.allow_comments && *place == '/')) [[likely]]
+    if (is_token_at(place)) [[likely]]
       return place;
     return skip_spaces_and_comments(place);
+  }
+  /// The same to a byte that must be there.
+  const char* skip_space_to_token(const char* place, json_errc code,
+                                  std::string_view missing) const {
+    if (is_token_at(place)) [[likely]]
+      return place;
+    place = skip_spaces_and_comments(place);
+    if (place == end_) fail(end_, code, missing);
+    return place;
   }
   const char* skip_spaces_and_comments(const char* place) const;
   const char* skip_spaces(const char* place) const;
@@ -223,8 +249,12 @@ class JsonParser {
   const char* parse_value(const char* place, JsonValue& value);
   const char* parse_relaxed_value(const char* place, JsonValue& value);
   const char* parse_literal(const char* place, std::string_view literal) const;
+  const char* skip_to_value(const char* place) const {
+    return skip_space_to_token(place, json_errc::unexpected_end, "unexpected end of input");
+  }
   const char* expect(const char* place, char wanted) const;
 
+  const char* parse_short_integer(const char* place, JsonValue& value) const;
   const char* parse_number(const char* place, JsonValue& value) const;
   bool is_hex_at(const char* place) const {
     return options_.allow_hex && remaining(place) >= 2 && *place == '0' && (place[1] | 0x20) == 'x';
@@ -252,7 +282,7 @@ class JsonParser {
   const char* parse_array(const char* place, JsonValue& value);
   const char* parse_object(const char* place, JsonValue& value);
   const char* parse_key(const char* place, JsonValue& name);
-  bool is_repeated(const JsonObject& body, KeyFilter& filter) const;
+  bool is_repeated(const JsonMember& newest, const JsonObject& body, KeyFilter& filter) const;
   void refuse_repeated(JsonObject& body, bool repeated, const char* place) const;
 
   const char* const start_;
@@ -269,6 +299,7 @@ class JsonParser {
 
 template <bool kRelaxed>
 const char* JsonParser<kRelaxed>::skip_spaces(const char* place) const {
+  if (is_at(place, ' ') && place + 1 != end_ && !is_space(place[1])) return place + 1;
   while (remaining(place) >= Bytes16::kCount) {  // indentation comes in long runs
     const unsigned others = Bytes16(place).non_spaces();
     if (others != 0) return place + std::countr_zero(others);
@@ -313,10 +344,11 @@ const char* JsonParser<kRelaxed>::parse_literal(const char* place, std::string_v
   return place + literal.size();
 }
 
+/// White space before the wanted byte is skipped.
 template <bool kRelaxed>
 [[gnu::always_inline]] inline const char* JsonParser<kRelaxed>::expect(const char* place,
                                                                        char wanted) const {
-  if (place == end_) fail_at_end();
+  place = skip_to_value(place);
   if (*place != wanted) fail_expected(place, wanted);
   return place + 1;
 }
@@ -325,11 +357,13 @@ template <bool kRelaxed>
 template <bool kRelaxed>
 [[gnu::always_inline]] inline const char* JsonParser<kRelaxed>::parse_value(const char* place,
                                                                             JsonValue& value) {
-  place = skip_space(place);
-  if (place == end_) fail_at_end();
+  place = skip_to_value(place);
   const char byte = *place;
   if (byte == '"') return parse_string(place, value);
-  if (byte == '-' || is_digit(byte)) return parse_number(place, value);
+  if (byte == '-' || is_digit(byte)) {
+    const char* const end = parse_short_integer(place, value);
+    return end != nullptr ? end : parse_number(place, value);
+  }
   switch (byte) {
     case '{':
       return parse_object(place, value);
@@ -369,8 +403,32 @@ const char* JsonParser<kRelaxed>::parse_relaxed_value(const char* place, JsonVal
 
 // Numbers --------------------------------------------------------------------------------------
 
+/// Integers of up to seven digits, as nearly all numbers of a message are; null for any other one.
+/// Digit by digit: how many there are is mostly guessed right, and the next step need not wait
+/// then.
 template <bool kRelaxed>
-const char* JsonParser<kRelaxed>::parse_number(const char* place, JsonValue& value) const {
+[[gnu::always_inline]] inline const char* JsonParser<kRelaxed>::parse_short_integer(
+    const char* place, JsonValue& value) const {
+  constexpr std::size_t kMostDigits = 7;
+  const bool negative = *place == '-';
+  place += negative;
+  if (remaining(place) <= kMostDigits || !is_digit(*place)) [[unlikely]]
+    return nullptr;
+  const char* const last = *place != '0' ? place + kMostDigits : place + 1;
+  std::int64_t magnitude = 0;
+  do {
+    magnitude = magnitude * 10 + (*place++ - '0');
+  } while (place != last && is_digit(*place));
+  const char next = static_cast<char>(*place | 0x20);
+  if (is_digit(next) || next == '.' || next == 'e' || next == 'x') [[unlikely]]
+    return nullptr;
+  value.become_integer(negative ? -magnitude : magnitude);
+  return place;
+}
+
+template <bool kRelaxed>
+[[gnu::noinline]] const char* JsonParser<kRelaxed>::parse_number(const char* place,
+                                                                 JsonValue& value) const {
   Number number;
   number.begin = place;
   if (*place == '-') {
@@ -655,9 +713,7 @@ const char* JsonParser<kRelaxed>::enter(const char* place, json_errc code,
   ++place;
   if (++depth_ > max_depth_)
     fail(place, json_errc::max_depth_exceeded, "maximum nesting depth exceeded");
-  place = skip_space(place);
-  if (place == end_) fail(place, code, unterminated);
-  return place;
+  return skip_space_to_token(place, code, unterminated);
 }
 
 /// How many elements to reserve room for: near the root, where a wrong guess is dear, the commas of
@@ -672,16 +728,17 @@ std::size_t JsonParser<kRelaxed>::estimate_size(const char* place) const {
   return std::max(ElementCounter().count(place, stop), kLeast);
 }
 
-/// Behind an element: true at the next one, false behind the closing bracket.
+/// Behind an element: true behind the comma, false behind the closing bracket.
 template <bool kRelaxed>
 [[gnu::always_inline]] inline bool JsonParser<kRelaxed>::has_next(
     const char*& place, char close, json_errc code, std::string_view unterminated,
     std::string_view separator) const {
-  place = skip_space(place);
-  if (place == end_) fail(place, code, unterminated);
+  place = skip_space_to_token(place, code, unterminated);
   if (*place == ',') [[likely]] {
-    place = skip_space(place + 1);
-    if (!kRelaxed || !options_.allow_trailing_commas || !is_at(place, close)) return true;
+    ++place;
+    if (!kRelaxed || !options_.allow_trailing_commas) return true;
+    place = skip_space(place);
+    if (!is_at(place, close)) return true;
   }
   if (*place != close) fail(place, json_errc::unexpected_character, separator);
   ++place;
@@ -722,9 +779,9 @@ const char* JsonParser<kRelaxed>::parse_object(const char* place, JsonValue& val
   do {
     JsonMember& member = body.append(arena_);
     place = parse_key(place, member.name);
-    place = expect(skip_space(place), ':');
+    place = expect(place, ':');
     place = parse_value(place, member.value);
-    const bool repeated = is_repeated(body, filter);
+    const bool repeated = is_repeated(member, body, filter);
     any_repeated |= repeated;
     if (!options_.allow_duplicate_keys) refuse_repeated(body, repeated, place);
   } while (has_next(place, '}', kCode, kUnterminated, "expected ',' or '}' in object"));
@@ -739,32 +796,29 @@ const char* JsonParser<kRelaxed>::parse_object(const char* place, JsonValue& val
 template <bool kRelaxed>
 [[gnu::always_inline]] inline const char* JsonParser<kRelaxed>::parse_key(const char* place,
                                                                           JsonValue& name) {
-  if (is_at(place, '"')) [[likely]]
+  constexpr auto kCode = json_errc::unterminated_object;
+  constexpr std::string_view kMissing = "expected string key in object";
+  place = skip_space_to_token(place, kCode, kMissing);
+  if (*place == '"') [[likely]]
     return parse_string(place, name);
   if constexpr (kRelaxed) {
-    if (options_.allow_single_quotes && is_at(place, '\'')) return parse_string(place, name);
-    if (options_.allow_unquoted_keys && place != end_ && starts_identifier(*place)) {
+    if (options_.allow_single_quotes && *place == '\'') return parse_string(place, name);
+    if (options_.allow_unquoted_keys && starts_identifier(*place)) {
       const char* const begin = place;
       while (place != end_ && (starts_identifier(*place) || is_digit(*place))) ++place;
       name = JsonValue(std::string_view(begin, static_cast<std::size_t>(place - begin)), arena_);
       return place;
     }
   }
-  fail(place, json_errc::unterminated_object, "expected string key in object");
+  fail(place, kCode, kMissing);
 }
 
 /// Whether the newest of at most kMaxLinear members has the key of an earlier one.
 template <bool kRelaxed>
-[[gnu::always_inline]] inline bool JsonParser<kRelaxed>::is_repeated(const JsonObject& body,
+[[gnu::always_inline]] inline bool JsonParser<kRelaxed>::is_repeated(const JsonMember& newest,
+                                                                     const JsonObject& body,
                                                                      KeyFilter& filter) const {
-  if (body.size() > JsonObject::kMaxLinear) return false;
-  const JsonMember& newest = body.end()[-1];
-  const bool is_inline = !newest.name.is_out_of_line();
-  // Long keys are told apart by their first eight bytes and their length.
-  const char* const bytes = newest.key().data();
-  std::uint64_t words[2] = {0, newest.key().size()};
-  std::memcpy(words, bytes, is_inline ? sizeof words : sizeof words[0]);
-  if (!filter.test_and_set(words[0], words[1])) [[likely]]
+  if (body.size() > JsonObject::kMaxLinear || !filter.test_and_set(newest.name)) [[likely]]
     return false;
   return std::any_of(body.begin(), body.end() - 1,
                      [&newest](const JsonMember& member) { return member.key() == newest.key(); });

@@ -273,17 +273,16 @@ void JsonObject::extend_index() {
   }
 }
 
-KeyIndex& JsonObject::index() const {
-  if (index_ == nullptr) {
-    std::pmr::memory_resource* const resource = members_.resource();
-    void* const memory = resource->allocate(sizeof(KeyIndex), alignof(KeyIndex));
-    index_ = ::new (memory) KeyIndex(resource);
-    try {
-      index_->rebuild(begin(), size());
-    } catch (...) {
-      drop_index();
-      throw;
-    }
+/// With room for that many keys.
+KeyIndex& JsonObject::make_index(std::size_t room) const {
+  std::pmr::memory_resource* const resource = members_.resource();
+  void* const memory = resource->allocate(sizeof(KeyIndex), alignof(KeyIndex));
+  index_ = ::new (memory) KeyIndex(resource);
+  try {
+    index_->rebuild(begin(), size(), room);
+  } catch (...) {
+    drop_index();
+    throw;
   }
   return *index_;
 }
@@ -315,7 +314,7 @@ void JsonObject::settle_small() {
 }
 
 void JsonObject::settle_large() {
-  KeyIndex& keys = index();
+  KeyIndex& keys = index_ != nullptr ? *index_ : make_index(size());  // few grow after their parse
   if (keys.size() == size()) return;
   // Dropped members are marked by a null name first: no entry of the index points at them, but
   // moving members while the index is asked would show it keys that have moved away.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <bit>
 #include <concepts>
 #include <cstddef>
@@ -129,6 +130,20 @@ class JsonValue {
   const JsonValue* find(std::string_view key) const;
   /// Replaces the member's value in place, or appends a member; returns the value in the object.
   JsonValue& set(std::string_view key, JsonValue&& value);
+
+  /// Two words that are equal for equal strings, and seldom for others: all bytes of an inline one,
+  /// the first eight and the length of a longer one. For a value that is known to be a string.
+  std::array<std::uint64_t, 2> string_words() const noexcept {
+    std::array<std::uint64_t, 2> words{};
+    if (!is_out_of_line()) {
+      std::memcpy(words.data(), payload_, sizeof payload_);
+    } else {
+      const std::string_view bytes = string_bytes();
+      std::memcpy(words.data(), bytes.data(), sizeof words[0]);
+      words[1] = bytes.size();
+    }
+    return words;
+  }
 
   /// Whether the storage of a string, array or object belongs to an arena.
   bool is_in_arena() const noexcept { return (head_ & kArenaFlag) != 0; }
@@ -293,7 +308,8 @@ class JsonObject {
   template <typename Keep>
   void filter(Keep keep);
   const JsonMember* find_member(std::string_view key) const;
-  KeyIndex& index() const;
+  KeyIndex& index() const { return index_ != nullptr ? *index_ : make_index(members_.capacity()); }
+  KeyIndex& make_index(std::size_t room) const;
   void drop_index() const noexcept;
   void extend_index();
 

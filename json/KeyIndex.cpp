@@ -61,50 +61,53 @@ KeyIndex::~KeyIndex() { release(); }
 
 void KeyIndex::release() noexcept {
   if (buckets_ == nullptr) return;
-  resource_->deallocate(buckets_, bucket_count_ * (sizeof(*buckets_) + sizeof(Entry)),
-                        alignof(Entry));
+  resource_->deallocate(buckets_, bytes_of(bucket_count_, capacity_), alignof(Entry));
   buckets_ = nullptr;
 }
 
-void KeyIndex::allocate(std::size_t bucket_count) {
-  void* const memory =
-      resource_->allocate(bucket_count * (sizeof(*buckets_) + sizeof(Entry)), alignof(Entry));
+void KeyIndex::allocate(std::size_t room) {
+  const std::size_t bucket_count = std::bit_ceil(std::max(room, kFewestBuckets));
+  void* const memory = resource_->allocate(bytes_of(bucket_count, room), alignof(Entry));
   release();
   buckets_ = static_cast<std::uint32_t*>(memory);
   entries_ = reinterpret_cast<Entry*>(buckets_ + bucket_count);
   bucket_count_ = bucket_count;
+  capacity_ = room;
 }
 
-void KeyIndex::rebuild(const JsonMember* members, std::size_t count) {
-  const std::size_t wanted = std::bit_ceil(std::max<std::size_t>(count, kFewestBuckets));
-  if (wanted > bucket_count_) allocate(wanted);
+void KeyIndex::rebuild(const JsonMember* members, std::size_t count, std::size_t room) {
+  if (std::max(count, room) > capacity_) allocate(std::max(count, room));
   if (sorted_) return rebuild_sorted(members, count);
   std::fill_n(buckets_, bucket_count_, kNone);
   size_ = 0;
-  for (std::size_t position = 0; position < count && !sorted_; ++position)
-    insert(members, static_cast<std::uint32_t>(position));
-  if (sorted_) rebuild_sorted(members, count);
-}
-
-std::uint32_t& KeyIndex::bucket_of(std::string_view key) const noexcept {
-  return buckets_[hash_key(key) & (bucket_count_ - 1)];
+  for (std::size_t position = 0; position < count; ++position)
+    if (!insert_hashed(members, static_cast<std::uint32_t>(position)))
+      return rebuild_sorted(members, count);
 }
 
 void KeyIndex::insert(const JsonMember* members, std::uint32_t position) {
-  if (size_ == bucket_count_) return rebuild(members, position + std::size_t{1});
+  if (position >= capacity_)
+    return rebuild(members, position + std::size_t{1}, 2 * std::size_t{position});
   if (sorted_) return insert_sorted(members, position);
+  if (!insert_hashed(members, position)) rebuild_sorted(members, position + std::size_t{1});
+}
+
+/// There is room for an entry. False, and nothing done, when the bucket holds too many already.
+inline bool KeyIndex::insert_hashed(const JsonMember* members, std::uint32_t position) {
   const std::string_view key = members[position].key();
-  std::uint32_t& bucket = bucket_of(key);
+  const auto hash = static_cast<std::uint32_t>(hash_key(key));
+  std::uint32_t& bucket = bucket_of(hash);
   int chain = 0;
-  for (std::uint32_t entry = bucket; entry != kNone; entry = entries_[entry].next, ++chain) {
-    if (members[entries_[entry].position].key() != key) continue;
-    entries_[entry].position = position;
-    return;
+  for (std::uint32_t i = bucket; i != kNone; i = entries_[i].next, ++chain) {
+    if (entries_[i].hash != hash || members[entries_[i].position].key() != key) continue;
+    entries_[i].position = position;
+    return true;
   }
-  if (chain >= kLongestChain) return rebuild_sorted(members, position + std::size_t{1});
+  if (chain >= kLongestChain) return false;
   const auto entry = static_cast<std::uint32_t>(size_++);
-  entries_[entry] = {position, bucket};
+  entries_[entry] = {position, bucket, hash};
   bucket = entry;
+  return true;
 }
 
 std::uint32_t KeyIndex::find(const JsonMember* members, std::string_view key) const noexcept {
@@ -114,14 +117,16 @@ std::uint32_t KeyIndex::find(const JsonMember* members, std::string_view key) co
     const bool found = entry != entries_ + size_ && members[entry->position].key() == key;
     return found ? entry->position : kNone;
   }
-  for (std::uint32_t entry = bucket_of(key); entry != kNone; entry = entries_[entry].next)
-    if (members[entries_[entry].position].key() == key) return entries_[entry].position;
+  const auto hash = static_cast<std::uint32_t>(hash_key(key));
+  for (std::uint32_t i = bucket_of(hash); i != kNone; i = entries_[i].next)
+    if (entries_[i].hash == hash && members[entries_[i].position].key() == key)
+      return entries_[i].position;
   return kNone;
 }
 
 void KeyIndex::rebuild_sorted(const JsonMember* members, std::size_t count) {
   sorted_ = true;
-  for (std::size_t i = 0; i < count; ++i) entries_[i] = {static_cast<std::uint32_t>(i), kNone};
+  for (std::size_t i = 0; i < count; ++i) entries_[i] = {static_cast<std::uint32_t>(i), kNone, 0};
   // Of equal keys the later member comes first and is the one that stays.
   std::sort(entries_, entries_ + count, [members](Entry left, Entry right) {
     const int order = members[left.position].key().compare(members[right.position].key());
@@ -140,7 +145,7 @@ void KeyIndex::insert_sorted(const JsonMember* members, std::uint32_t position) 
     std::copy_backward(place, entries_ + size_, entries_ + size_ + 1);
     ++size_;
   }
-  *place = {position, kNone};
+  *place = {position, kNone, 0};
 }
 
 KeyIndex::Entry* KeyIndex::lower_bound(const JsonMember* members,

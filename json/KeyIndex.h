@@ -27,8 +27,8 @@ class KeyIndex {
   KeyIndex(const KeyIndex&) = delete;
   KeyIndex& operator=(const KeyIndex&) = delete;
 
-  /// Indexes all members anew; of equal keys the last one stays.
-  void rebuild(const JsonMember* members, std::size_t count);
+  /// Indexes all members anew, with room for that many keys; of equal keys the last one stays.
+  void rebuild(const JsonMember* members, std::size_t count, std::size_t room = 0);
   /// Adds the member at `position`; an equal key gives up its entry to it.
   void insert(const JsonMember* members, std::uint32_t position);
   /// Position of the member with this key, or kNone.
@@ -42,14 +42,21 @@ class KeyIndex {
   struct Entry {
     std::uint32_t position;
     std::uint32_t next;  ///< entry of the same bucket, or kNone
+    std::uint32_t hash;  ///< low half: tells most keys of a bucket apart without a look at them
   };
 
   /// Chains longer than this do not come by chance.
   static constexpr int kLongestChain = 64;
 
-  void allocate(std::size_t bucket_count);
+  void allocate(std::size_t room);
   void release() noexcept;
-  std::uint32_t& bucket_of(std::string_view key) const noexcept;
+  static std::size_t bytes_of(std::size_t bucket_count, std::size_t capacity) noexcept {
+    return bucket_count * sizeof(std::uint32_t) + capacity * sizeof(Entry);
+  }
+  std::uint32_t& bucket_of(std::uint32_t hash) const noexcept {
+    return buckets_[hash & (bucket_count_ - 1)];
+  }
+  bool insert_hashed(const JsonMember* members, std::uint32_t position);
   void rebuild_sorted(const JsonMember* members, std::size_t count);
   void insert_sorted(const JsonMember* members, std::uint32_t position);
   /// The first sorted entry whose key is not less.
@@ -57,8 +64,9 @@ class KeyIndex {
 
   std::pmr::memory_resource* resource_;
   std::uint32_t* buckets_ = nullptr;  ///< first entry of each bucket, or kNone
-  Entry* entries_ = nullptr;          ///< room for bucket_count_ entries, behind the buckets
-  std::size_t bucket_count_ = 0;      ///< a power of two
+  Entry* entries_ = nullptr;          ///< behind the buckets
+  std::size_t bucket_count_ = 0;      ///< a power of two, at most 2^32
+  std::size_t capacity_ = 0;          ///< room for entries, at most bucket_count_
   std::size_t size_ = 0;
   bool sorted_ = false;  ///< entries ascend by key and the buckets are not used
 };

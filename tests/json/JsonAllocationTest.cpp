@@ -87,6 +87,28 @@ TEST(JsonAllocation, AParseIntoAnArenaTakesItsBlocksAndNothingElse) {
   EXPECT_LE(blocks, 8u);
 }
 
+/// A subscription of three radios with 16 members each.
+std::string subscription() {
+  std::string text = R"({"version":"2.4","service":"rrm","cmd":"subscribe-request","radios":[)";
+  for (int radio = 0; radio < 3; ++radio) {
+    text += radio == 0 ? "{" : ",{";
+    for (int i = 0; i < 15; ++i)
+      text += "\"radio-option-" + std::to_string(i) + "\":" + std::to_string(radio + i) + ",";
+    text += R"("vaps":[)";
+    for (int vap = 0; vap < 2; ++vap)
+      text += std::string(vap == 0 ? "" : ",") +
+              R"({"id":0,"ssid":"guest","mac":"24:1F:A0:0B:98:30","use_802dot11k":1})";
+    text += "]}";
+  }
+  return text + "]}";
+}
+
+TEST(JsonAllocation, ASubscriptionFitsTheFirstBlockWithItsIndexes) {
+  std::size_t blocks = 0;
+  EXPECT_EQ(heap_allocations_of_parse(subscription(), blocks), 0u);
+  EXPECT_EQ(blocks, 1u);
+}
+
 TEST(JsonAllocation, AParseOntoTheHeapAllocatesPerBodyAndLongString) {
   const std::size_t before = heap_allocations;
   const JsonValue value = parse(R"(["short",["0123456789abcde"],"0123456789abcdef"])");
