@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <unordered_map>
+#include <vector>
 
 #include "server/lib/ApEntry.h"
 #include "server/lib/ApStorage.h"
@@ -21,6 +22,12 @@ class ApMap {
  public:
   using Entry = std::shared_ptr<ApEntry>;
   using Map = std::unordered_map<MacAddress, Entry>;
+  /// A radio that was moved.
+  struct ChannelChange {
+    MacAddress bssid;
+    std::int32_t channel = 0;
+    std::int32_t* neighbour_channel_count = nullptr;  ///< of the radio; written
+  };
 
   void insert(const Entry& entry);  ///< into the map only; index_ap() makes it findable by BSSID
   Entry find(const MacAddress& mac) const;  ///< by base MAC; empty when absent
@@ -58,10 +65,13 @@ class ApMap {
   void update_rf_environment(ApEntry& ap, const JsonReader& scans) const;
   /// The BSSID under which others (or `observer`) hear a radio; its radio MAC when nobody does.
   MacAddress heard_bssid(const ApEntry& ap, std::int32_t radio_id, const ApEntry* observer) const;
-  /// Rewrites the channel of a BSSID wherever it is heard; the channel count of the last access
-  /// point visited stays in `neighbour_channel_count`.
+  /// Rewrites the channel of a BSSID (or of its locally administered twin, where only that is
+  /// heard) at every access point; the channel count of the last one visited stays in
+  /// `neighbour_channel_count`.
   void set_channel_for_bssid(const MacAddress& bssid, std::int32_t channel,
                              std::int32_t& neighbour_channel_count);
+  /// The same for many BSSIDs, one after the other, in a single walk over what is heard.
+  void set_channels(const std::vector<ChannelChange>& changes);
 
   void to_json(JsonWriter& array) const;                  ///< status form of every access point
   void list_to_json(JsonWriter& array, bool full) const;  ///< factory data and VAPs only

@@ -78,6 +78,21 @@ void add_80211k_entry(const ApEntry& receiver, const Radio& neighbour,
   }
 }
 
+/// What the changes leave behind in one access point's map; a later one goes before an earlier one.
+void rewrite_channels(NeighbourMap& heard, const std::vector<ApMap::ChannelChange>& changes,
+                      const MacMap<std::size_t>& latest) {
+  const auto place = [&latest](const MacAddress& bssid) {
+    const auto found = latest.find(bssid);
+    return found == latest.end() ? std::size_t{0} : found->second;
+  };
+  for (auto& [bssid, neighbour] : heard) {
+    std::size_t change = place(bssid);
+    const std::size_t of_twin = place(bssid.twin());
+    if (of_twin > change && !heard.contains(bssid.twin())) change = of_twin;
+    if (change != 0) neighbour.channel = changes[change - 1].channel;
+  }
+}
+
 }  // namespace
 
 void ApMap::fill_from_json_rf_environment(const JsonReader& rf_array, NeighbourMap& members,
@@ -151,16 +166,25 @@ MacAddress ApMap::heard_bssid(const ApEntry& ap, std::int32_t radio_id,
 
 void ApMap::set_channel_for_bssid(const MacAddress& bssid, std::int32_t channel,
                                   std::int32_t& neighbour_channel_count) {
-  const NeighbourMap* last = nullptr;
+  set_channels({{bssid, channel, &neighbour_channel_count}});
+}
+
+void ApMap::set_channels(const std::vector<ChannelChange>& changes) {
+  MacMap<std::size_t> latest;  // place of a BSSID's last change, counted from 1
+  for (std::size_t i = 0; i < changes.size(); ++i) latest.insert_or_assign(changes[i].bssid, i + 1);
+  NeighbourMap* last = nullptr;
   for (const auto& [mac, entry] : aps_) {
-    NeighbourMap& heard = entry->visible_members;
-    auto found = heard.find(bssid);
-    if (found == heard.end()) found = heard.find(bssid.twin());
-    if (found != heard.end()) found->second.channel = channel;
-    last = &heard;
+    if (last != nullptr) rewrite_channels(*last, changes, latest);
+    last = &entry->visible_members;
   }
+  if (last == nullptr) return;
   // Every visit would leave its count behind; only the last one's stays.
-  if (last != nullptr) neighbour_channel_count = count_channels(*last);
+  for (const ChannelChange& change : changes) {
+    auto found = last->find(change.bssid);
+    if (found == last->end()) found = last->find(change.bssid.twin());
+    if (found != last->end()) found->second.channel = change.channel;
+    *change.neighbour_channel_count = count_channels(*last);
+  }
 }
 
 void ApMap::build_80211k_list(const ApEntry& receiver, JsonWriter& array,

@@ -352,14 +352,20 @@ void apply_plan(Radio& radio, const Radio& plan) {
 }  // namespace
 
 void TpcDcaSubworker::apply_result(const OptimisationResult& result) {
+  std::vector<ApMap::ChannelChange> moved;
   for (const auto& [mac, planned] : result.radios) {
     const auto ap = aps().find(mac);
     if (ap == nullptr) continue;
     for (const Radio& plan : planned.radios) {
       Radio* radio = ap->radios.find(plan.id);
-      if (radio != nullptr) apply_plan(*radio, plan);
+      if (radio == nullptr) continue;
+      const std::int32_t channel = radio->channel;
+      apply_plan(*radio, plan);
+      if (radio->channel != channel)
+        moved.push_back({radio->mac, radio->channel, &radio->neighbour_channel_count});
     }
   }
+  aps().set_channels(moved);
 }
 
 /// Runs under the worker's processing lock, as the deletion of old reports does.

@@ -3,7 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <random>
 #include <stdexcept>
+#include <vector>
 
 #include "tests/support/ApBuilder.h"
 #include "tests/support/CapturedLog.h"
@@ -452,6 +454,46 @@ TEST_F(ApMapHeard, LeavesTheChannelCountOfTheLastAccessPoint) {
     a->visible_members[mac(kC).plus(i)].channel = static_cast<std::int32_t>(36 + 4 * i);
   map_.set_channel_for_bssid(mac(kC), 40, count);
   EXPECT_EQ(count, 3);
+}
+
+TEST_F(ApMapHeard, ManyRewrittenChannelsAreThoseOfOneAfterTheOther) {
+  std::mt19937 random(3);
+  for (int round = 0; round < 50; ++round) {
+    const auto any_bssid = [&] {
+      const MacAddress bssid = mac(kC).plus(static_cast<std::uint32_t>(random() % 12));
+      return random() % 2 == 0 ? bssid : bssid.twin();
+    };
+    ApMap map;
+    for (const char* base : {kA, kB, kC}) {
+      const auto ap = add_ap(map, config_, base, kRadios);
+      for (int i = 0; i < 8; ++i)
+        ap->visible_members[any_bssid()].channel = static_cast<std::int32_t>(random() % 14);
+    }
+    std::vector<std::int32_t> counts(10, -5);
+    std::vector<ApMap::ChannelChange> changes;
+    for (std::int32_t& count : counts)
+      changes.push_back({any_bssid(), static_cast<std::int32_t>(random() % 300), &count});
+
+    std::vector<NeighbourMap> expected;
+    std::vector<std::int32_t> expected_counts(counts.size());
+    for (const auto& [base, ap] : map.aps()) expected.push_back(ap->visible_members);
+    for (std::size_t i = 0; i < changes.size(); ++i) {
+      for (NeighbourMap& heard : expected) {
+        auto found = heard.find(changes[i].bssid);
+        if (found == heard.end()) found = heard.find(changes[i].bssid.twin());
+        if (found != heard.end()) found->second.channel = changes[i].channel;
+        expected_counts[i] = count_channels(heard);
+      }
+    }
+    map.set_channels(changes);
+    EXPECT_EQ(counts, expected_counts) << "round " << round;
+    std::size_t at = 0;
+    for (const auto& [base, ap] : map.aps()) {
+      for (const auto& [bssid, neighbour] : expected[at])
+        EXPECT_EQ(ap->visible_members.at(bssid).channel, neighbour.channel) << "round " << round;
+      ++at;
+    }
+  }
 }
 
 TEST_F(ApMapHeard, CountsDistinctChannelsFrom1To255) {

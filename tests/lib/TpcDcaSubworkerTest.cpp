@@ -758,6 +758,22 @@ TEST(TpcDcaResult, WithoutAChannelLeavesTheChannel) {
   EXPECT_EQ(engine.ap(1)->radios.find(0)->channel, 36);
 }
 
+TEST(TpcDcaResult, MovesARadioAlsoWhereOthersHearIt) {
+  Engine engine(round_config());
+  engine.worker().tpc_dca().set_optimiser(
+      plan_by([](Radio& radio) { radio.channel = radio.base_mac.bytes[4] == 2 ? 44 : 36; }));
+  start_scan(engine, 3);
+  for (int n = 1; n <= 3; ++n) answer_scan(engine, n, {RadioSpec{}});
+  const MacAddress moved = engine.ap(2)->get_radio_mac(0);
+  const MacAddress staying = engine.ap(3)->get_radio_mac(0);
+  NeighbourMap& heard = engine.ap(1)->visible_members;
+  heard = {{moved.twin(), {-60, 36, 5, 20, 15}}, {staying, {-60, 40, 5, 20, 15}}};
+  engine.finish_optimisation();
+  EXPECT_EQ(engine.ap(2)->radios.find(0)->channel, 44);
+  EXPECT_EQ(heard.at(moved.twin()).channel, 44);
+  EXPECT_EQ(heard.at(staying).channel, 40);
+}
+
 TEST(TpcDcaResult, TellsThePositionOfThePrimaryChannel) {
   Engine engine(round_config());
   engine.worker().tpc_dca().set_optimiser(
