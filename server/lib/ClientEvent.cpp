@@ -1,7 +1,5 @@
 #include "server/lib/ClientEvent.h"
 
-#include "server/lib/Hooks.h"
-
 namespace rrm {
 
 ClientEvent ClientEvent::from_json(const JsonReader& message) {
@@ -23,12 +21,8 @@ Radio* enabled_radio(ApEntry& ap, std::int32_t radio_id) {
 
 bool associate(Radio& radio, const ClientEvent& event) {
   AssocMap& clients = radio.assoc_clients;
-  if (clients.associated().size() >= kMaxClientsPerRadio && clients.find(event.mac) == nullptr) {
-    RRM_LOG(Warning, "Client table of radio %d %s is full, client %s left out", radio.id,
-            radio.mac.upper().c_str(), event.mac.upper().c_str());
-    return false;
-  }
   clients.add_client(event.mac, event.rssi_dbm, event.ssid, event.no_balance, false);
+  if (clients.find(event.mac) == nullptr) return false;
   clients.forget_expected(event.mac);
   return true;
 }

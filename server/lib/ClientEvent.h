@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -25,15 +24,11 @@ struct ClientEvent {
   bool complete() const noexcept { return !mac_text.empty() && !ssid.empty(); }
 };
 
-/// Clients that are kept per radio, associated or expected: four times what one BSS can number.
-/// More come only from broken access points.
-inline constexpr std::size_t kMaxClientsPerRadio = 8192;
-
 /// The access point's radio with that id, when it is enabled; else null.
 Radio* enabled_radio(ApEntry& ap, std::int32_t radio_id);
 
 /// Stores the client as associated to the radio and no longer expected there.
-/// @return false, with a Warning record, when the radio's table is full
+/// @return false when the radio's table is full
 bool associate(Radio& radio, const ClientEvent& event);
 
 }  // namespace rrm

@@ -142,7 +142,7 @@ void LoadBalancer802dot11vSubworker::process_client_roam(const JsonReader& messa
             target->base_mac.upper().c_str());
     return;
   }
-  if (radio->expected_roams.size() >= kMaxClientsPerRadio &&
+  if (radio->expected_roams.size() >= AssocMap::kMaxClients &&
       !radio->expected_roams.contains(client)) {
     RRM_LOG(Warning, "Too many expected clients on radio %d of AP(%s)", radio_id,
             target->base_mac.upper().c_str());

@@ -12,6 +12,7 @@
 
 #include "server/lib/TpcDcaSubworker.h"
 #include "tests/support/Engine.h"
+#include "tests/support/RoamingAudit.h"
 
 namespace rrm::test {
 namespace {
@@ -54,32 +55,6 @@ std::string fbt_info(int n, const std::string& key, const std::string& r0,
 
 const Vap& vap_of(Engine& engine, int ap, int radio = 0, const std::string& ssid = "office") {
   return engine.ap(ap)->radios.find(radio)->vaps.vaps().at(ssid);
-}
-
-/// Every VAP knows exactly the others of its SSID that it may know, under their present keys.
-void audit_links(RrmWorker& worker) {
-  for (const auto& [mac, ap] : worker.aps().aps()) {
-    for (const Radio& radio : ap->radios.radios) {
-      for (const auto& [ssid, vap] : radio.vaps.vaps()) {
-        if (!radio.status || !vap.use_80211r) continue;
-        std::size_t wanted = 0;
-        for (const auto& [other_mac, other] : worker.aps().aps()) {
-          if (other_mac == mac) continue;
-          const bool six = std::any_of(
-              other->radios.radios.begin(), other->radios.radios.end(),
-              [](const Radio& candidate) { return candidate.status && candidate.band == 6; });
-          for (const Radio& peer : other->radios.radios) {
-            if (!peer.status || (peer.band != radio.band && !six)) continue;
-            const auto found = peer.vaps.vaps().find(ssid);
-            if (found == peer.vaps.vaps().end() || !found->second.use_80211r) continue;
-            ++wanted;
-            EXPECT_TRUE(vap.has_link(found->second));
-          }
-        }
-        EXPECT_EQ(vap.links.size(), wanted);
-      }
-    }
-  }
 }
 
 // --- messages

@@ -8,8 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "server/lib/ClientEvent.h"
+#include "server/lib/TpcDcaSubworker.h"
 #include "tests/support/Balancing.h"
+#include "tests/support/RoamingAudit.h"
 
 namespace rrm::test {
 namespace {
@@ -184,14 +185,13 @@ TEST(Association80211v, OfAMillionClientsFillsABoundedTable) {
   Engine engine(steering_config());
   engine.subscribe(1, all_radios({steering_radio()}));
   AssocMap& clients = radio_of(engine, 1).assoc_clients;
-  for (std::uint32_t i = 0; i < kMaxClientsPerRadio; ++i) {
+  for (std::uint32_t i = 0; i < AssocMap::kMaxClients; ++i) {
     clients.add_client(mac_of("02:bb:00:00:00:00").plus(i), -50, "office", false, false);
   }
   associate(engine, 1, 7);
-  EXPECT_EQ(clients.associated().size(), kMaxClientsPerRadio);
-  EXPECT_TRUE(engine.log().has(
-      LogLevel::Warning,
-      "Client table of radio 0 00:11:22:00:01:00 is full, client 02:AA:00:00:00:07 left out"));
+  EXPECT_EQ(clients.associated().size(), AssocMap::kMaxClients);
+  EXPECT_TRUE(
+      engine.log().has(LogLevel::Warning, "Client 02:AA:00:00:00:07 refused, the radio has 8192"));
 }
 
 // --- moves
@@ -236,11 +236,11 @@ TEST(Roam, ToAnUnknownAccessPointOrRadioIsReported) {
 TEST(Roam, OfTooManyClientsIsRefused) {
   Engine engine(steering_config());
   subscribe_all(engine, 2);
-  for (std::uint32_t i = 0; i < kMaxClientsPerRadio; ++i) {
+  for (std::uint32_t i = 0; i < AssocMap::kMaxClients; ++i) {
     radio_of(engine, 2).expected_roams[mac_of("02:bb:00:00:00:00").plus(i)] = {};
   }
   roam(engine, 1, 7, ap_mac(2));
-  EXPECT_EQ(radio_of(engine, 2).expected_roams.size(), kMaxClientsPerRadio);
+  EXPECT_EQ(radio_of(engine, 2).expected_roams.size(), AssocMap::kMaxClients);
   EXPECT_TRUE(engine.log().has(LogLevel::Warning,
                                "Too many expected clients on radio 0 of AP(00:11:22:00:02:00)"));
 }
@@ -262,17 +262,6 @@ std::string list_of(const std::string& message) {
   return config.has("802dot11k") ? config.child("802dot11k").c_str() : "";
 }
 
-/// What each access point was sent, by session.
-std::map<std::uint32_t, std::string> sent_lists(Engine& engine) {
-  std::map<std::uint32_t, std::string> lists;
-  for (const auto& sent : engine.rrm().take()) {
-    if (sent.text.find("\"cmd\":\"rrm-info\"") != std::string::npos) {
-      lists[sent.session] = list_of(sent.text);
-    }
-  }
-  return lists;
-}
-
 TEST(Lists80211v, CarryPrioritiesAndGoOutOnlyWhenTheyChange) {
   Engine engine(steering_config());
   subscribe_all(engine, 2);
@@ -281,10 +270,10 @@ TEST(Lists80211v, CarryPrioritiesAndGoOutOnlyWhenTheyChange) {
   balancer.planning_update_802dot11v(true);
   EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Planning 802.11v optimization (timer restarted)"));
   engine.pass(19);
-  EXPECT_TRUE(sent_lists(engine).empty());
+  EXPECT_TRUE(sent_lists(engine.rrm().take()).empty());
   engine.pass(1);
   EXPECT_TRUE(engine.log().has(LogLevel::Debug, "802.11v optimization started for each AP"));
-  auto lists = sent_lists(engine);
+  auto lists = sent_lists(engine.rrm().take());
   EXPECT_EQ(lists[101], "[{\"id\":0,\"band5\":[" + entry(2, 44, 255) + "]}]");
   EXPECT_EQ(lists[102], "[{\"id\":0,\"band5\":[" + entry(1, 40, 255) + "]}]");
   EXPECT_TRUE(engine.log().has(LogLevel::Debug,
@@ -296,7 +285,7 @@ TEST(Lists80211v, CarryPrioritiesAndGoOutOnlyWhenTheyChange) {
   fill(engine, 2, 0, 5);
   EXPECT_TRUE(balancer.lists_pending());
   engine.pass(20);
-  lists = sent_lists(engine);
+  lists = sent_lists(engine.rrm().take());
   EXPECT_EQ(lists[101], "[{\"id\":0,\"band5\":[" + entry(2, 44, 127) + "]}]");
   EXPECT_EQ(lists[102], "");
   EXPECT_TRUE(engine.log().has(LogLevel::Debug,
@@ -325,7 +314,7 @@ TEST(Lists80211v, GroupNeighboursByOwnRadioAndBand) {
   }
   engine.rrm().take();
   engine.worker().load_balancer_80211v().force_optimization();
-  const JsonReader lists(sent_lists(engine)[101].c_str());
+  const JsonReader lists(sent_lists(engine.rrm().take())[101].c_str());
   ASSERT_EQ(lists.size(), 2u);
   for (int own = 0; own < 2; ++own) {
     const JsonReader object = lists.child(own);
@@ -363,38 +352,62 @@ TEST(Lists80211v, NeverNameForeignNetworks) {
   engine.ap(1)->visible_members[engine.ap(2)->base_mac] = {};
   engine.rrm().take();
   engine.worker().load_balancer_80211v().force_optimization();
-  EXPECT_EQ(sent_lists(engine)[101], "[{\"id\":0,\"band5\":[" + entry(2, 36, 255) + "]}]");
+  EXPECT_EQ(sent_lists(engine.rrm().take())[101],
+            "[{\"id\":0,\"band5\":[" + entry(2, 36, 255) + "]}]");
 }
 
-TEST(Lists80211v, KeepOrderOfTheMapAndEveryPairThatHearsEachOther) {
+/// Ten access points with one or two radios in three networks, some of which hear each other.
+void subscribe_at_random(Engine& engine, std::mt19937& random) {
+  constexpr int kAps = 10;
+  const auto pick = [&](unsigned count) { return static_cast<int>(random() % count); };
+  for (int n = 1; n <= kAps; ++n) {
+    std::vector<RadioSpec> radios;
+    for (int id = 0; id <= pick(2); ++id) {
+      RadioSpec radio = steering_radio(id, id == 0 ? 36 : 1, id == 0 ? 5 : 2);
+      radio.vaps = {{.id = 0, .ssid = "office", .k = true, .v = true}};
+      if (pick(2) == 0) radio.vaps.push_back({.id = 1, .ssid = "lab", .k = true, .v = true});
+      if (pick(2) == 0) radio.vaps.push_back({.id = 2, .ssid = "plain"});
+      radios.push_back(radio);
+    }
+    engine.subscribe(n, all_radios(radios));
+  }
+  for (int n = 1; n <= kAps; ++n) {
+    for (int other = 1; other <= kAps; ++other) {
+      if (other == n || pick(3) == 0) continue;
+      for (int id = 0; id < 2; ++id) {
+        engine.ap(n)->visible_members[engine.ap(other)->get_radio_mac(id)] = {-60, 36, 5, 20, 15};
+      }
+    }
+  }
+}
+
+TEST(Lists80211v, NameEveryPairThatHearsEachOtherAndNoForeignNetwork) {
   for (unsigned seed = 1; seed <= 10; ++seed) {
     std::mt19937 random(seed);
     Engine engine(steering_config());
-    constexpr int kAps = 10;
-    for (int n = 1; n <= kAps; ++n) engine.subscribe(n, all_radios({steering_radio()}));
-    std::set<std::pair<int, int>> hears;
-    for (int n = 1; n <= kAps; ++n) {
-      for (int other = 1; other <= kAps; ++other) {
-        if (other == n || random() % 3 == 0) continue;
-        hears.insert({n, other});
-        engine.ap(n)->visible_members[engine.ap(other)->base_mac] = {};
-      }
-    }
+    subscribe_at_random(engine, random);
     engine.rrm().take();
     engine.worker().load_balancer_80211v().force_optimization();
-    auto lists = sent_lists(engine);
-    for (int n = 1; n <= kAps; ++n) {
-      const JsonReader list(lists[static_cast<std::uint32_t>(n + 100)].c_str());
-      const JsonReader own = list.child(0);
-      const JsonReader band = own.child("band5");
-      std::set<std::string> named;
-      for (int i = 0; i < static_cast<int>(band.size()); ++i) {
-        named.insert(band.child(i).get_str("neighbour-mac"));
-      }
-      for (int other = 1; other <= kAps; ++other) {
-        EXPECT_EQ(named.count(engine.ap(other)->base_mac.upper().str()), hears.count({n, other}));
-      }
-    }
+    audit_lists(engine, 10, sent_lists(engine.rrm().take()));
+  }
+}
+
+TEST(Lists80211k, NameEveryPairThatHearsEachOtherAndNoForeignNetwork) {
+  for (unsigned seed = 1; seed <= 10; ++seed) {
+    std::mt19937 random(seed);
+    DomainConfig config = Engine::quiet_config();
+    config.use_80211k = true;
+    Engine engine(config);
+    subscribe_at_random(engine, random);
+    engine.rrm().take();
+    engine.worker().tpc_dca().update_802dot11k();
+    EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Update  domain site"));
+    EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Planning update 802dot11k domain site"));
+    engine.pass(19);
+    EXPECT_TRUE(engine.rrm().take().empty());
+    engine.pass(1);
+    EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Process update 802dot11k domain site"));
+    audit_lists(engine, 10, sent_lists(engine.rrm().take()));
   }
 }
 
@@ -406,7 +419,7 @@ TEST(Lists80211v, LeaveOutThe65thNeighbourOfANetwork) {
   engine.rrm().take();
   engine.log().clear();
   engine.worker().load_balancer_80211v().force_optimization();
-  const JsonReader list(sent_lists(engine)[101].c_str());
+  const JsonReader list(sent_lists(engine.rrm().take())[101].c_str());
   EXPECT_EQ(list.child(0).child("band5").size(), 64u);
   EXPECT_EQ(engine.log().count(LogLevel::Error,
                                "On mac(00:11:22:00:01:00) radio(0) number of entries for "
@@ -423,11 +436,11 @@ TEST(Lists80211v, WaitWhileARoundMeasures) {
   balancer.planning_update_802dot11v(true);
   engine.pass(20);
   EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Load balancer is blocked"));
-  EXPECT_TRUE(sent_lists(engine).empty());
+  EXPECT_TRUE(sent_lists(engine.rrm().take()).empty());
   EXPECT_TRUE(balancer.lists_pending());
   engine.worker().set_load_balancer_lock(false);
   engine.pass(20);
-  EXPECT_EQ(sent_lists(engine).size(), 2u);
+  EXPECT_EQ(sent_lists(engine.rrm().take()).size(), 2u);
   EXPECT_FALSE(balancer.lists_pending());
 }
 
@@ -440,14 +453,14 @@ TEST(Lists80211v, ArePutOffOnlyByARestart) {
   engine.pass(15);
   balancer.planning_update_802dot11v(false);
   engine.pass(5);
-  EXPECT_EQ(sent_lists(engine).size(), 1u);
+  EXPECT_EQ(engine.rrm().take("rrm-info").size(), 1u);
   balancer.planning_update_802dot11v(false);
   engine.pass(15);
   balancer.planning_update_802dot11v(true);
   engine.pass(19);
-  EXPECT_TRUE(sent_lists(engine).empty());
+  EXPECT_TRUE(engine.rrm().take("rrm-info").empty());
   engine.pass(1);
-  EXPECT_EQ(sent_lists(engine).size(), 1u);
+  EXPECT_EQ(engine.rrm().take("rrm-info").size(), 1u);
 }
 
 TEST(Lists80211v, AreNotPlannedWithout80211v) {
