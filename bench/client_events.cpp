@@ -1,7 +1,8 @@
 // Client events at a domain worker: associations, signal changes and probe answers, mixed evenly,
-// of clients that wander among neighbouring access points. Parsing is not counted. The figures are
-// of one run, by the processor time of the thread: events per second and how long single events
-// take.
+// of clients that wander among neighbouring access points; while the balancers work, and while a
+// round is being optimised: then they are paused, and another thread optimises all the time.
+// Parsing is not counted. The figures are of one run, by the processor time of the thread: events
+// per second and how long single events take.
 //
 // What grows with the number of access points: an association blocks or unblocks the client on
 // every other radio of its SSID, and a question goes to every access point that hears the client's.
@@ -9,17 +10,20 @@
 #include <time.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "server/lib/Clock.h"
 #include "server/lib/RRM.h"
 #include "server/lib/RrmWorker.h"
-#include "tests/support/Engine.h"
+#include "server/lib/TpcDcaOptimiser.h"
+#include "tests/support/RandomDomain.h"
 
 namespace {
 
@@ -52,7 +56,8 @@ class SilentRrm : public RRM {
 
 class Site {
  public:
-  explicit Site(int aps) : count_(aps), global_({}, "{}"), rrm_(&global_) {
+  Site(int aps, bool optimising)
+      : count_(aps), optimising_(optimising), global_({}, "{}"), rrm_(&global_) {
     DomainConfig config;
     config.use_rrm_report = false;
     config.use_optimization_event = false;
@@ -61,6 +66,7 @@ class Site {
     worker_ = std::make_shared<RrmWorker>(&global_, config, &rrm_, "site", 2048, 0);
     for (int n = 0; n < count_; ++n) subscribe(n);
     for (int n = 0; n < count_; ++n) hear_neighbours(n);
+    worker_->set_load_balancer_lock(optimising_);
   }
 
   void run() {
@@ -99,14 +105,17 @@ class Site {
   }
 
   void subscribe(int n) {
-    std::vector<test::RadioSpec> radios;
+    std::string radios;
     for (int id = 0; id < 3; ++id) {
-      radios.push_back({.id = id, .vaps = {{.ssid = kSsid}}, .locked_balancer = 0});
+      if (id > 0) radios += ',';
+      radios += "{\"id\":" + std::to_string(id) +
+                R"(,"status":1,"channel":36,"band":5,"power":15,"bandwidth":20,)"
+                R"("available-channels":"36,40","locked-for-balancer":0,"vaps":[{"id":0,"ssid":")" +
+                kSsid + "\"}]}";
     }
     const JsonReader message(
         (head(n, "subscribe-request") +
-         R"("factory":{"board":"b","hw":"h","serial":"s","mac":"m"},"radios":)" +
-         test::radios_text(radios) + "}")
+         R"("factory":{"board":"b","hw":"h","serial":"s","mac":"m"},"radios":[)" + radios + "]}")
             .c_str());
     worker_->process_message(message, session(n));
   }
@@ -145,23 +154,55 @@ class Site {
     double handled_us = 0;
     for (const double time : times) handled_us += time;
     std::sort(times.begin(), times.end());
-    std::printf("%5d  %9.0f  %9.0f  %8.1f  %8.1f  %8.1f  %9zu\n", count_,
-                kEvents / handled_us * 1e6, kEvents / total_us * 1e6, times[times.size() / 2],
-                times[times.size() * 99 / 100], times.back(), rrm_.sent);
+    std::printf("%5d  %-10s  %9.0f  %9.0f  %8.1f  %8.1f  %8.1f  %9zu\n", count_,
+                optimising_ ? "optimising" : "balancing", kEvents / handled_us * 1e6,
+                kEvents / total_us * 1e6, times[times.size() / 2], times[times.size() * 99 / 100],
+                times.back(), rrm_.sent);
   }
 
   const int count_;
+  const bool optimising_;
   std::mt19937 random_{1};
   GlobalConfig global_;
   SilentRrm rrm_;
   std::shared_ptr<RrmWorker> worker_;
 };
 
+/// Optimises a domain of so many access points until it goes.
+class Optimiser {
+ public:
+  explicit Optimiser(int aps)
+      : domain_(test::campus(static_cast<std::size_t>(aps), kNeighbours, 1)), thread_([this] {
+          while (!stop_) optimise_once();
+        }) {}
+  ~Optimiser() {
+    stop_ = true;
+    thread_.join();
+  }
+  Optimiser(const Optimiser&) = delete;
+  Optimiser& operator=(const Optimiser&) = delete;
+
+ private:
+  void optimise_once() {
+    ApMap snapshot = domain_->aps.snapshot();
+    optimise(snapshot, domain_->config, {true, true, false}, 0, stop_);
+  }
+
+  std::unique_ptr<test::MadeDomain> domain_;
+  std::atomic<bool> stop_ = false;
+  std::thread thread_;
+};
+
 }  // namespace
 
 int main() {
   set_clock_sources([] { return now_s; }, [] { return now_s * 1'000'000; });
-  std::printf("  APs  handled/s  all in/s    p50 us    p99 us    max us   messages sent\n");
-  for (const int aps : {64, 128, 300, 600}) Site(aps).run();
+  std::printf(
+      "  APs  while       handled/s  all in/s    p50 us    p99 us    max us   messages sent\n");
+  for (const int aps : {64, 128, 300, 600}) Site(aps, false).run();
+  for (const int aps : {64, 300, 600}) {
+    const Optimiser optimiser(aps);
+    Site(aps, true).run();
+  }
   return 0;
 }
