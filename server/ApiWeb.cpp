@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "server/ProcessLog.h"
+#include "server/TakenBytes.h"
 #include "server/VrrpWorker.h"
 #include "server/lib/Hooks.h"
 #include "server/lib/RRM.h"
@@ -50,6 +51,9 @@ std::string header(lws* wsi, lws_token_indexes token) {
   char value[64] = {};
   return lws_hdr_copy(wsi, value, sizeof(value), token) > 0 ? value : "";
 }
+
+/// Where the kernel does not tell, a connection serves one request only.
+std::uint64_t bytes_up_to_now(lws* wsi) { return taken_bytes(lws_get_socket_fd(wsi)).value_or(0); }
 
 int method(lws* wsi) {
   char* uri = nullptr;
@@ -218,7 +222,7 @@ int ApiWeb::worker_lws_callback(lws* wsi, lws_callback_reasons reason, void* in,
       lws_return_http_status(wsi, HTTP_STATUS_NOT_IMPLEMENTED, nullptr);
       return -1;  // websockets and HTTP/2 would be connections without a session
     case LWS_CALLBACK_FILTER_HTTP_CONNECTION:
-      return refuse_body_for_a_file(wsi, {static_cast<const char*>(in), length});
+      return filter_request(wsi, {static_cast<const char*>(in), length});
     case LWS_CALLBACK_HTTP:
       pass_done_ = true;
       return begin_request(wsi);
@@ -232,7 +236,7 @@ int ApiWeb::worker_lws_callback(lws* wsi, lws_callback_reasons reason, void* in,
       return answer_when_writeable(wsi);
     case LWS_CALLBACK_HTTP_FILE_COMPLETION:
       pass_done_ = true;
-      return lws_http_transaction_completed(wsi) != 0 ? -1 : 0;
+      return complete_file(wsi);
     default:
       return 0;
   }
@@ -290,6 +294,28 @@ int ApiWeb::invite_body(lws* wsi) {
   buffer += "HTTP/1.1 100 Continue\r\n\r\n";
   auto* const text = reinterpret_cast<unsigned char*>(buffer.data()) + LWS_PRE;
   return lws_write(wsi, text, buffer.size() - LWS_PRE, LWS_WRITE_HTTP_HEADERS) < 0 ? -1 : 0;
+}
+
+/// Requests that the library would serve wrongly end their connection instead.
+int ApiWeb::filter_request(lws* wsi, std::string_view path) {
+  return is_joined_to_another(wsi) ? -1 : refuse_body_for_a_file(wsi, path);
+}
+
+/// Whether nothing was read from the connection since its last request: this one came in one piece
+/// with that. libwebsockets 4.1.6 keeps it in a buffer and then reads its body from the start of
+/// that buffer, for ever or over freed memory. The peer's end of the stream may count as a byte.
+bool ApiWeb::is_joined_to_another(lws* wsi) {
+  const auto session = sessions_.find(wsi);
+  if (!session) return true;
+  const std::uint64_t taken = bytes_up_to_now(wsi);
+  const bool joined = session->taken && taken <= *session->taken + 1;
+  session->taken = taken;
+  return joined;
+}
+
+int ApiWeb::complete_file(lws* wsi) {
+  if (const auto session = sessions_.find(wsi)) session->taken = bytes_up_to_now(wsi);
+  return lws_http_transaction_completed(wsi) != 0 ? -1 : 0;
 }
 
 /// The library serves a file without reading the request's body, which it would then take for the
@@ -360,6 +386,7 @@ int ApiWeb::answer_request(lws* wsi) {
     const auto session = sessions_.map().find(wsi);
     if (session == sessions_.map().end()) return refuse(wsi, HTTP_STATUS_BAD_REQUEST);
     body = std::exchange(session->second->body, {});
+    session->second->taken = bytes_up_to_now(wsi);
     last = session->second->chunks.has_value();
   }
   const Reply reply = process_body(body);

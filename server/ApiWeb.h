@@ -25,6 +25,8 @@ struct HttpSession {
   std::optional<ChunkedBody> chunks;  ///< decodes the body when it arrives in chunked coding
   bool complete = false;              ///< such a body is whole: it is answered when writeable
   std::uint64_t last_use = 0;         ///< order of requests among all connections
+  /// Bytes read from the connection up to the last request; nothing before the first one.
+  std::optional<std::uint64_t> taken;
 };
 
 /// HTTP(S) server: management commands as request bodies, and the files of the web interface. Its
@@ -87,7 +89,10 @@ class ApiWeb : public rrm::Api {
   int begin_request(lws* wsi);
   int begin_chunked_body(lws* wsi, HttpSession& session);
   int invite_body(lws* wsi);
+  int filter_request(lws* wsi, std::string_view path);
+  bool is_joined_to_another(lws* wsi);
   int refuse_body_for_a_file(lws* wsi, std::string_view path);
+  int complete_file(lws* wsi);
   int append_body(lws* wsi, const void* in, std::size_t length);
   int append_chunks(lws* wsi, HttpSession& session, std::string_view bytes);
   int answer_request(lws* wsi);

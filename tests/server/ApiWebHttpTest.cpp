@@ -77,6 +77,39 @@ TEST_F(WebHttp, KeptConnectionServesOneRequestAfterAnother) {
   EXPECT_EQ(corrupted(), 0U);
 }
 
+TEST_F(WebHttp, OfRequestsJoinedInOnePieceTheFirstIsServedAndTheConnectionCloses) {
+  start();
+  const std::string command = post_text(R"({"vrrp":{}})");
+  const std::string file = "GET /www/wavelom/ HTTP/1.1\r\nHost: a\r\n\r\n";
+  const std::string missing = "GET /www/wavelom/none HTTP/1.1\r\nHost: a\r\n\r\n";
+  const std::string redirected = "GET /www/wavelom HTTP/1.1\r\nHost: a\r\n\r\n";
+  for (const std::string& first : {command, file, missing, redirected})
+    for (const std::string& second :
+         {command, command + command, file + command, command + "rest"}) {
+      SCOPED_TRACE(first + second);
+      TcpClient client(port_);
+      ASSERT_TRUE(client.send(first + second));
+      std::string bytes;
+      while (client.receive(bytes)) {
+      }
+      EXPECT_TRUE(bytes.starts_with("HTTP/1.")) << bytes;
+      // The library itself refuses some of them before it asks.
+      EXPECT_EQ(bytes.find("HTTP/1.1 200", 1), std::string::npos) << bytes;
+    }
+  EXPECT_EQ(http_post(port_, R"({"rrm":{}})").status, 200);
+}
+
+TEST_F(WebHttp, FilesAndCommandsMayFollowEachOtherOnAConnection) {
+  start();
+  TcpClient client(port_);
+  for (const char* path : {"/www/wavelom/", "/none", "/www/wavelom", "/www/wavelom/app.js"}) {
+    ASSERT_TRUE(client.send(std::string("GET ") + path + " HTTP/1.1\r\nHost: a\r\n\r\n"));
+    EXPECT_NE(read_reply(client).status, 0) << path;
+    ASSERT_TRUE(client.send(post_text(R"({"vrrp":{}})")));
+    EXPECT_EQ(read_reply(client).status, 200) << path;
+  }
+}
+
 TEST_F(WebHttp, BodyInSeveralChunksIsProcessedOnceWhenTheLastHasArrived) {
   start();
   TcpClient client(port_);
