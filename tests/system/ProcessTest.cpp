@@ -1,78 +1,25 @@
 #include <gtest/gtest.h>
-#include <sys/stat.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <memory>
+#include <fstream>
+#include <iterator>
 #include <string>
-#include <vector>
+#include <utility>
 
 #include "server/lib/Config.h"
 #include "server/lib/JsonReader.h"
-#include "tests/support/HttpClient.h"
-#include "tests/support/ProcessUnderTest.h"
-#include "tests/support/TempFolder.h"
-#include "tests/support/WebsockClients.h"
+#include "tests/system/Process.h"
 
-/// The real process, started with a configuration and ports of its own.
 namespace {
 
 using rrm::JsonReader;
-using rrm::test::free_port;
 using rrm::test::http_get;
 using rrm::test::http_post;
-using rrm::test::HttpReply;
-using rrm::test::ProcessUnderTest;
 using rrm::test::TcpClient;
-using rrm::test::TempFolder;
 using rrm::test::wait_until;
 using rrm::test::WebsockClients;
-
-class Process : public testing::Test {
- protected:
-  void SetUp() override {
-    struct stat state {};
-    if (::stat("/etc/tavro-wavelom/wavelom_logger.conf", &state) == 0)
-      GTEST_SKIP() << "this machine has a logger configuration of its own";
-  }
-  void configure(const std::string& members = "") {
-    folder_.write("index.html", "<html>site</html>");
-    folder_.write("c.conf", R"({"global":{"api_port":)" + std::to_string(web_port_) +
-                                R"(,"cli_api_port":)" + std::to_string(tcp_port_) +
-                                R"(,"listen_port":)" + std::to_string(ap_port_) +
-                                R"(,"www_path":")" + folder_.path() + R"(","reports_path":")" +
-                                folder_.path() + "\"" + members +
-                                R"(},"domains":[{"domain":"site1","pattern":"common",)" +
-                                R"("time_zone":"3:00"}]})");
-  }
-  void start(const std::vector<std::string>& arguments = {"c.conf"}) {
-    std::vector<std::string> words = {WAVELOM_EXECUTABLE};
-    words.insert(words.end(), arguments.begin(), arguments.end());
-    process_ = std::make_unique<ProcessUnderTest>(folder_.path(), words);
-  }
-  bool is_serving(int port) {
-    return wait_until([&] { return TcpClient(port).is_connected() || !process_->is_running(); }) &&
-           process_->is_running();
-  }
-  void start_and_wait() {
-    start();
-    ASSERT_TRUE(is_serving(web_port_)) << process_->output() << process_->errors();
-    ASSERT_TRUE(is_serving(ap_port_)) << process_->output();
-  }
-  int interrupt() {
-    process_->signal(SIGINT);
-    const int status = process_->wait();
-    if (status != 0) ADD_FAILURE() << process_->errors();
-    return status;
-  }
-  std::string ask(const std::string& request) { return http_post(web_port_, request).body; }
-
-  TempFolder folder_;
-  int web_port_ = free_port();
-  int tcp_port_ = free_port();
-  int ap_port_ = free_port();
-  std::unique_ptr<ProcessUnderTest> process_;
-};
 
 TEST_F(Process, ServesManagementAndFilesAndEndsOnInterruptWithStatus0) {
   configure();
@@ -90,6 +37,19 @@ TEST_F(Process, ServesManagementAndFilesAndEndsOnInterruptWithStatus0) {
   EXPECT_FALSE(TcpClient(web_port_).is_connected());
   EXPECT_FALSE(TcpClient(tcp_port_).is_connected());
   EXPECT_FALSE(TcpClient(ap_port_).is_connected());
+}
+
+TEST_F(Process, SetsTheLimitOfOpenFilesTo12288) {
+  rlimit files{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &files), 0);
+  if (::geteuid() != 0 && files.rlim_max < 12288) GTEST_SKIP() << "only root may raise the limit";
+  configure();
+  start_and_wait();
+  std::ifstream limits("/proc/" + std::to_string(process_->pid()) + "/limits");
+  const std::string text(std::istreambuf_iterator<char>(limits), {});
+  EXPECT_NE(text.find("Max open files            12288                12288 "), std::string::npos)
+      << text;
+  EXPECT_EQ(interrupt(), 0);
 }
 
 TEST_F(Process, SaysThatItUsesDefaultLoggerSettings) {
