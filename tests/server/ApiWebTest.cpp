@@ -3,11 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <string>
 #include <thread>
 
+#include "server/ApiCli.h"
 #include "tests/server/WebApi.h"
 #include "tests/support/CapturedLog.h"
 
@@ -88,6 +90,51 @@ TEST_F(WebApi, WithoutItsCertificateTheLoopGoesOnWithoutHttp) {
   });
   api.run();
   EXPECT_EQ(passes, 2);
+}
+
+/// Sends every request elsewhere, as a route of the front-end would.
+int redirect_all(lws* wsi, lws_callback_reasons reason, void*, void*, std::size_t) {
+  auto* const api = static_cast<ApiWeb*>(lws_context_user(lws_get_context(wsi)));
+  return reason == LWS_CALLBACK_HTTP ? api->redirect_302(wsi, "/www/wavelom/") : 0;
+}
+
+TEST_F(WebApi, RedirectAnswersWithTheLocationAndKeepsTheConnection) {
+  FrontEndParts parts(R"("api_port":0)");
+  ApiWeb api(&parts.rrm, &parts.vrrp);
+  const std::array<lws_protocols, 2> protocols{
+      lws_protocols{"http", redirect_all, 0, 0, 0, nullptr, 0}, lws_protocols{}};
+  lws_context_creation_info info{};
+  info.protocols = protocols.data();
+  info.user = &api;
+  info.gid = static_cast<gid_t>(-1);
+  info.uid = static_cast<uid_t>(-1);
+  lws_context* const context = lws_create_context(&info);
+  ASSERT_NE(context, nullptr);
+  const int port = lws_get_vhost_listen_port(lws_get_vhost_by_name(context, "default"));
+  std::atomic<bool> done = false;
+  std::thread thread([&] {
+    while (!done) lws_service(context, 0);
+  });
+  TcpClient client(port);
+  for (int i = 0; i < 2; ++i) {
+    const HttpReply reply = rrm::test::ask(client, "GET /x HTTP/1.1\r\nHost: localhost\r\n\r\n");
+    EXPECT_EQ(reply.status, 302) << i;
+    EXPECT_TRUE(reply.has("location: /www/wavelom/")) << reply.headers;
+  }
+  done = true;
+  lws_cancel_service(context);
+  thread.join();
+  lws_context_destroy(context);
+  EXPECT_TRUE(log_.has(el::Level::Debug, "Redirect to /www/wavelom/"));
+}
+
+TEST_F(WebApi, BusyPortLeavesTheLoopWithoutHttp) {
+  FrontEndParts parts(R"("cli_api_port":0)");
+  const ApiCli other(&parts.rrm, &parts.vrrp);
+  parts.config.api_port = other.port();
+  const ApiWeb api(&parts.rrm, &parts.vrrp);
+  EXPECT_EQ(api.port(), 0);
+  EXPECT_TRUE(log_.has(el::Level::Error, "HTTP service is not available."));
 }
 
 TEST_F(WebApi, ReportsAreCheckedInEvery602ndPass) {
