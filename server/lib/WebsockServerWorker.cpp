@@ -436,8 +436,9 @@ int WebsockServerWorker::on_receive(WebsockSession& session, const char* in, std
   lws* const wsi = session.address.wsi;
   const bool complete = lws_remaining_packet_payload(wsi) == 0 && lws_is_final_fragment(wsi) != 0;
   std::string& buffer = session.receive_buffer;
+  const std::size_t largest_backlog = largest_backlog_;
   if (length > kLongestMessage - std::min(buffer.size(), kLongestMessage) ||
-      length > kLargestBacklog - std::min(backlog_.load(), kLargestBacklog)) {
+      length > largest_backlog - std::min(backlog_.load(), largest_backlog)) {
     RRM_LOG(Error, "websocket message too long, %zu bytes and more; close session %u",
             buffer.size() + length, session.address.id);
     return -1;

@@ -83,6 +83,8 @@ class WebsockServerWorker : public Worker {
     pong_timeout_s_ = pong_s;
     stuck_peer_s_ = stuck_peer_s;
   }
+  /// What all sessions together may have in the making, bytes.
+  void set_largest_backlog(std::size_t bytes) noexcept { largest_backlog_ = bytes; }
   /// The port listened on; differs from the configured one when that is 0. 0 when not connected.
   int port() const noexcept { return bound_port_; }
 
@@ -143,6 +145,7 @@ class WebsockServerWorker : public Worker {
   std::atomic<int> bound_port_{0};
   std::atomic<int> pong_timeout_s_{kPongTimeout_s};
   std::atomic<int> stuck_peer_s_{kStuckPeer_s};
+  std::atomic<std::size_t> largest_backlog_{kLargestBacklog};
 
   std::uint32_t next_id_ = 1;  ///< guarded by id_mutex_
   std::mutex id_mutex_;

@@ -393,6 +393,35 @@ TEST_F(RRMTest, RemovingAWorkerDropsTheSessionsWhoseMessagesStillWait) {
   EXPECT_EQ(site->record_count(), 0U);
 }
 
+TEST_F(RRMTest, RemovingAWorkerDropsTheSessionsOfItsAccessPoints) {
+  rrm_.start();
+  ASSERT_TRUE(wait_until([&] { return rrm_.websock_server().port() != 0; }));
+  test::WebsockClients clients(rrm_.websock_server().port());
+  clients.open_all(2);
+  const auto subscribe = [&](std::size_t client, const char* domain, const char* mac) {
+    clients.send(client, std::string(R"({"service":"rrm","version":"2.4",)") +
+                             R"("cmd":"subscribe-request","domain":")" + domain +
+                             R"(","ap-mac":")" + mac +
+                             R"(","factory":{"board":"B","hw":"H","serial":"S","mac":")" + mac +
+                             R"("},"radios":[]})");
+    EXPECT_FALSE(clients.wait_received(client).empty());
+  };
+  subscribe(0, "site", "0a:11:22:00:01:00");
+  subscribe(1, "other", "0a:11:22:00:02:00");
+  EXPECT_TRUE(rrm_.remove_worker("site"));
+  ASSERT_TRUE(clients.wait_closed(0));
+  EXPECT_EQ(clients.close_reason(0), (std::pair<int, std::string>(1000, "done")));
+  EXPECT_TRUE(wait_until([&] { return rrm_.websock_server().session_count() == 1; }));
+  EXPECT_TRUE(clients.is_open(1));
+  const auto texts = log_.texts(LogLevel::Debug);
+  EXPECT_EQ(std::count_if(texts.begin(), texts.end(),
+                          [](const auto& text) { return text.rfind("Drop session ", 0) == 0; }),
+            1);
+  EXPECT_EQ(log_.count(LogLevel::Debug, "Drop session 0A:11:22:00:01:00(1) on worker 'site'.") +
+                log_.count(LogLevel::Debug, "Drop session 0A:11:22:00:01:00(2) on worker 'site'."),
+            1U);
+}
+
 TEST_F(RRMTest, ARemovedDomainComesBackWithItsNextSubscription) {
   receive(subscription("site"));
   rrm_.remove_worker("site");
@@ -575,6 +604,14 @@ TEST_F(RRMReportsTest, AMissingFolderIsReported) {
   rrm_.check_old_reports();
   EXPECT_TRUE(log_.has(LogLevel::Error, "Could not open directory: " + folder_.file("missing")));
   EXPECT_EQ(log_.events().back().first, EventCode::ReportCheckFailed);
+}
+
+TEST_F(RRMReportsTest, AnEntryWithoutAWorkerIsReported) {
+  rrm_.workers().insert("site", nullptr);
+  rrm_.check_old_reports();
+  rrm_.workers().clear();
+  EXPECT_EQ(log_.texts(LogLevel::Error), (Texts{"site worker absent."}));
+  EXPECT_TRUE(log_.has_event(EventCode::ReportCheckFailed, "site"));
 }
 
 TEST_F(RRMReportsTest, AFailureIsReportedForActiveAndInactiveDomainsApart) {

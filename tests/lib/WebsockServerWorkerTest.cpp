@@ -41,6 +41,12 @@ std::string of_size(std::size_t size) {
 
 class WebsockServerTest : public testing::Test {
  protected:
+  /// Among the messages of the recording domain, which also hears of sessions that close.
+  bool has_arrived(const std::string& text) const {
+    const auto texts = server_.site->texts();
+    return std::find(texts.begin(), texts.end(), text) != texts.end();
+  }
+
   FakeClock clock_;  // no second ends, so that no flood is seen among many messages
   test::CapturedLog log_;
   test::LoopbackServer server_;
@@ -53,10 +59,7 @@ class WebsockClientsTest : public WebsockServerTest {
     const std::size_t client = clients_.open_all(1);
     const std::string text = numbered(static_cast<int>(1000000 + client));
     clients_.send(client, text);
-    return wait_until([&] {
-      const auto texts = server_.site->texts();
-      return std::find(texts.begin(), texts.end(), text) != texts.end();
-    });
+    return wait_until([&] { return has_arrived(text); });
   }
 
   WebsockClients clients_{server_.port()};
@@ -365,27 +368,46 @@ TEST_P(Drop, ClosesThatSessionWithCode1000Done) {
 INSTANTIATE_TEST_SUITE_P(Force, Drop, testing::Bool(),
                          [](const auto& test) { return test.param ? "Yes" : "No"; });
 
-constexpr char kQueueOverflow[] = "per-wsi queue overflow: outgoing message dropped for session 1";
+/// The same for messages of the normal and of the force ring.
+struct Ring {
+  const char* name;
+  void (*send)(RRM& rrm, const std::string& text, const SessionAddress& address);
+  const char* overflow;
+};
+
+constexpr Ring kNormalRing = {"Normal",
+                              [](RRM& rrm, const std::string& text, const SessionAddress& address) {
+                                rrm.send_text(text.c_str(), address);
+                              },
+                              "per-wsi queue overflow: outgoing message dropped for session 1"};
+constexpr Ring kForceRing = {
+    "Force",
+    [](RRM& rrm, const std::string& text, const SessionAddress& address) {
+      rrm.send_message_force(text.c_str(), address);
+    },
+    "per-wsi force queue overflow: outgoing message dropped for session 1"};
 
 /// Sends to a client that reads nothing until a message is given up without any waiting, because
 /// one before was given up after a minute and none has gone out since.
 bool fill_queue(test::LoopbackServer& server, const SessionAddress& address,
-                const test::CapturedLog& log) {
+                const test::CapturedLog& log, const Ring& ring = kNormalRing) {
   const std::string text = of_size(1000000);
   return wait_until([&] {
     const test::VirtualSleep sleep;
-    const std::size_t before = log.count(LogLevel::Error, kQueueOverflow);
-    server.rrm.send_text(text.c_str(), address);
-    return test::sleeps == 0 && log.count(LogLevel::Error, kQueueOverflow) == before + 1;
+    const std::size_t before = log.count(LogLevel::Error, ring.overflow);
+    ring.send(server.rrm, text, address);
+    return test::sleeps == 0 && log.count(LogLevel::Error, ring.overflow) == before + 1;
   });
 }
 
-TEST_F(WebsockServerTest, AMessageForAPeerThatTakesNothingIsDroppedReportedAndHoldsNobodyAgain) {
+class StuckPeer : public WebsockServerTest, public testing::WithParamInterface<Ring> {};
+
+TEST_P(StuckPeer, AMessageForItIsDroppedReportedAndHoldsNobodyAgain) {
   RawClient stuck(server_.port());
   ASSERT_TRUE(stuck.handshake());
   const auto address = server_.wait_sessions(1)[0];
-  ASSERT_TRUE(fill_queue(server_, address, log_));
-  const std::size_t reported = log_.count(LogLevel::Error, kQueueOverflow);
+  ASSERT_TRUE(fill_queue(server_, address, log_, GetParam()));
+  const std::size_t reported = log_.count(LogLevel::Error, GetParam().overflow);
   EXPECT_GE(reported, 2U);
   EXPECT_EQ(log_.texts(LogLevel::Error).size(), reported);
   const auto events = log_.events();
@@ -394,6 +416,9 @@ TEST_F(WebsockServerTest, AMessageForAPeerThatTakesNothingIsDroppedReportedAndHo
                     [](const auto& event) { return event.first == EventCode::WebsocketOverflow; }),
       static_cast<std::ptrdiff_t>(reported));
 }
+
+INSTANTIATE_TEST_SUITE_P(With, StuckPeer, testing::Values(kNormalRing, kForceRing),
+                         [](const auto& test) { return test.param.name; });
 
 TEST_F(WebsockServerTest, AProducerThatWaitsForASessionGivesUpWhenItCloses) {
   RawClient stuck(server_.port());
@@ -417,7 +442,7 @@ TEST_F(WebsockServerTest, AProducerThatWaitsForASessionGivesUpWhenItCloses) {
   closed = true;
   stuck.reset();
   producer.join();
-  EXPECT_FALSE(log_.has(LogLevel::Error, kQueueOverflow));
+  EXPECT_FALSE(log_.has(LogLevel::Error, kNormalRing.overflow));
 }
 
 TEST_F(WebsockServerTest, AProducerThatWaitsForASessionGivesUpWhenTheControllerStops) {
@@ -444,36 +469,62 @@ TEST_F(WebsockServerTest, ASessionThatIsDroppedButTakesNothingMoreIsCutOff) {
   EXPECT_TRUE(wait_until([&] { return server_.server().session_count() == 0; }));
 }
 
-TEST_F(WebsockServerTest, AFullParsingQueueDropsTheMessageAndReportsIt) {
-  class Blocked : public RecordingWorker {
-   public:
-    using RecordingWorker::RecordingWorker;
-    void enqueue_message(JsonReader&&, const SessionAddress&) override {
-      ++entered;
-      wait_until([&] { return open.load(); }, 2 * test::kPatience_ms);
-    }
-    std::atomic<int> entered{0};
-    std::atomic<bool> open{false};
-  };
-  const auto blocked = std::make_shared<Blocked>("blocked", &server_.rrm);
-  server_.rrm.workers().insert("blocked", blocked);
-  RawClient client(server_.port());
-  ASSERT_TRUE(client.handshake());
-  client.send_frame(RawClient::Text, R"({"domain":"blocked"})");
-  ASSERT_TRUE(wait_until([&] { return blocked->entered == 1; }));
+/// Holds the parsing thread with its first message until it is let go.
+class Blocked : public RecordingWorker {
+ public:
+  using RecordingWorker::RecordingWorker;
+  void enqueue_message(JsonReader&&, const SessionAddress&) override {
+    ++entered;
+    wait_until([&] { return open.load(); }, 2 * test::kPatience_ms);
+  }
+  std::atomic<int> entered{0};
+  std::atomic<bool> open{false};
+};
+
+class BusyParserTest : public WebsockServerTest {
+ protected:
+  BusyParserTest() {
+    server_.rrm.workers().insert("blocked", blocked_);
+    client_.handshake();
+    client_.send_frame(RawClient::Text, R"({"domain":"blocked"})");
+    EXPECT_TRUE(wait_until([&] { return blocked_->entered == 1; }));
+  }
+  ~BusyParserTest() override { blocked_->open = true; }
+
+  std::shared_ptr<Blocked> blocked_ = std::make_shared<Blocked>("blocked", &server_.rrm);
+  RawClient client_{server_.port()};
+};
+
+TEST_F(BusyParserTest, AFullParsingQueueDropsTheMessageAndReportsIt) {
   {
     const test::VirtualSleep sleep;
-    for (int i = 0; i < 2049; ++i) client.send_frame(RawClient::Text, numbered(i));
-    const auto reported = [&] {
+    for (int i = 0; i < 2049; ++i) client_.send_frame(RawClient::Text, numbered(i));
+    EXPECT_TRUE(wait_until([&] {
       return log_.has(LogLevel::Error,
                       "jsonificator_queue overflow: message dropped from session 1");
-    };
-    EXPECT_TRUE(wait_until(reported));
+    }));
   }
   EXPECT_TRUE(log_.has_event(EventCode::WebsocketOverflow));
-  blocked->open = true;
+  blocked_->open = true;
   EXPECT_TRUE(server_.wait_records(2048));
   EXPECT_EQ(server_.site->texts().back(), numbered(2047));
+}
+
+TEST_F(BusyParserTest, MessagesOfASessionThatHasClosedMeanwhileAreNotParsed) {
+  {
+    RawClient gone(server_.port());
+    ASSERT_TRUE(gone.handshake());
+    gone.send_frame(RawClient::Text, numbered(1));
+    gone.send_frame(RawClient::Text, "{broken");
+    EXPECT_TRUE(wait_until([&] { return log_.has(LogLevel::Debug, "Recv {broken"); }));
+  }
+  server_.wait_sessions(1);
+  client_.send_frame(RawClient::Text, numbered(2));
+  blocked_->open = true;
+  EXPECT_TRUE(wait_until([&] { return has_arrived(numbered(2)); }));
+  EXPECT_FALSE(has_arrived(numbered(1)));
+  EXPECT_TRUE(log_.texts(LogLevel::Error).empty());
+  EXPECT_TRUE(wait_until([&] { return server_.server().backlog() == 0; }));
 }
 
 // --- many
@@ -537,10 +588,7 @@ TEST_P(Hostile, TextHarmsNeitherItsSessionNorOthers) {
   ASSERT_TRUE(hostile.handshake());
   for (int i = 0; i < 3; ++i) ASSERT_TRUE(hostile.send_frame(RawClient::Text, GetParam().bytes));
   ASSERT_TRUE(hostile.send_frame(RawClient::Text, numbered(1)));
-  EXPECT_TRUE(wait_until([&] {
-    const auto texts = server_.site->texts();
-    return !texts.empty() && texts.back() == numbered(1);
-  }));
+  EXPECT_TRUE(wait_until([&] { return has_arrived(numbered(1)); }));
   EXPECT_TRUE(still_serves());
 }
 
@@ -696,6 +744,28 @@ TEST_F(WebsockClientsTest, AMessageThatNeverEndsIsCutOffWithItsSession) {
       log_.texts(LogLevel::Error)[0],
       testing::MatchesRegex("websocket message too long, [0-9]+ bytes and more; close session 1"));
   EXPECT_TRUE(still_serves());
+}
+
+TEST_F(WebsockClientsTest, AllSessionsTogetherMayHaveOnlySoMuchInTheMaking) {
+  server_.server().set_largest_backlog(1000000);
+  RawClient first(server_.port());
+  ASSERT_TRUE(first.handshake());
+  const auto address = server_.wait_sessions(1)[0];
+  const std::string text = of_size(600000);
+  first.send_frame(RawClient::Text, text.substr(0, 500000), false);
+  ASSERT_TRUE(wait_until([&] { return server_.server().backlog() == 500000; }));
+  RawClient second(server_.port());
+  ASSERT_TRUE(second.handshake());
+  second.send_frame(RawClient::Text, text);
+  EXPECT_TRUE(second.wait_end());
+  ASSERT_EQ(log_.texts(LogLevel::Error).size(), 1U);
+  EXPECT_THAT(
+      log_.texts(LogLevel::Error)[0],
+      testing::MatchesRegex("websocket message too long, [0-9]+ bytes and more; close session 2"));
+  first.send_frame(RawClient::Continuation, text.substr(500000));
+  EXPECT_TRUE(wait_until([&] { return has_arrived(text); }));
+  EXPECT_EQ(server_.wait_sessions(1), (std::vector<SessionAddress>{address}));
+  EXPECT_TRUE(wait_until([&] { return server_.server().backlog() == 0; }));
 }
 
 TEST_F(WebsockClientsTest, AStormOfConnectionsThatAreResetAtOnceLeavesNothingBehind) {
