@@ -35,6 +35,7 @@ enum class json_errc : int {
 /// The one category of all json_errc values; its name() is "json".
 const std::error_category& json_category() noexcept;
 
+/// Lets a json_errc be assigned to and compared with a std::error_code.
 std::error_code make_error_code(json_errc code) noexcept;
 
 /// A text that is not JSON. what() is
@@ -74,5 +75,6 @@ class OutOfRangeError : public std::system_error {
 
 }  // namespace yajson
 
+/// See make_error_code().
 template <>
 struct std::is_error_code_enum<yajson::json_errc> : std::true_type {};

@@ -21,6 +21,7 @@ struct ParseOptions {
   std::uint64_t max_depth = 0;         ///< nesting of arrays and objects; 0 means 512
 };
 
+/// What try_parse() found.
 struct ParseResult {
   JsonValue value;        ///< null after an error
   std::error_code error;  ///< zero after success

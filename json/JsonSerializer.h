@@ -7,6 +7,7 @@
 
 namespace yajson {
 
+/// How a value is written; by default compact, in the order of its members.
 struct WriteOptions {
   std::int32_t indent = -1;    ///< spaces per level; negative: compact, no white space at all
   bool ensure_ascii = false;   ///< every character outside ASCII as a \u escape

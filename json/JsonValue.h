@@ -18,6 +18,7 @@
 
 namespace yajson {
 
+/// What a value holds.
 enum class JsonKind : std::uint8_t {
   null = 0,
   boolean = 1,

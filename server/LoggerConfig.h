@@ -34,6 +34,7 @@ struct CleanerLimits {
 /// Hours between two roll-overs by time; 0 or less means none.
 std::int64_t rollover_hours(const LoggerOwnKeys& keys);
 
+/// Reads the keys as numbers (megabytes become bytes) and brings them within the limits.
 CleanerLimits cleaner_limits(const LoggerOwnKeys& keys);
 
 /// Takes the lines with own keys out of a configuration file, as the library would refuse them.

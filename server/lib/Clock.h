@@ -14,6 +14,7 @@ std::int64_t monotonic_seconds() noexcept;
 /// Microseconds since the epoch (time of day): dates and measured durations.
 std::int64_t wall_clock_us() noexcept;
 
+/// A function to take the time from, in the unit of the clock that it replaces.
 using ClockSource = std::int64_t (*)();
 /// Replaces a clock; null brings the system's back.
 void set_clock_sources(ClockSource monotonic_s, ClockSource wall_us) noexcept;

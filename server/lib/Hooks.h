@@ -60,9 +60,11 @@ void set_event_sink(EventSink sink) noexcept;
 /// True when a sink is installed and takes records of this level.
 bool log_enabled(LogLevel level) noexcept;
 
+/// Formats a record and hands it to the sink; callers use RRM_LOG. Any thread.
 [[gnu::format(printf, 5, 6)]] void log_write(const char* file, int line, const char* function,
                                              LogLevel level, const char* format, ...);
 
+/// Hands an event to the sink, on the calling thread; nothing happens without one.
 void raise_event(EventCode code, const std::shared_ptr<std::string>& payload);
 /// The same with the payload's text (empty for none).
 void raise_event(EventCode code, std::string payload = {});

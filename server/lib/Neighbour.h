@@ -26,11 +26,13 @@ struct Neighbour {
   void to_json(JsonWriter& object) const;
 };
 
+/// What one access point hears, by BSSID, in the order it was told of them.
 using NeighbourMap = MacMap<Neighbour>;
 
 /// Inserts unless present: the first entry of a BSSID wins.
 void insert_neighbour(NeighbourMap& map, const MacAddress& bssid, const Neighbour& entry);
 
+/// The status form, an array of "mac" and a neighbour's members, and its way back into a map.
 void neighbours_to_json(const NeighbourMap& map, JsonWriter& array);
 void restore_neighbours(NeighbourMap& map, const JsonReader& array);
 

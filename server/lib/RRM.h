@@ -21,6 +21,7 @@ class GlobalConfig;
 class PingWorker;
 class WebsockServerWorker;
 
+/// Which of a VRRP pair this controller is; the master serves.
 enum class VrrpRole : int { Backup = 0, Master = 1 };
 
 /// "backup" or "master".

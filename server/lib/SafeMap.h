@@ -66,6 +66,7 @@ class SafeMapBase {
   Map map_;                          ///< guarded by mutex_
 };
 
+/// SafeMapBase over a hash map.
 template <class K, class V>
 class SafeUnorderedMap final : public SafeMapBase<K, V, std::unordered_map<K, std::shared_ptr<V>>> {
 };

@@ -39,6 +39,7 @@ void log_read_error(const std::string& file, int code);
 /// as it was; half a line that a killed process left becomes a line of its own.
 int append_to_file(const std::string& file, const std::string& text);
 
+/// Whether something of that name is there, readable or not.
 bool file_exists(const std::string& file);
 
 /// Date of a report line, written in full: as text, and in seconds since the epoch. Failures log

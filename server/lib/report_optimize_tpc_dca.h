@@ -52,6 +52,7 @@ struct ReportFiles {
 };
 ReportFiles report_files(const std::string& domain, const std::string& path);
 
+/// The report key of a radio; all three as they are written.
 std::string create_key_for_domain_radio_report(const std::string& date, const std::string& ap_mac,
                                                const std::string& radio_mac);
 
