@@ -26,7 +26,7 @@ std::int32_t int_of_text(const char* text) {
   const long number = std::strtol(text, &end, 10);
   if (errno == ERANGE) return 0;
   errno = errno_before;
-  return end != text && *end == '\0' ? static_cast<std::int32_t>(number) : 0;
+  return *end == '\0' ? static_cast<std::int32_t>(number) : 0;
 }
 
 std::int32_t int_of(const JsonValue* value) {

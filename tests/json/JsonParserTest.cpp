@@ -528,6 +528,30 @@ TEST(JsonParser, ReservesByTheCommasAheadInTheUpperTwoLevels) {
   EXPECT_NE(parse("[[" + row + padding + "]]").at(0).at(0).as_array().capacity(), 20u);
 }
 
+/// The room for an array of that many ones, padded so that so many bytes follow its bracket.
+std::size_t capacity_with(std::size_t elements, std::size_t bytes_behind_bracket) {
+  std::string text = "[1";
+  for (std::size_t i = 1; i < elements; ++i) text += ",1";
+  text += "]";
+  return parse(text + std::string(bytes_behind_bracket + 1 - text.size(), ' '))
+      .as_array()
+      .capacity();
+}
+
+TEST(JsonParser, LooksAheadOnlyWhenMoreThan256BytesRemain) {
+  EXPECT_EQ(capacity_with(9, 256), 16u);
+  EXPECT_EQ(capacity_with(9, 257), 9u);
+}
+
+TEST(JsonParser, LooksAhead512Bytes) {
+  // Commas stand at every second byte: the 256th is the last of 512 bytes.
+  EXPECT_EQ(capacity_with(257, 2000), 257u);
+  // One byte more before them, and the 256th is beyond.
+  std::string text = "[10";
+  for (int i = 1; i < 257; ++i) text += ",1";
+  EXPECT_EQ(parse(text + "]" + std::string(2000, ' ')).as_array().capacity(), 512u);
+}
+
 TEST(JsonParser, LookAheadCountsOnlyCommasOfItsOwnLevelOutsideOfStrings) {
   const std::string text =
       R"([[1,2,3],{"a":1,"b":2},",,,\",,",4,5,6,7,8,9])" + std::string(300, ' ');

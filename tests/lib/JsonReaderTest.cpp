@@ -234,6 +234,16 @@ TEST(JsonReader, ReadsAFileToItsEndInPieces) {
   }
 }
 
+TEST(JsonReader, ReadsAFileOntoTheHeapWhateverIsCurrent) {
+  yajson::MonotonicArena arena(256);
+  const yajson::ArenaScope scope(&arena);
+  const OpenFile file("{\"a\":1}");
+  const JsonReader reader(file.descriptor());
+  ASSERT_NE(reader.value(), nullptr);
+  EXPECT_FALSE(reader.value()->is_in_arena());
+  EXPECT_EQ(yajson::current_arena, &arena);
+}
+
 TEST(JsonReader, OfAFileThatIsBrokenEmptyOrNoFileIsEmpty) {
   expect_empty(JsonReader(OpenFile("{\"a\":").descriptor()));
   expect_empty(JsonReader(OpenFile("").descriptor()));
