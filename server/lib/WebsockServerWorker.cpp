@@ -6,6 +6,7 @@
 #include <strings.h>
 #include <sys/eventfd.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -35,6 +36,7 @@ constexpr std::size_t kIntMax = 2147483647;
 constexpr std::uint32_t kFlood = 1024;      ///< messages in one second
 constexpr std::int64_t kFloodPause_s = 29;  ///< between two load-balancer stops
 constexpr double kTick_s = 1;
+constexpr rlim_t kSpareDescriptors = 64;  ///< that connections of access points never take
 constexpr int kLibraryLogAll = 0x3ff;
 constexpr useconds_t kRetryStep_us = 100000;
 constexpr int kRetrySteps = 10;  ///< about a second between two attempts to listen
@@ -78,11 +80,32 @@ int protocol_callback(lws* wsi, lws_callback_reasons reason, void* user, void* i
   return WebsockServerWorker::worker_lws_callback(wsi, static_cast<int>(reason), user, in, length);
 }
 
+/// Whether the newest connection leaves descriptors for files, the management front-ends and the
+/// library, which would try without pause to accept what it has no descriptor for.
+bool leaves_descriptors(int descriptor) {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return true;
+  const rlim_t spare = std::min(kSpareDescriptors, limit.rlim_cur / 8);
+  return static_cast<rlim_t>(descriptor) < limit.rlim_cur - spare;
+}
+
+/// @return what the callback returns: not 0 closes the connection
+int admit_connection(int descriptor) {
+  if (leaves_descriptors(descriptor)) return 0;
+  static std::atomic<std::int64_t> last_record_s{-1};
+  const std::int64_t now_s = TimerList::now_seconds();
+  if (last_record_s.exchange(now_s) != now_s)
+    RRM_LOG(Warning, "too many open connections: descriptor %d refused", descriptor);
+  return 1;
+}
+
 /// Whatever is no upgrade to websocket is refused before its body is read: nothing else is served
 /// here, and libwebsockets 4.1.6 reads the body of a request that was joined to another over freed
 /// memory.
 int http_callback(lws* wsi, lws_callback_reasons reason, void* user, void* in, std::size_t length) {
   switch (reason) {
+    case LWS_CALLBACK_FILTER_NETWORK_CONNECTION:
+      return admit_connection(static_cast<int>(reinterpret_cast<std::intptr_t>(in)));
     case LWS_CALLBACK_FILTER_HTTP_CONNECTION:
       lws_return_http_status(wsi, HTTP_STATUS_NOT_FOUND, nullptr);
       return 1;
@@ -122,6 +145,12 @@ void wake_library(struct ev_loop*, ev_timer* tick, int) {
 
 bool is_service_thread(std::int32_t tsi) {
   return tsi >= 0 && tsi < static_cast<std::int32_t>(WebsockServerWorker::kServiceThreads);
+}
+
+/// The session stands in the user data of its connection from its establishment to its end, both of
+/// which the connection's service thread alone sees: no look-up, no lock. Empty before and after.
+WebsockSession* session_of(void* user) {
+  return user == nullptr ? nullptr : *static_cast<WebsockSession**>(user);
 }
 
 /// Length of a text for "%.*s".
@@ -360,20 +389,19 @@ int WebsockServerWorker::worker_lws_callback(lws* wsi, int reason, void* user, v
 
 int WebsockServerWorker::on_event(lws* wsi, int reason, void* user, const char* in,
                                   std::size_t length) {
-  // The session stands in the connection's user data from its establishment to its end, both of
-  // which are seen on this thread alone: no look-up, no lock.
-  WebsockSession* const session = user == nullptr ? nullptr : *static_cast<WebsockSession**>(user);
   switch (reason) {
     case LWS_CALLBACK_ESTABLISHED:
       on_established(wsi, user);
       return 0;
     case LWS_CALLBACK_RECEIVE:
-      return session == nullptr ? 0 : on_receive(*session, in, length);
+      if (WebsockSession* const session = session_of(user)) return on_receive(*session, in, length);
+      return 0;
     case LWS_CALLBACK_RECEIVE_PONG:
-      if (session != nullptr) on_pong(*session);
+      if (WebsockSession* const session = session_of(user)) on_pong(*session);
       return 0;
     case LWS_CALLBACK_SERVER_WRITEABLE:
-      return session == nullptr ? 0 : on_writeable(*session);
+      if (WebsockSession* const session = session_of(user)) return on_writeable(*session);
+      return 0;
     case LWS_CALLBACK_CLOSED:
     case LWS_CALLBACK_CLOSED_HTTP:
       on_closed(wsi, user);

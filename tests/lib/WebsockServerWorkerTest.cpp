@@ -4,9 +4,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -777,6 +779,31 @@ TEST_F(WebsockClientsTest, AStormOfConnectionsThatAreResetAtOnceLeavesNothingBeh
   }
   EXPECT_TRUE(still_serves());
   EXPECT_EQ(server_.wait_sessions(1).size(), 1U);
+}
+
+TEST_F(WebsockServerTest, ConnectionsThatWouldTakeTheLastDescriptorsAreRefused) {
+  rlimit normal{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &normal), 0);
+  rlimit low = normal;
+  low.rlim_cur = 160;  // an eighth of it is spared
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+  std::vector<std::unique_ptr<RawClient>> clients;
+  do {
+    clients.push_back(std::make_unique<RawClient>(server_.port()));
+  } while (clients.back()->handshake() && clients.size() < 200);
+  EXPECT_GT(clients.size(), 30U);
+  EXPECT_LT(clients.size(), 80U);
+  // Each client's own socket stands in the same table.
+  EXPECT_GE(clients.back()->fd(), 138);
+  EXPECT_LT(clients.back()->fd(), 160);
+  const auto warnings = log_.texts(LogLevel::Warning);
+  ASSERT_EQ(warnings.size(), 1U);
+  EXPECT_THAT(warnings[0],
+              testing::MatchesRegex("too many open connections: descriptor 1[4-5][0-9] refused"));
+  clients.resize(clients.size() - 6);  // the refused one and some that were served
+  EXPECT_EQ(server_.wait_sessions(clients.size()).size(), clients.size());
+  EXPECT_TRUE(RawClient(server_.port()).handshake());
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &normal), 0);
 }
 
 // --- the worker's own life
