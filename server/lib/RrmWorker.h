@@ -127,6 +127,12 @@ class RrmWorker : public Worker {
     std::string_view cmd;
     const char* mac_text;
   };
+  /// What a new description of a known access point asks for.
+  struct RoamingUpdates {
+    bool lists_80211kv = false;
+    bool lists_80211k = false;
+    bool links_80211r = false;
+  };
   using Handler = void (RrmWorker::*)(const Message&);
   static Handler handler_of(std::string_view cmd);
 
@@ -151,6 +157,7 @@ class RrmWorker : public Worker {
   void subscribe_new(const Message& message, ApDescription description);
   void take_over_session(const Message& message, ApEntry& ap);
   void process_exists_ap(const Message& message, const Ap& ap, bool force);
+  void plan_updates(const ApEntry& ap, const RoamingUpdates& due);
   void send_subscribe_fail(const Message& message, std::int32_t code);
   void send_subscribe_success(const Message& message, const ApEntry& ap);
 

@@ -169,27 +169,25 @@ void RrmWorker::process_exists_ap(const Message& message, const Ap& ap, bool for
     wildcard_changed = wildcard != std::exchange(ap->use_wildcard_80211r, wildcard);
   }
 
-  bool update_80211kv = false;
-  bool update_80211k = false;
-  bool update_80211r = false;
+  RoamingUpdates due;
   if (domain_config_.use_80211v && fresh.any_802dot11v_candidate()) {
-    update_80211kv = !(same_channels && same_vaps) || level_changed;
-    RRM_LOG(Info, "process_exists_ap update_802dot11kv %d (%d/%d/%d)", update_80211kv,
+    due.lists_80211kv = !(same_channels && same_vaps) || level_changed;
+    RRM_LOG(Info, "process_exists_ap update_802dot11kv %d (%d/%d/%d)", due.lists_80211kv,
             same_channels, same_vaps, level_changed);
   } else if (domain_config_.use_80211k && fresh.any_radio_with_80211k_vap()) {
-    update_80211k = !(same_channels && same_vaps);
-    RRM_LOG(Info, "process_exists_ap update_802dot11k %d (%d/%d)", update_80211k, same_channels,
+    due.lists_80211k = !(same_channels && same_vaps);
+    RRM_LOG(Info, "process_exists_ap update_802dot11k %d (%d/%d)", due.lists_80211k, same_channels,
             same_vaps);
   }
   if (domain_config_.use_80211r) {
-    update_80211r = wildcard_changed || !same_channels;
-    RRM_LOG(Info, "process_exists_ap update_802dot11r %d", update_80211r);
+    due.links_80211r = wildcard_changed || !same_channels;
+    RRM_LOG(Info, "process_exists_ap update_802dot11r %d", due.links_80211r);
   }
 
   ap->radios.set_validate_power(fresh);
   const bool not_equivalent = force || !same_settings;
   if (!same_channels || !same_settings) raise_domain_changed();
-  ap->radios.from_json(message.json, channel_sets_, true, update_80211kv);
+  ap->radios.from_json(message.json, channel_sets_, true, due.lists_80211kv);
 
   if (not_equivalent) {
     RRM_LOG(Debug, "Not-equivalent or force (%d) subscribe request", force);
@@ -198,13 +196,17 @@ void RrmWorker::process_exists_ap(const Message& message, const Ap& ap, bool for
     tpc_dca_->force_optimization();
     return;
   }
-  if (update_80211kv) {
+  plan_updates(*ap, due);
+}
+
+void RrmWorker::plan_updates(const ApEntry& ap, const RoamingUpdates& due) {
+  if (due.lists_80211kv) {
     load_balancer_80211v_->planning_update_802dot11v(true);
-  } else if (update_80211k) {
+  } else if (due.lists_80211k) {
     tpc_dca_->update_802dot11k();
   }
   // A description without keys has taken away those that others are linked with.
-  if (update_80211r || (domain_config_.use_80211r && FbtDistribution::lacks_keys(*ap))) {
+  if (due.links_80211r || (domain_config_.use_80211r && FbtDistribution::lacks_keys(ap))) {
     tpc_dca_->planning_update_802dot11r();
   }
 }
