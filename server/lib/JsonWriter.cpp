@@ -18,8 +18,7 @@ constexpr std::int32_t kPrettyIndent = 4;
 bool is_given(const char* text) { return text != nullptr && *text != '\0'; }
 
 /// Stops the process in every build, with the words assert() would use.
-void require_slot(const JsonValue* found) {
-  if (found != nullptr) return;
+[[noreturn]] void end_for_missing_slot() {
   __assert_fail("found != nullptr && \"JsonWriter child slot must exist (see nested ctor)\"",
                 "server/lib/JsonWriter", 18, "resolve");
 }
@@ -75,7 +74,7 @@ const JsonValue& JsonWriter::resolve() const {
   const JsonValue& parent = std::as_const(*parent_).resolve();
   if (index_ >= 0) return parent.at(static_cast<std::size_t>(index_));
   const JsonValue* const found = parent.is_object() ? parent.find(key_) : nullptr;
-  require_slot(found);
+  if (found == nullptr) end_for_missing_slot();
   return *found;
 }
 
