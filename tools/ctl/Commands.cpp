@@ -134,7 +134,7 @@ void define_state_commands(CLI::App& app, Invocation& invocation) {
   CLI::App* show = command(&app, "show", "Details of a running domain and its access points",
                            invocation, [](Invocation& i) {
                              i.request = domain_request(i.domain);
-                             i.hidden_members.push_back("radios");
+                             i.hidden_members.emplace_back("radios");
                            });
   take_domain(show, invocation);
   CLI::App* ap = command(&app, "ap", "State of one access point", invocation, [](Invocation& i) {
