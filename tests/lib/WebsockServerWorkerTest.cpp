@@ -340,7 +340,7 @@ TEST_F(WebsockClientsTest, ANullDocumentIsReportedAndNotSent) {
   const auto address = server_.wait_sessions(1)[0];
   server_.server().enqueue_message(JsonReader("{broken"), address);
   ASSERT_TRUE(wait_until([&] { return log_.has(LogLevel::Error, "ws_send json null"); }));
-  EXPECT_TRUE(log_.has_event(EventCode::NullDocument));
+  EXPECT_TRUE(wait_until([&] { return log_.has_event(EventCode::NullDocument); }));
   server_.rrm.send_text("next", address);
   EXPECT_EQ(clients_.wait_received(0), (Texts{"next"}));
 }
@@ -506,7 +506,7 @@ TEST_F(BusyParserTest, AFullParsingQueueDropsTheMessageAndReportsIt) {
                       "jsonificator_queue overflow: message dropped from session 1");
     }));
   }
-  EXPECT_TRUE(log_.has_event(EventCode::WebsocketOverflow));
+  EXPECT_TRUE(wait_until([&] { return log_.has_event(EventCode::WebsocketOverflow); }));
   blocked_->open = true;
   EXPECT_TRUE(server_.wait_records(2048));
   EXPECT_EQ(server_.site->texts().back(), numbered(2047));

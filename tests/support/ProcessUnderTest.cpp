@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdlib>
 #include <fstream>
 #include <sstream>
 
@@ -36,11 +35,6 @@ std::string content(const std::string& path) {
   const int errors = ::open((folder + kErrors).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
   ::dup2(output, STDOUT_FILENO);
   ::dup2(errors, STDERR_FILENO);
-  // The program tears itself down in a signal handler on purpose.
-  const char* options = std::getenv("TSAN_OPTIONS");
-  const std::string more =
-      std::string(options != nullptr ? options : "") + " report_signal_unsafe=0";
-  ::setenv("TSAN_OPTIONS", more.c_str(), 1);
   if (::chdir(folder.c_str()) == 0) ::execv(words[0], words.data());
   ::_exit(127);
 }
