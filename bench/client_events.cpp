@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/AccessPoints.h"
 #include "server/lib/Clock.h"
 #include "server/lib/RRM.h"
 #include "server/lib/RrmWorker.h"
@@ -28,6 +29,10 @@
 namespace {
 
 using namespace rrm;
+using bench::ap_mac;
+using bench::head;
+using bench::mac;
+using bench::session;
 
 constexpr int kClientsPerAp = 20;
 constexpr int kEvents = 40000;
@@ -88,21 +93,7 @@ class Site {
   }
 
  private:
-  static SessionAddress session(int ap) { return {nullptr, 0, static_cast<std::uint32_t>(ap + 1)}; }
   int pick(int below) { return static_cast<int>(random_() % static_cast<unsigned>(below)); }
-
-  static std::string mac(const char* format, int number) {
-    char text[18];
-    std::snprintf(text, sizeof text, format, static_cast<unsigned>(number >> 8 & 0xff),
-                  static_cast<unsigned>(number & 0xff));
-    return text;
-  }
-  static std::string ap_mac(int n) { return mac("00:11:22:%02x:%02x:00", n); }
-
-  static std::string head(int ap, const char* cmd) {
-    return std::string("{\"service\":\"rrm\",\"version\":\"2.4\",\"cmd\":\"") + cmd +
-           "\",\"ap-mac\":\"" + ap_mac(ap) + "\",";
-  }
 
   void subscribe(int n) {
     std::string radios;

@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/AccessPoints.h"
 #include "server/ApiWeb.h"
 #include "server/VrrpWorker.h"
 #include "server/lib/RRM.h"
@@ -29,6 +30,8 @@
 namespace {
 
 using namespace rrm;
+using bench::head;
+using bench::session;
 using Clock = std::chrono::steady_clock;
 using Microseconds = std::chrono::duration<double, std::micro>;
 
@@ -89,18 +92,6 @@ class AnsweringRrm : public RRM {
   bool is_session_alive(const SessionAddress&) const override { return true; }
 };
 
-std::string ap_mac(int n) {
-  char text[18];
-  std::snprintf(text, sizeof text, "00:11:22:%02x:%02x:00", static_cast<unsigned>(n >> 8),
-                static_cast<unsigned>(n & 0xff));
-  return text;
-}
-
-std::string head(int n, const char* cmd) {
-  return std::string(R"({"service":"rrm","version":"2.4","cmd":")") + cmd + R"(","ap-mac":")" +
-         ap_mac(n) + "\",";
-}
-
 std::string subscription(int n) {
   std::vector<test::RadioSpec> radios;
   for (int id = 0; id < 3; ++id)
@@ -109,8 +100,6 @@ std::string subscription(int n) {
          R"("factory":{"board":"b","hw":"h","serial":"s","mac":"m"},"radios":)" +
          test::radios_text(radios) + "}";
 }
-
-SessionAddress session(int n) { return {nullptr, 0, static_cast<std::uint32_t>(n + 1)}; }
 
 void print(const char* what, std::vector<double> times_us, const std::string& more) {
   std::sort(times_us.begin(), times_us.end());

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/AccessPoints.h"
 #include "server/lib/Clock.h"
 #include "server/lib/RRM.h"
 #include "server/lib/RrmWorker.h"
@@ -25,6 +26,10 @@
 namespace {
 
 using namespace rrm;
+using bench::ap_mac;
+using bench::head;
+using bench::mac;
+using bench::session;
 
 constexpr int kHeard = 100;
 constexpr int kClientsPerAp = 20;
@@ -105,16 +110,6 @@ class Site {
   }
 
  private:
-  static SessionAddress session(int ap) { return {nullptr, 0, static_cast<std::uint32_t>(ap + 1)}; }
-
-  static std::string mac(const char* format, int number) {
-    char text[18];
-    std::snprintf(text, sizeof text, format, static_cast<unsigned>(number >> 8 & 0xff),
-                  static_cast<unsigned>(number & 0xff));
-    return text;
-  }
-  static std::string ap_mac(int n) { return mac("00:11:22:%02x:%02x:00", n); }
-
   void pass(int seconds) {
     for (int second = 0; second < seconds; ++second) {
       ++now_s;
@@ -123,11 +118,7 @@ class Site {
   }
 
   void receive(int ap, const char* cmd, const std::string& members) {
-    const JsonReader message(
-        (std::string(R"({"service":"rrm","version":"2.4","cmd":")") + cmd +
-         R"(","domain":"site","ap-mac":")" + ap_mac(ap) + "\"," + members + "}")
-            .c_str(),
-        8192);
+    const JsonReader message((head(ap, cmd) + R"("domain":"site",)" + members + "}").c_str(), 8192);
     worker_->process_message(message, session(ap));
   }
 

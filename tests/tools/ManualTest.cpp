@@ -5,8 +5,8 @@
 #include <string>
 
 #include "server/lib/Config.h"
-#include "server/lib/Overloaded.h"
 #include "tools/ctl/Commands.h"
+#include "tools/ctl/OptionRange.h"
 
 /// The manual pages against the tables that the programs themselves walk.
 namespace rrm::ctl {
@@ -32,26 +32,6 @@ std::string entry(const std::string& text, const std::string& start) {
   const std::size_t end =
       std::min(text.find(".TP", begin + heading.size()), text.find(".SH", begin + heading.size()));
   return text.substr(begin + 4, end - begin - 4);
-}
-
-std::string hours_minutes(int seconds) {
-  char text[16];
-  std::snprintf(text, sizeof(text), "%d:%02d", seconds / 3600, seconds % 3600 / 60);
-  return text;
-}
-
-template <class Option>
-std::string range_of(const Option& option) {
-  return std::visit(Overloaded{[](const typename Option::Flag&) { return std::string("0 or 1"); },
-                               [](const typename Option::Number& number) {
-                                 return std::to_string(number.min) + " to " +
-                                        std::to_string(number.max);
-                               },
-                               [](const typename Option::Time& time) {
-                                 return hours_minutes(time.min) + " to " + hours_minutes(time.max);
-                               },
-                               [](const auto&) { return std::string("any text"); }},
-                    option.kind);
 }
 
 template <class Options, class Config>

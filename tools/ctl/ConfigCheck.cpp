@@ -11,7 +11,7 @@
 #include "server/lib/Config.h"
 #include "server/lib/JsonReader.h"
 #include "server/lib/JsonWriter.h"
-#include "server/lib/Overloaded.h"
+#include "tools/ctl/OptionRange.h"
 
 namespace rrm::ctl {
 namespace {
@@ -50,26 +50,6 @@ std::string kept_in_domain(const JsonReader& document, const char* key) {
   JsonWriter stored;
   config.to_json(stored);
   return yajson::serialize(*stored.resolve().find(key));
-}
-
-std::string hours_minutes(std::int32_t seconds) {
-  const std::int32_t minutes = seconds % 3600 / 60;
-  return std::to_string(seconds / 3600) + (minutes < 10 ? ":0" : ":") + std::to_string(minutes);
-}
-
-/// The range of an option for people.
-template <class Option>
-std::string range_of(const Option& option) {
-  return std::visit(Overloaded{[](const typename Option::Flag&) { return std::string("0 or 1"); },
-                               [](const typename Option::Number& number) {
-                                 return std::to_string(number.min) + " to " +
-                                        std::to_string(number.max);
-                               },
-                               [](const typename Option::Time& time) {
-                                 return hours_minutes(time.min) + " to " + hours_minutes(time.max);
-                               },
-                               [](const auto&) { return std::string("any text"); }},
-                    option.kind);
 }
 
 template <class Option>
