@@ -23,7 +23,10 @@ inline constexpr std::size_t kCacheLine = 64;  ///< bytes
 /// Threading: try_push and try_pop from any thread; size() and empty() are a moment's impression.
 /// Ownership: owns the values it holds; no allocation after construction.
 /// @tparam T default-constructible and nothrow move-assignable
-template <class T>
+/// @tparam kApart bytes from one end's position to the other's: a cache line where both ends are
+/// busy
+///         at once, less where there are many rings that are mostly empty
+template <class T, std::size_t kApart = kCacheLine>
 class MessageRing {
  public:
   /// @param capacity a power of two, at least 2 (other values are raised to the next one)
@@ -102,8 +105,8 @@ class MessageRing {
 
   const std::size_t mask_;
   const std::unique_ptr<Cell[]> cells_;
-  alignas(kCacheLine) std::atomic<std::uint64_t> enqueue_position_{0};
-  alignas(kCacheLine) std::atomic<std::uint64_t> dequeue_position_{0};
+  alignas(kApart) std::atomic<std::uint64_t> enqueue_position_{0};
+  alignas(kApart) std::atomic<std::uint64_t> dequeue_position_{0};
 };
 
 /// What a producer does between two attempts on a full ring: spin, then yield, then sleep ever
@@ -147,8 +150,9 @@ class PushBackoff {
 
 /// Pushes with back-off until there is room, the attempts are used up, or `give_up()` is true.
 /// @return whether the value was pushed
-template <class T, class GiveUp>
-bool push_with_backoff(MessageRing<T>& ring, std::type_identity_t<T>&& value, GiveUp&& give_up) {
+template <class T, std::size_t kApart, class GiveUp>
+bool push_with_backoff(MessageRing<T, kApart>& ring, std::type_identity_t<T>&& value,
+                       GiveUp&& give_up) {
   PushBackoff backoff;
   while (!ring.try_push(std::move(value)))
     if (give_up() || !backoff.wait()) return false;

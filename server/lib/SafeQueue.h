@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 
 #include "server/lib/MessageRing.h"
 
@@ -15,8 +16,11 @@ template <class T>
 struct alignas(kCacheLine) _SafeQueue {
   static constexpr std::size_t kCapacity = 16;  ///< messages, each ring
 
-  MessageRing<T> normal{kCapacity};
-  MessageRing<T> force{kCapacity};
+  /// Every session has its own and most are empty, so all four positions share one cache line.
+  using Ring = MessageRing<T, sizeof(std::uint64_t)>;
+
+  Ring normal{kCapacity};
+  Ring force{kCapacity};
   int tsi = -1;  ///< service thread of the session
 
   std::atomic<bool> closed{false};   ///< the session is gone: waiting producers give up
@@ -26,7 +30,7 @@ struct alignas(kCacheLine) _SafeQueue {
   bool empty() const noexcept { return normal.empty() && force.empty(); }
   /// Takes from the force ring, else from the normal one.
   bool try_pop(T& out) {
-    if (!force.try_pop(out) && !normal.try_pop(out)) return false;
+    if ((force.empty() || !force.try_pop(out)) && !normal.try_pop(out)) return false;
     clogged = false;
     return true;
   }

@@ -340,7 +340,7 @@ void WebsockServerWorker::parse_messages() {
   while (!stop_) {
     if (received_first_.try_pop(received) || received_.try_pop(received)) {
       parse_message(received);
-      backlog_ -= received.first.size();
+      backlog_ -= received.text.size();
       received = {};
       continue;
     }
@@ -355,14 +355,14 @@ void WebsockServerWorker::parse_messages() {
 }
 
 void WebsockServerWorker::parse_message(const Received& received) {
-  const auto& [text, address] = received;
-  if (!is_session_alive(address)) return;
+  const auto& [text, session] = received;
+  if (session->closed) return;
   const auto fail = [](const char* what) {
     RRM_LOG(Error, "Exception at processing message on websock-server-worker: %s", what);
     raise_event(EventCode::ParsingThreadThrew);
   };
   try {
-    owner()->process_incoming_message(JsonReader(text.c_str(), kParserArena), address);
+    owner()->process_incoming_message(JsonReader(text.c_str(), kParserArena), session->address);
   } catch (const std::exception& error) {
     fail(error.what());
   } catch (...) {
@@ -445,6 +445,7 @@ void WebsockServerWorker::on_closed(lws* wsi, void* user) {
     if (found == sessions_.map().end()) return;
     session = std::move(found->second);
     sessions_.map().erase(found);
+    session->closed = true;
   }
   backlog_ -= session->receive_buffer.size();
   const SessionAddress& address = session->address;
@@ -484,7 +485,7 @@ int WebsockServerWorker::on_message(WebsockSession& session) {
   RRM_LOG(Debug, "Recv %.*s", printable(text), text.data());
   count_message(session.address, now_s);
   const std::size_t size = text.size();
-  if (!queue_for_parsing(std::move(text), session.address)) backlog_ -= size;
+  if (!queue_for_parsing({std::move(text), session.shared_from_this()})) backlog_ -= size;
   return 0;
 }
 
@@ -504,15 +505,15 @@ void WebsockServerWorker::count_message(const SessionAddress& address, std::int6
   if (flooded) owner()->stop_load_balancer_at_rrm_worker(address);
 }
 
-bool WebsockServerWorker::queue_for_parsing(std::string&& text, const SessionAddress& address) {
+bool WebsockServerWorker::queue_for_parsing(Received&& received) {
   const auto wait = [this] {
     wake_parsers();
     return stop_.load();
   };
-  if (!push_with_backoff(received_, Received(std::move(text), address), wait)) {
+  if (!push_with_backoff(received_, std::move(received), wait)) {
     if (stop_) return false;
     RRM_LOG(Error, "jsonificator_queue overflow: message dropped from session %d",
-            static_cast<int>(address.id));
+            static_cast<int>(received.session->address.id));
     raise_event(EventCode::WebsocketOverflow);
     return false;
   }
@@ -582,12 +583,11 @@ WebsockServerWorker::Target WebsockServerWorker::find_target(const char* functio
     record("%s: invalid lws tsi %d", address.tsi);
     return {};
   }
-  auto& queues = outgoing_[static_cast<std::size_t>(address.tsi)];
-  const std::lock_guard queues_lock(queues.mutex());
-  auto& queue = queues.map()[address.wsi];
+  auto& queue = found->second->outgoing;
   if (queue == nullptr) {
     queue = std::make_shared<Outgoing>();
     queue->tsi = address.tsi;
+    outgoing_[static_cast<std::size_t>(address.tsi)].insert(address.wsi, queue);
   }
   return {found->second, queue};
 }
@@ -626,7 +626,7 @@ void WebsockServerWorker::serve_waiting(std::size_t index) {
     if (target.queue->closed) continue;
     target.queue->listed = false;
     lws* const wsi = session.address.wsi;
-    if (!session.drop_due && lws_send_pipe_choked(wsi) == 0) {
+    if (!session.drop_due && lws_partial_buffered(wsi) == 0) {
       // There is room: no need to wait for the moment to write. Closing needs a callback, though.
       if (send_next(session, *target.queue) == 0) continue;
       session.closing = true;

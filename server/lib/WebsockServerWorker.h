@@ -95,9 +95,14 @@ class WebsockServerWorker : public Worker {
 
  private:
   using Message = std::shared_ptr<QueueMessage>;
-  using Outgoing = _SafeQueue<Message>;
-  using Received = std::pair<std::string, SessionAddress>;
+  using Outgoing = WebsockSession::Outgoing;
 
+  /// A message on its way to parsing. It keeps its session, so that a look at the session's mark
+  /// tells whether it is still alive.
+  struct Received {
+    std::string text;
+    Session session;
+  };
   /// A session and its queue, kept alive while something is done with them.
   struct Target {
     std::shared_ptr<WebsockSession> session;
@@ -126,7 +131,7 @@ class WebsockServerWorker : public Worker {
 
   Session find_session(lws* wsi) const { return sessions_.find(wsi); }
   void count_message(const SessionAddress& address, std::int64_t second);
-  bool queue_for_parsing(std::string&& text, const SessionAddress& address);
+  bool queue_for_parsing(Received&& received);
 
   void enqueue(const char* function, Message&& message, bool force);
   Target find_target(const char* function, const SessionAddress& address);
