@@ -31,6 +31,7 @@
 #include <vector>
 
 #include "server/lib/Config.h"
+#include "server/lib/FreeMemory.h"
 #include "server/lib/RRM.h"
 #include "server/lib/WebsockServerWorker.h"
 #include "server/lib/Worker.h"
@@ -78,6 +79,7 @@ class Answering : public rrm::Worker {
 };
 
 void run_controller(int report) {
+  rrm::FreeMemory::keep_little();
   static rrm::GlobalConfig config;
   config.listen_port = 0;
   static rrm::RRM rrm(&config);

@@ -19,7 +19,9 @@
 #include "server/Logger.h"
 #include "server/ProcessLog.h"
 #include "server/VrrpWorker.h"
+#include "server/lib/Clock.h"
 #include "server/lib/Config.h"
+#include "server/lib/FreeMemory.h"
 #include "server/lib/RRM.h"
 
 namespace {
@@ -87,13 +89,17 @@ void serve(const char* config_file) {
   dispatcher->start();
   vrrp_worker->set_vrrp_role_on_start();
   api_cli_thread = std::thread([] { api_cli->run(); });
-  api_web->set_between_passes(let_sigint_in);
+  api_web->set_between_passes([memory = rrm::FreeMemory()]() mutable {
+    memory.give_back(rrm::monotonic_seconds());
+    let_sigint_in();
+  });
   api_web->run();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  rrm::FreeMemory::keep_little();
   change_sigint(SIG_BLOCK);
   int status = 0;
   try {
