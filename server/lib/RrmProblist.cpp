@@ -1,6 +1,5 @@
 #include "server/lib/RrmProblist.h"
 
-#include <utility>
 
 #include "server/lib/Hooks.h"
 
@@ -31,8 +30,8 @@ void ProbeEntry::clear() {
   awaited.clear();
 }
 
-void RrmProblist::add(const MacAddress& client, ProbeEntry entry) {
-  entries_.try_emplace(client, std::move(entry));
+void RrmProblist::add(const MacAddress& client, const ProbeEntry& entry) {
+  entries_.try_emplace(client, entry);
 }
 
 ProbeEntry* RrmProblist::find(const MacAddress& client) {

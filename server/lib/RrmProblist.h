@@ -33,7 +33,7 @@ class RrmProblist {
   using Map = std::unordered_map<MacAddress, ProbeEntry>;
 
   /// Inserts unless the client has an entry.
-  void add(const MacAddress& client, ProbeEntry entry);
+  void add(const MacAddress& client, const ProbeEntry& entry);
   ProbeEntry* find(const MacAddress& client);
   const ProbeEntry* find(const MacAddress& client) const;
   void remove(const MacAddress& client);
