@@ -2,9 +2,7 @@
 
 #include <ev.h>
 #include <libwebsockets.h>
-#include <poll.h>
 #include <strings.h>
-#include <sys/eventfd.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -30,8 +28,6 @@ constexpr std::size_t kReceiveBuffer = 65536;   ///< bytes libwebsockets deliver
 constexpr unsigned int kServiceBuffer = 65536;  ///< bytes libwebsockets reads at once
 constexpr std::size_t kStackMessage = 4096;     ///< longest message sent without allocating
 constexpr std::size_t kParserArena = 8192;      ///< first block of a document's arena, bytes
-constexpr std::size_t kMostParsers = 100;
-constexpr int kParserWait_ms = 10;
 constexpr std::size_t kIntMax = 2147483647;
 constexpr std::uint32_t kFlood = 1024;      ///< messages in one second
 constexpr std::int64_t kFloodPause_s = 29;  ///< between two load-balancer stops
@@ -170,7 +166,7 @@ struct WebsockServerWorker::ServiceThread {
     ev_async_start(loop, &wake_up);
     ev_prepare_init(&before_wait, [](struct ev_loop*, ev_prepare* watcher, int) {
       const auto* const self = static_cast<ServiceThread*>(watcher->data);
-      self->owner->wake_parsers();
+      self->owner->parsing_.wake();
     });
     before_wait.data = this;
     ev_prepare_start(loop, &before_wait);
@@ -196,10 +192,9 @@ struct WebsockServerWorker::ServiceThread {
 WebsockServerWorker::WebsockServerWorker(RRM* owner, const GlobalConfig* config)
     : Worker("websock-server-worker", owner, kIdleWait_us, kCapacity, false),
       config_(config),
-      parser_wakeup_fd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
       last_flood_stop_s_(std::numeric_limits<std::int64_t>::min() / 2) {}
 
-WebsockServerWorker::~WebsockServerWorker() { close(parser_wakeup_fd_); }
+WebsockServerWorker::~WebsockServerWorker() = default;
 
 // --- connect and disconnect
 
@@ -270,8 +265,7 @@ void WebsockServerWorker::start_threads() {
   RRM_LOG(Debug, "Starting %d lws threads", static_cast<int>(count));
   for (std::size_t index = 0; index < count; ++index)
     services_[index]->thread = std::thread([this, index] { serve(index); });
-  while (parsers_.size() < std::min(count, kMostParsers))
-    parsers_.emplace_back([this] { parse_messages(); });
+  parsing_.start(count);
 }
 
 void WebsockServerWorker::disconnect() {
@@ -284,19 +278,16 @@ void WebsockServerWorker::disconnect() {
   }
   sessions_.clear();
   destroy_context();
-  Received discarded;
-  while (received_first_.try_pop(discarded) || received_.try_pop(discarded)) discarded = {};
+  parsing_.discard();
   backlog_ = 0;
 }
 
 void WebsockServerWorker::join_threads() {
-  wake_parsers();
   for (auto& service : services_) {
     service->wake();
     if (service->thread.joinable()) service->thread.join();
   }
-  for (std::thread& parser : parsers_) parser.join();
-  parsers_.clear();
+  parsing_.join();
 }
 
 void WebsockServerWorker::destroy_context() {
@@ -323,38 +314,9 @@ void WebsockServerWorker::serve(std::size_t index) {
   ev_timer_stop(loop, &tick);
 }
 
-// --- parsing threads
+// --- parsing
 
-void WebsockServerWorker::wake_parsers() noexcept {
-  if (received_.empty() && !stop_) return;
-  // A thread that is at work looks again before it sleeps.
-  if (!parser_sleeps_.exchange(false)) return;
-  const std::uint64_t one = 1;
-  [[maybe_unused]] const auto written = write(parser_wakeup_fd_, &one, sizeof one);
-}
-
-void WebsockServerWorker::parse_messages() {
-  prctl(PR_SET_NAME, "jsonificator");
-  work_in_batches();
-  Received received;
-  while (!stop_) {
-    if (received_first_.try_pop(received) || received_.try_pop(received)) {
-      parse_message(received);
-      backlog_ -= received.text.size();
-      received = {};
-      continue;
-    }
-    parser_sleeps_.exchange(true);
-    if (!received_first_.empty() || !received_.empty()) continue;
-    pollfd wait{parser_wakeup_fd_, POLLIN, 0};
-    if (poll(&wait, 1, kParserWait_ms) > 0 && (wait.revents & POLLIN) != 0) {
-      std::uint64_t count = 0;
-      [[maybe_unused]] const auto taken = read(parser_wakeup_fd_, &count, sizeof count);
-    }
-  }
-}
-
-void WebsockServerWorker::parse_message(const Received& received) {
+void WebsockServerWorker::parse_message(const ReceivedText& received) {
   const auto& [text, session] = received;
   if (session->closed) return;
   const auto fail = [](const char* what) {
@@ -484,8 +446,7 @@ int WebsockServerWorker::on_message(WebsockSession& session) {
   std::string text = std::exchange(session.receive_buffer, std::string());
   RRM_LOG(Debug, "Recv %.*s", printable(text), text.data());
   count_message(session.address, now_s);
-  const std::size_t size = text.size();
-  if (!queue_for_parsing({std::move(text), session.shared_from_this()})) backlog_ -= size;
+  queue_for_parsing({std::move(text), session.shared_from_this()});
   return 0;
 }
 
@@ -505,19 +466,13 @@ void WebsockServerWorker::count_message(const SessionAddress& address, std::int6
   if (flooded) owner()->stop_load_balancer_at_rrm_worker(address);
 }
 
-bool WebsockServerWorker::queue_for_parsing(Received&& received) {
-  const auto wait = [this] {
-    wake_parsers();
-    return stop_.load();
-  };
-  if (!push_with_backoff(received_, std::move(received), wait)) {
-    if (stop_) return false;
-    RRM_LOG(Error, "jsonificator_queue overflow: message dropped from session %d",
-            static_cast<int>(received.session->address.id));
-    raise_event(EventCode::WebsocketOverflow);
-    return false;
-  }
-  return true;
+void WebsockServerWorker::queue_for_parsing(ReceivedText&& received) {
+  if (parsing_.push(std::move(received))) return;
+  backlog_ -= received.text.size();
+  if (stop_) return;
+  RRM_LOG(Error, "jsonificator_queue overflow: message dropped from session %d",
+          static_cast<int>(received.session->address.id));
+  raise_event(EventCode::WebsocketOverflow);
 }
 
 // --- queueing for a session

@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "server/lib/MessageRing.h"
+#include "server/lib/ParsingThreads.h"
 #include "server/lib/SafeMap.h"
 #include "server/lib/SafeQueue.h"
 #include "server/lib/WebsockSession.h"
@@ -27,8 +27,8 @@ class GlobalConfig;
 
 /// Websocket server of the access points.
 ///
-/// Purpose:   joins received frames to messages and hands them to parsing ("jsonificator") threads,
-///            which pass them to the dispatcher; sends what other threads queue for a session. Its
+/// Purpose:   joins received frames to messages and hands them to the parsing threads, which pass
+///            them to the dispatcher; sends what other threads queue for a session. Its
 ///            own worker thread only connects, waits and disconnects.
 /// Threading: enqueue_* and sessions() from any thread. Callbacks of libwebsockets run on its
 ///            service threads; foreign threads only wake these through their loops, because even
@@ -97,12 +97,6 @@ class WebsockServerWorker : public Worker {
   using Message = std::shared_ptr<QueueMessage>;
   using Outgoing = WebsockSession::Outgoing;
 
-  /// A message on its way to parsing. It keeps its session, so that a look at the session's mark
-  /// tells whether it is still alive.
-  struct Received {
-    std::string text;
-    Session session;
-  };
   /// A session and its queue, kept alive while something is done with them.
   struct Target {
     std::shared_ptr<WebsockSession> session;
@@ -116,8 +110,7 @@ class WebsockServerWorker : public Worker {
   void join_threads();
   void update_library_log_level();
   void serve(std::size_t index);
-  void parse_messages();
-  void parse_message(const Received& received);
+  void parse_message(const ReceivedText& received);
 
   int on_event(lws* wsi, int reason, void* user, const char* in, std::size_t length);
   void on_established(lws* wsi, void* user);
@@ -131,12 +124,11 @@ class WebsockServerWorker : public Worker {
 
   Session find_session(lws* wsi) const { return sessions_.find(wsi); }
   void count_message(const SessionAddress& address, std::int64_t second);
-  bool queue_for_parsing(Received&& received);
+  void queue_for_parsing(ReceivedText&& received);
 
   void enqueue(const char* function, Message&& message, bool force);
   Target find_target(const char* function, const SessionAddress& address);
   void announce(Target&& target);
-  void wake_parsers() noexcept;
 
   /// What sending one message asks for afterwards.
   enum class Sent { KeepOpen, Close };
@@ -158,12 +150,6 @@ class WebsockServerWorker : public Worker {
   std::array<SafeUnorderedMap<lws*, Outgoing>, kServiceThreads> outgoing_;
 
   std::vector<std::unique_ptr<ServiceThread>> services_;
-  std::vector<std::thread> parsers_;
-  MessageRing<Received> received_{kCapacity};
-  MessageRing<Received> received_first_{kCapacity};  ///< drained first; nothing fills it so far
-  int parser_wakeup_fd_;
-  /// A parsing thread is about to wait for the descriptor; set by it, taken back by who wakes it.
-  std::atomic<bool> parser_sleeps_{false};
   std::atomic<std::size_t> backlog_{0};  ///< bytes received and not yet parsed
 
   std::mutex context_mutex_;  ///< guards context_ against its end while a producer wakes it
@@ -171,6 +157,11 @@ class WebsockServerWorker : public Worker {
   std::vector<void*> loops_;       ///< as libwebsockets wants them
   std::atomic<bool> stop_{false};  ///< ends the service and parsing loops
   std::atomic<bool> library_debug_{false};
+  ParsingThreads parsing_{[this](const ReceivedText& received) {
+                            parse_message(received);
+                            backlog_ -= received.text.size();
+                          },
+                          stop_};
 
   std::mutex flood_mutex_;
   std::int64_t flood_second_ = 0;  ///< guarded by flood_mutex_, as the next two
