@@ -107,8 +107,10 @@ void RRM::process_incoming_message(JsonReader&& document, const SessionAddress& 
     return;
   }
   if (is_internal_message(document)) {
-    RRM_LOG(Warning, "process_incoming_message: session %d sent service '%s', refused",
+    RRM_LOG(Debug, "process_incoming_message: session %d sent service '%s', refused",
             static_cast<int>(address.id), document.get_str("service"));
+    // The record that a domain worker would write: the message is as invalid as any other.
+    RRM_LOG(Warning, "Incoming message validation failed");
     raise_event(EventCode::MessageInvalid);
     return;
   }

@@ -183,14 +183,15 @@ struct InternalCase {
 
 class InternalService : public RRMTest, public testing::WithParamInterface<InternalCase> {};
 
-TEST_P(InternalService, FromAnAccessPointIsRefusedRecordedAndRaised) {
+TEST_P(InternalService, FromAnAccessPointIsRefusedRecordedAsInvalidAndRaised) {
   const auto site = add_worker("site");
   receive(GetParam().text);
   EXPECT_EQ(site->queue_size(), 0U);
   EXPECT_EQ(rrm_.workers().size(), 1U);
-  EXPECT_EQ(log_.texts(LogLevel::Warning),
-            (Texts{std::string("process_incoming_message: session 5 sent service '") +
-                   GetParam().service + "', refused"}));
+  EXPECT_EQ(log_.texts(LogLevel::Warning), (Texts{"Incoming message validation failed"}));
+  EXPECT_TRUE(
+      log_.has(LogLevel::Debug, std::string("process_incoming_message: session 5 sent service '") +
+                                    GetParam().service + "', refused"));
   EXPECT_EQ(log_.events(),
             (std::vector<std::pair<EventCode, std::string>>{{EventCode::MessageInvalid, ""}}));
 }
