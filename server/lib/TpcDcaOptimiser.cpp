@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "server/lib/Hooks.h"
 #include "server/lib/TpcDcaChannelPlan.h"
 #include "server/lib/TpcDcaPowerPlan.h"
 #include "server/lib/TpcDcaScene.h"
@@ -48,6 +49,12 @@ void plan_powers(const TpcDcaScene& scene, const DomainConfig& config, Plan& pla
     if (powers.changed()[ap]) plan[ap] = true;
 }
 
+void log_devices(const TpcDcaScene& scene) {
+  for (const auto& ap : scene.aps())
+    RRM_LOG(Trace, "Device %s (%s)", ap.entry->description.board.c_str(),
+            platform_name(ap.entry->platform));
+}
+
 OptimisationResult cancelled(const char* message) {
   OptimisationResult result;
   result.message = message;
@@ -67,6 +74,7 @@ OptimisationResult optimise(ApMap& snapshot, const DomainConfig& config,
 
   TpcDcaScene scene(snapshot);
   Plan plan(scene.aps().size());
+  log_devices(scene);
   {
     const OwnSettings settings(snapshot, config);
     if (switches.use_dca) plan_channels(scene, config, plan);

@@ -6,6 +6,7 @@
 #include <limits>
 #include <thread>
 
+#include "tests/support/CapturedLog.h"
 #include "tests/support/RandomDomain.h"
 
 namespace rrm::test {
@@ -611,6 +612,20 @@ TEST(TpcDcaOptimiserCancel, CancelledDuringDcaItSaysSoAfterwards) {
   EXPECT_FALSE(result.ok);
   EXPECT_TRUE(result.radios.empty());
   EXPECT_FALSE(result.has_report);
+}
+
+TEST_F(TpcDcaOptimiserTest, EachAccessPointIsLoggedWithItsBoardAndPlatformInOrderOfMac) {
+  add_radio(kApB, 1, {1});
+  add_radio(kApA, 1, {1});
+  ap(kApA).description.board = "KV-810-B";
+  ap(kApA).platform = 1;
+  ap(kApB).description.board = "kv-220-lr";
+  ap(kApB).platform = -1;
+  ApMap snapshot = domain.aps.snapshot();
+  const CapturedLog log;
+  optimise(snapshot, domain.config, {}, kStart, cancel);
+  EXPECT_EQ(log.texts(LogLevel::Trace),
+            (std::vector<std::string>{"Device KV-810-B (FastPath)", "Device kv-220-lr (Unknown)"}));
 }
 
 TEST_F(TpcDcaOptimiserTest, TheReportHoldsChannelAndPowerBeforeAndAfter) {
