@@ -110,5 +110,7 @@ int main(int argc, char** argv) {
     status = 1;
   }
   stop_threads();
+  // Its last record needs the logging library, whose own objects are destroyed before ours.
+  logger.reset();
   return status;
 }

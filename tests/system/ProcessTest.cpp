@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -7,6 +8,7 @@
 #include <iterator>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "server/lib/Config.h"
 #include "server/lib/JsonReader.h"
@@ -50,6 +52,33 @@ TEST_F(Process, SetsTheLimitOfOpenFilesTo12288) {
   EXPECT_NE(text.find("Max open files            12288                12288 "), std::string::npos)
       << text;
   EXPECT_EQ(interrupt(), 0);
+}
+
+TEST_F(Process, LimitOfOpenFilesThatCannotBeRaisedIsLoggedAndItGoesOn) {
+  configure();
+  std::vector<std::string> launcher{"/usr/bin/prlimit", "--nofile=1024:1024"};
+  if (::geteuid() == 0)
+    launcher.insert(launcher.end(), {"/usr/bin/setpriv", "--bounding-set=-sys_resource",
+                                     "--inh-caps=-sys_resource"});
+  start_with(launcher, {"c.conf"});
+  ASSERT_TRUE(is_serving(web_port_)) << process_->output() << process_->errors();
+  EXPECT_EQ(interrupt(), 0);
+  EXPECT_THAT(
+      process_->output(),
+      testing::ContainsRegex(R"(DEBUG \[default\] .*\[increase_max_fds\] .*\] )"
+                             "setrlimit\\(\\) failed with errno=1 Operation not permitted\n"));
+}
+
+TEST_F(Process, ExceptionEndsStartUpWithStatus1AndIsReportedWithErrno) {
+  configure();
+  // The stack of a new thread is then larger than all addresses there are.
+  start_with({"/usr/bin/prlimit", "--stack=140737488355328:"}, {"c.conf"});
+  EXPECT_EQ(process_->wait(), 1);
+  const std::string text = "Resource temporarily unavailable, errno=12: Cannot allocate memory\n";
+  EXPECT_THAT(process_->errors(), testing::HasSubstr("\nwavelom: main: " + text));
+  EXPECT_THAT(process_->output(), testing::HasSubstr("ERROR [default] " + text));
+  EXPECT_TRUE(process_->output().ends_with("INFO [default] Shutting down.\n"))
+      << process_->output();
 }
 
 TEST_F(Process, SaysThatItUsesDefaultLoggerSettings) {
@@ -154,6 +183,22 @@ TEST_F(Process, BackupControllerServesAccessPointsOnceItIsMaster) {
   EXPECT_FALSE(TcpClient(ap_port_).is_connected());
   EXPECT_NE(ask(R"({"vrrp":{"role":"master"}})").find("success"), std::string::npos);
   EXPECT_TRUE(is_serving(ap_port_));
+  EXPECT_EQ(interrupt(), 0);
+}
+
+TEST_F(Process, MasterByItsStateFileServesAccessPointsAndBacksUpTheirDomain) {
+  folder_.write("keep.mode", "MASTER\n");
+  configure(R"(,"vrrp_enabled":1,"vrrp_timeout":1,"vrrp_state_file":")" +
+            folder_.file("keep.mode") + R"(","vrrp_backup_path":")" + folder_.file("backup") +
+            "\"");
+  start_and_wait();
+  EXPECT_NE(ask(R"({"vrrp":{}})").find(R"("role":"master")"), std::string::npos);
+  WebsockClients clients(ap_port_);
+  clients.send(clients.open_all(1), R"({"service":"rrm","version":"2.4","cmd":"subscribe-request",)"
+                                    R"("domain":"site1","ap-mac":"00:11:22:00:01:00",)"
+                                    R"("factory":{"board":"B","hw":"H","serial":"S",)"
+                                    R"("mac":"00:11:22:00:01:00"},"radios":[]})");
+  EXPECT_TRUE(wait_until([&] { return folder_.has("backup/site1.json"); }));
   EXPECT_EQ(interrupt(), 0);
 }
 
