@@ -1,9 +1,11 @@
 #include "server/lib/RRM.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <ctime>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -438,6 +440,23 @@ TEST_F(RRMTest, TheEndOfAWorkerThatTheMapNoLongerHoldsChangesNothing) {
   EXPECT_EQ(rrm_.find_worker("site"), site);
   rrm_.stop_domain_event("site", site.get());
   EXPECT_EQ(rrm_.find_worker("site"), nullptr);
+}
+
+TEST_F(RRMTest, AnExceptionAtTheEndOfAWorkerIsLoggedAndRaised) {
+  // The map's lock refuses the thread that holds it already, which is the one way to fail there.
+  std::mutex& lock = rrm_.workers().mutex();
+  ASSERT_EQ(::pthread_mutex_destroy(lock.native_handle()), 0);
+  pthread_mutexattr_t checking;
+  ASSERT_EQ(::pthread_mutexattr_init(&checking), 0);
+  ASSERT_EQ(::pthread_mutexattr_settype(&checking, PTHREAD_MUTEX_ERRORCHECK), 0);
+  ASSERT_EQ(::pthread_mutex_init(lock.native_handle(), &checking), 0);
+  {
+    const std::lock_guard held(lock);
+    rrm_.stop_domain_event("site", nullptr);
+  }
+  EXPECT_TRUE(log_.has(LogLevel::Error,
+                       "Exception at processing stop_domain_event: Resource deadlock avoided"));
+  EXPECT_TRUE(log_.has_event(EventCode::WorkerExitThrew));
 }
 
 // --- restoring

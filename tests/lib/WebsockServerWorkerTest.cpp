@@ -345,6 +345,39 @@ TEST_F(WebsockClientsTest, ANullDocumentIsReportedAndNotSent) {
   EXPECT_EQ(clients_.wait_received(0), (Texts{"next"}));
 }
 
+/// The server's own end of the connection whose other end is the client's.
+int server_end_of(const RawClient& client) {
+  const auto port_of = [](int fd, auto get_name) {
+    sockaddr_in address{};
+    socklen_t length = sizeof(address);
+    return get_name(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0 ? address.sin_port : 0;
+  };
+  const int wanted = port_of(client.fd(), ::getsockname);
+  for (int fd = 0; fd < 1024; ++fd)
+    if (port_of(fd, ::getpeername) == wanted) return fd;
+  return -1;
+}
+
+TEST_F(WebsockServerTest, AMessageThatCannotBeSentIsReported) {
+  RawClient client(server_.port());
+  ASSERT_TRUE(client.handshake());
+  const auto address = server_.wait_sessions(1)[0];
+  ASSERT_EQ(::shutdown(server_end_of(client), SHUT_WR), 0);
+  server_.rrm.send_text("hello", address);
+  ASSERT_TRUE(wait_until([&] { return log_.has_event(EventCode::SendFailed); }));
+  EXPECT_TRUE(log_.has(LogLevel::Error, "Can't send msg type [0] to websocket (ret=-1 len=5)"));
+}
+
+TEST_F(WebsockServerTest, APingThatCannotBeSentIsReported) {
+  RawClient client(server_.port());
+  ASSERT_TRUE(client.handshake());
+  const auto address = server_.wait_sessions(1)[0];
+  ASSERT_EQ(::shutdown(server_end_of(client), SHUT_WR), 0);
+  server_.rrm.ping_session(address);
+  ASSERT_TRUE(wait_until([&] { return log_.has_event(EventCode::SendFailed); }));
+  EXPECT_TRUE(log_.has(LogLevel::Error, "Can't send msg type [5] to websocket (ret=-1 len=8)"));
+}
+
 // --- dropping
 
 class Drop : public WebsockClientsTest, public testing::WithParamInterface<bool> {};
