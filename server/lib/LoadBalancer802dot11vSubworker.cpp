@@ -294,7 +294,7 @@ std::int32_t LoadBalancer802dot11vSubworker::calc_roam_count(const ApEntry& ap,
             name.c_str(), radio.id);
     return 0;
   }
-  const auto own = static_cast<std::int32_t>(radio.assoc_clients.associated().size());
+  const auto own = static_cast<std::int32_t>(radio.assoc_clients.count());
   const auto expected = static_cast<std::int32_t>(radio.expected_roams.size());
   RRM_LOG(Debug, "AP(%s): radio %d: total clients %d, nonzero prio aps %d;", name.c_str(), radio.id,
           own + neighbours.clients, neighbours.radios + 1);

@@ -61,7 +61,7 @@ class RadioLists {
     if (entry.vaps.empty()) return;
     if (owner.base_mac != ap_.base_mac && neighbour.load_level != 0) {
       ++load_.radios;
-      load_.clients += static_cast<std::int32_t>(neighbour.assoc_clients.associated().size());
+      load_.clients += static_cast<std::int32_t>(neighbour.assoc_clients.count());
     }
     bands_[band].push_back(std::move(entry));
   }

@@ -12,7 +12,7 @@ namespace rrm {
 /// How loaded the neighbours of a radio are that still take clients.
 struct NeighbourLoad {
   std::int32_t radios = 0;   ///< with a priority above 0
-  std::int32_t clients = 0;  ///< associated to them
+  std::int32_t clients = 0;  ///< associated to them or expected there
 };
 
 /// Entries that a list keeps per radio, band and SSID.

@@ -538,6 +538,25 @@ TEST(OverloadLog, TellsTheFigures) {
                                "AP(00:11:22:00:01:00): radio 0: roam count 2.000 below min 2"));
 }
 
+TEST(OverloadLog, CountsClientsOnTheirWayOnBothSides) {
+  Engine engine(steering_config());
+  subscribe_all(engine, 2);
+  fill(engine, 1, 0, 8);
+  fill(engine, 2, 100, 2);
+  const auto expect = [&](int ap, int client) {
+    radio_of(engine, ap).assoc_clients.expect_client(mac_of(client_mac(client)), {}, 0, 5);
+  };
+  for (int i = 0; i < 2; ++i) expect(1, 300 + i);
+  expect(2, 400);
+  engine.worker().load_balancer_80211v().force_optimization();
+  EXPECT_TRUE(engine.log().has(
+      LogLevel::Debug, "AP(00:11:22:00:01:00): radio 0: total clients 13, nonzero prio aps 2;"));
+  // 10 - (3 + 10) / 2
+  EXPECT_TRUE(engine.log().has(
+      LogLevel::Debug,
+      "Sending overload msg to 00:11:22:00:01:00 (roam 3 clients; avg_count = 6.500)"));
+}
+
 TEST(OverloadLog, TellsThatNoNeighbourIsFree) {
   Engine engine(steering_config());
   subscribe_all(engine, 1);
