@@ -108,6 +108,12 @@ LoadBalancerSubworker::Destination LoadBalancerSubworker::choose(const MacAddres
   return best;
 }
 
+bool LoadBalancerSubworker::heard_by_one_ap(const ProbeEntry& entry) const {
+  const auto first = aps().find_any(entry.heard.begin()->first);
+  return std::all_of(entry.heard.begin(), entry.heard.end(),
+                     [&](const auto& answer) { return aps().find_any(answer.first) == first; });
+}
+
 bool LoadBalancerSubworker::worth_moving(const Source& source, const Destination& destination,
                                          const ProbeEntry& entry) const {
   const DomainConfig& options = config();
@@ -125,8 +131,8 @@ bool LoadBalancerSubworker::worth_moving(const Source& source, const Destination
     const std::int32_t source_clients = std::max(source.clients, options.load_balance_sta_low);
     const bool source_is_fine =
         source_clients <= destination.clients + 1 && source.rssi_dbm > options.blacklist_thr_low;
-    // With a single answer there is nothing to compare.
-    const bool only_answer = entry.heard.size() < 2 && destination.mac != source.radio->mac;
+    // With the answers of one access point there is nothing to compare.
+    const bool only_answer = heard_by_one_ap(entry) && destination.mac != source.radio->mac;
     if (source_is_fine || only_answer) balance = false;
   }
   if (!balance) RRM_LOG(Debug, "LoadBalancer: no balancer");

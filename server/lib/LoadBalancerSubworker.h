@@ -25,7 +25,8 @@ class LoadBalancerSubworker : public IRrmSubworker {
   /// One second: decides on the clients that everybody answered for or whose time is over.
   void process_timer() override;
 
-  /// Makes a client whose signal has faded pending, unless it already is.
+  /// Makes a client whose signal has faded pending and asks about it. One that already is pending
+  /// does not become it again: nobody is asked a second time before the decision.
   void offer_client(const MacAddress& client, const std::shared_ptr<ApEntry>& ap,
                     const Radio& radio, const std::string& ssid);
   /// The client is served well again.
@@ -57,6 +58,8 @@ class LoadBalancerSubworker : public IRrmSubworker {
 
   void process_result(const MacAddress& client, const ProbeEntry& entry);
   Destination choose(const MacAddress& client, const ProbeEntry& entry) const;
+  /// All answers are of radios of the same access point.
+  bool heard_by_one_ap(const ProbeEntry& entry) const;
   bool worth_moving(const Source& source, const Destination& destination,
                     const ProbeEntry& entry) const;
   bool move_client(const MacAddress& client, const ProbeEntry& entry, const Source& source,

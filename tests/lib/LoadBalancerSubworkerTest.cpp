@@ -374,6 +374,21 @@ INSTANTIATE_TEST_SUITE_P(
                     Decision{"AnEmptyRadioKeepsAWeakClientFromALoadedOne", 0, -80, {19}, {-50}, 0}),
     [](const auto& test) { return test.param.name; });
 
+TEST(BalancingDecision, OfAClientThatTwoRadiosOfASingleAccessPointHearNeverSteersIt) {
+  for (const int hearer : {1, 2}) {
+    Engine engine(balance_config());
+    for (int n = 1; n <= 2; ++n) engine.subscribe(n, {balanced_radio(0), balanced_radio(1)});
+    associate(engine, 1, -80, ",\"need-ack\":1");
+    hear(engine, hearer, -80);
+    hear(engine, hearer, -50, "office", 1);
+    engine.rrm().take();
+    engine.pass(5);
+    EXPECT_TRUE(engine.log().has(LogLevel::Debug, "LoadBalancer: no balancer"));
+    EXPECT_EQ(engine.rrm().take("rrm-client-assoc-ack"), (Texts{ack(1)}));
+    EXPECT_FALSE(kicked(engine, 1));
+  }
+}
+
 TEST(BalancingDecisionLog, CountsTwoClientsAsFourBelowTheLowMarkOfFive) {
   Engine engine(balance_config());
   subscribe_all(engine, 2);
