@@ -151,6 +151,14 @@ TEST(ApEntry, RestoresWhatWasWritten) {
   EXPECT_EQ(object_text([&](JsonWriter& object) { ap->to_json(object); }), text);
 }
 
+TEST(ApEntry, RestoresAnyNumberButZeroAsWildcard) {
+  const DomainConfig config;
+  const auto ap = make_ap(config, "00:11:22:33:44:00");
+  ChannelSets sets;
+  ap->restore(JsonReader(R"({"use-wildcard-80211r":2})"), sets);
+  EXPECT_TRUE(ap->use_wildcard_80211r);
+}
+
 TEST(ApEntry, RestoresWithoutMacCountAs48) {
   const DomainConfig config;
   const auto ap = make_ap(config, "00:11:22:33:44:00");

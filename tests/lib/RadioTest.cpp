@@ -154,6 +154,14 @@ TEST_F(RadioBand, OfMessagesFollowsTheChannelFrom166OnAndTheRadioBelow) {
   EXPECT_EQ(any.get_band(), 2);
 }
 
+TEST_F(RadioBand, ThatAMessageLacksIsLoggedWithWhereItCameFrom) {
+  CapturedLog log;
+  read(R"({"status":1,"channel":40,"band":3})");
+  EXPECT_TRUE(log.has(LogLevel::Debug,
+                      "radio message without band: inferred/reused band=5 mac=00:11:22:33:44:10 "
+                      "id=1 channel=40"));
+}
+
 TEST_F(RadioBand, ChoosesTheRssiThreshold) {
   config_.ap_rssi_threshold_2g = -72;
   config_.ap_rssi_threshold_5g = -75;
@@ -259,6 +267,22 @@ TEST_F(RadioPower, EirpMaximumLowersPower) {
   any.update_eirp();  // 21 is limited to 17, which 12 dBm gives
   EXPECT_EQ(any.eirp, 17);
   EXPECT_EQ(any.power, 12);
+}
+
+TEST_F(RadioPower, EirpJustWithinItsLimitsIsLeftAsItIs) {
+  Radio any = radio(12);
+  limit_power(any, {.eirp_min = 16, .eirp_max = 18, .antenna_gain = 5});
+  any.update_eirp();
+  EXPECT_EQ(any.eirp, 17);
+  EXPECT_EQ(any.power, 12);
+}
+
+TEST_F(RadioPower, AnEirpLimitAlsoEnforcesThePowerLimits) {
+  Radio any = radio(30);
+  limit_power(any, {.eirp_max = 50, .antenna_gain = 5});
+  any.update_eirp();  // 35 is within the limit, but 16 dBm is the most
+  EXPECT_EQ(any.power, 16);
+  EXPECT_EQ(any.eirp, 21);
 }
 
 TEST_F(RadioPower, EirpAboveTheMaximumStaysLimitedWherePowerCannotFollow) {
@@ -393,6 +417,19 @@ TEST_F(RadioPower, NewLimitsFitPowerAndEirpAndAreLogged) {
   EXPECT_THAT(log.texts(LogLevel::Debug),
               ElementsAre("00:11:22:33:44:00: Power/eirp adjusted to new limits: power 16 -> 13, "
                           "eirp 19 -> 17 (power min/max 2/14, eirp min/max 5/17)"));
+}
+
+TEST_F(RadioPower, ANewAntennaThatChangesOnlyTheEirpIsLogged) {
+  Radio any = radio(12);
+  any.power_initialised = true;
+  any.eirp = 12;
+  Radio limits = radio(0);
+  limit_power(limits, {.antenna_gain = 4, .cable_loss = 1});
+  CapturedLog log;
+  any.set_validate_power(limits);
+  EXPECT_THAT(log.texts(LogLevel::Debug),
+              ElementsAre("00:11:22:33:44:00: Power/eirp adjusted to new limits: power 12 -> 12, "
+                          "eirp 12 -> 15 (power min/max -1/-1, eirp min/max -1/-1)"));
 }
 
 TEST_F(RadioPower, NewLimitsThatFitAreNotLogged) {
@@ -605,6 +642,15 @@ TEST_F(RadioMessage, AnyEirpMemberReplacesTheWholeDescription) {
     EXPECT_EQ(any.cable_loss, 0) << second;
     EXPECT_FALSE(any.has_antenna_configuration) << second;
   }
+  for (const char* second :
+       {R"({"eirp-max":-1})", R"({"eirp-min":-1})", R"({"antenna-configuration":null})"}) {
+    Radio any = read(first);
+    apply(any, second);
+    EXPECT_EQ(any.eirp, -1) << second;
+    EXPECT_EQ(any.eirp_min, -1) << second;
+    EXPECT_EQ(any.eirp_max, -1) << second;
+    EXPECT_FALSE(any.has_antenna_configuration) << second;
+  }
   Radio any = read(first);
   apply(any, R"({"status":1,"power":12,"power-max":20})");
   EXPECT_TRUE(any.has_antenna_configuration);
@@ -740,6 +786,14 @@ TEST_F(RadioMacPool, ANewRadioWithoutCountHas16) {
   apply(any, R"({"mac-offset":7})");  // not new: the count stays
   EXPECT_EQ(any.max_mac_count, 4u);
   EXPECT_EQ(any.mac, mac("00:11:22:33:44:07"));
+}
+
+TEST_F(RadioMacPool, OfANewRadioIsSetEvenWhereTheMessageSaysWhatItWas) {
+  Radio any(config_, kBase, 1, false, 1, 0, 0, 0, 20);
+  CapturedLog log;
+  apply(any, R"({"mac-offset":16,"radio-mac-count":16})", true);
+  EXPECT_TRUE(log.has(LogLevel::Trace,
+                      "radio id=1, max_mac_count=16, mac_offset=16, mac = 00:11:22:33:44:10"));
 }
 
 TEST_F(RadioMacPool, OfAKnownRadioChangesOnlyWithTheValues) {
@@ -895,6 +949,17 @@ TEST_F(RadioJson, OfTheConfigurationSentToTheAccessPoint) {
             R"("primary-channel":"uu","tavro-sta-rssi-thr-low":-75,"tavro-sta-rssi-thr-high":-65,)"
             R"("tavro-roam-attempt-timeout":600,"tavro-client-rssi-renew":15,)"
             R"("tavro-client-max-age":20,"tavro-try-no-balance":2,"no-balance-enterprise":1})");
+}
+
+TEST_F(RadioJson, OfTheConfigurationNamesTheBandOfTheChannel) {
+  Radio any = radio();
+  const auto text = [&] {
+    return object_text([&](JsonWriter& object) { any.config_to_json(object); });
+  };
+  EXPECT_NE(text().find(R"("channel":36,"band":5,)"), std::string::npos);
+  any.band = 2;
+  any.channel = 170;
+  EXPECT_NE(text().find(R"("channel":170,"band":6,)"), std::string::npos);
 }
 
 TEST_F(RadioJson, AsksAboutOneClient) {
