@@ -71,8 +71,11 @@ TEST(FbtInfo, FollowsEverySubscriptionOfAnAccessPointWith80211r) {
 }
 
 TEST(FbtInfo, IsNotSentWithout80211r) {
-  Engine engine;
+  DomainConfig config = Engine::quiet_config();
+  config.use_80211k = true;  // so that VAPs are read
+  Engine engine(config);
   engine.subscribe(1, {keyed_radio("KEYOFONE")});
+  ASSERT_TRUE(engine.ap(1)->radios.any_radio_with_80211r_vap());
   EXPECT_TRUE(engine.rrm().take("fbt-info").empty());
 }
 
@@ -189,6 +192,33 @@ TEST(FbtKeys, ThatADescriptionTookAwayAreMadeAnew) {
 }
 
 // --- links
+
+TEST(FbtKeys, HoldersAreNamedByTheBssidInUpperCase) {
+  Engine engine(fbt_config());
+  engine.subscribe(171, {fbt_radio()});
+  engine.worker().tpc_dca().update_802dot11r();
+  EXPECT_EQ(vap_of(engine, 171).r0_keyholder, "00112200AB00");
+  EXPECT_EQ(vap_of(engine, 171).r1_keyholder, "00:11:22:00:AB:00");
+}
+
+TEST(FbtTrace, TellsOfEveryVapBeforeItsLinks) {
+  Engine engine(fbt_config());
+  engine.subscribe(1, {keyed_radio("KEYOFONE")});
+  const auto& serial = engine.ap(1)->description.serial;
+  for (int round = 0; round < 2; ++round) {
+    engine.ap(1)->fbt_changed = round == 1;
+    engine.ap(1)->use_wildcard_80211r = round == 1;
+    engine.log().clear();
+    engine.worker().tpc_dca().update_802dot11r();
+    EXPECT_EQ(
+        engine.log().texts(LogLevel::Trace),
+        (Texts{"==================================", "Device " + serial + " (00:11:22:00:01:00)",
+               "fbt_changed = " + std::to_string(round), "----------------------------------",
+               "wlan_id = 0 vap_id = 0", "current ssid = office", "current serial = " + serial,
+               "current r0 keyholder = 001122000100", "current r1 keyholder = 00:11:22:00:01:00",
+               "use_wildcard_80211r = " + std::to_string(round), "remotes size = 0"}));
+  }
+}
 
 TEST(FbtLinks, GoBothWaysOnceAndAreKeptByTheNextUpdate) {
   Engine engine(fbt_config());
