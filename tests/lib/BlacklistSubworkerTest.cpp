@@ -122,6 +122,9 @@ TEST(RadioBlacklist, IsBounded) {
   list.block(kClient, 10);
   EXPECT_EQ(list.members.size(), RadioBlacklist::kMaxMembers);
   EXPECT_EQ(list.changes.size(), RadioBlacklist::kMaxMembers);
+  const MacAddress member = MacAddress::from_text("02:bb:00:00:00:00");
+  list.block(member, 20);
+  EXPECT_EQ(list.members.at(member), 20);
 }
 
 TEST(RadioBlacklist, HasAStatusForm) {
@@ -160,6 +163,7 @@ TEST(Blacklist, ListsAKickedClientInOneRequest) {
   engine.subscribe(1, {balanced_radio()});
   engine.rrm().take();
   engine.worker().blacklist().disconnect_pass(kClient, radio_of(engine, 1), "office");
+  EXPECT_EQ(blacklist_of(engine, 1).members.at(kClient), 30);
   engine.pass(1);
   const auto sent = engine.rrm().take();
   ASSERT_EQ(sent.size(), 1u);
@@ -195,11 +199,16 @@ TEST(Blacklist, NeitherSendsNorAgesWhileBalancingIsPaused) {
 }
 
 TEST(Blacklist, AgesEveryExpectedClientOncePerSecondAlsoOfParkedAccessPoints) {
-  for (const bool parked : {false, true}) {
+  for (const char* where : {"aps", "unanswered", "deleted"}) {
     Engine engine(balance_config());
     engine.subscribe(1, {balanced_radio()});
-    if (parked) engine.worker().aps().move_all(engine.worker().unanswered_aps());
-    engine.worker().set_load_balancer_lock(parked);
+    RrmWorker& worker = engine.worker();
+    if (*where == 'u') worker.aps().move_all(worker.unanswered_aps());
+    if (*where == 'd') {
+      engine.ap(1)->countdown = 100;
+      worker.aps().move_all(worker.aps_to_delete());
+    }
+    worker.set_load_balancer_lock(*where != 'a');
     AssocMap& clients = radio_of(engine, 1).assoc_clients;
     clients.expect_client(kClient, {}, 0, 5);
     engine.pass(4);
@@ -251,8 +260,15 @@ TEST(BlockPass, NeverTouchesRadioThreeOrDisabledRadios) {
   EXPECT_TRUE(blocked(engine, 2, 3));
 }
 
+/// A domain without balancing that reads VAPs all the same.
+DomainConfig unbalanced_config() {
+  DomainConfig config = Engine::quiet_config();
+  config.use_80211k = true;
+  return config;
+}
+
 TEST(BlockPass, NeedsBalancing) {
-  Engine engine;
+  Engine engine(unbalanced_config());
   engine.subscribe(1, {balanced_radio()});
   engine.subscribe(2, {balanced_radio()});
   engine.worker().blacklist().block_pass(kClient, *engine.ap(1), "office", 0, true);
@@ -303,7 +319,7 @@ TEST(StateChange, AboveTheLowThresholdBlocksAndUnblocksNobody) {
 }
 
 TEST(StateChange, OfAClientThatStaysWeakOffersItWithoutUnblocking) {
-  for (const int previous : {-80, 0}) {
+  for (const int previous : {-80, -75, 0}) {
     Engine engine(balance_config());
     engine.subscribe(1, {balanced_radio()});
     engine.subscribe(2, {balanced_radio()});
@@ -376,6 +392,16 @@ TEST(StateChange, OfAClientThatAnotherAccessPointTookLaterIsNotOffered) {
   EXPECT_EQ(engine.worker().load_balancer().pending().size(), 1u);
 }
 
+TEST(StateChange, OfAClientThatAnotherAccessPointTookInTheSameSecondIsNotOffered) {
+  Engine engine(balance_config());
+  engine.subscribe(1, {balanced_radio()});
+  engine.subscribe(2, {balanced_radio()});
+  hold(engine, 1, -60);
+  hold(engine, 2, -50);
+  state_changed(engine, 1, -80);
+  EXPECT_EQ(engine.worker().load_balancer().pending().size(), 0u);
+}
+
 TEST(StateChange, OfANoBalanceClientOnlyStoresTheSignal) {
   Engine engine(balance_config());
   engine.subscribe(1, {balanced_radio()});
@@ -404,10 +430,14 @@ TEST(StateChange, IsIgnoredWhileARoundMeasuresOrWithoutNames) {
   engine.receive("rrm-assoc-state-changed", 1, 101,
                  R"("sta-mac":"no mac","ssid":"office","rssi":-80,"radio":0)");
   EXPECT_EQ(radio_of(engine, 1).assoc_clients.find(kClient)->dbm_signal, -60);
+  // A client of zeros, as one that does not scan, is not taken for one that is missing.
+  radio_of(engine, 1).assoc_clients.add_client({}, -60, "office", false, false);
+  engine.receive("rrm-assoc-state-changed", 1, 101, R"("ssid":"office","rssi":-80,"radio":0)");
+  EXPECT_EQ(radio_of(engine, 1).assoc_clients.find({})->dbm_signal, -60);
 }
 
 TEST(StateChange, WithoutBalancingOffersNobody) {
-  Engine engine;
+  Engine engine(unbalanced_config());
   engine.subscribe(1, {balanced_radio()});
   engine.subscribe(2, {balanced_radio()});
   hold(engine, 1, -60);
