@@ -144,6 +144,18 @@ TEST(Association, OfANoBalanceClientTakesItFromTheOthersAndOffTheBlacklist) {
   EXPECT_EQ(engine.rrm().take("rrm-client-assoc-ack"), (Texts{ack(1)}));
 }
 
+TEST(Association, OfANoBalanceClientLeavesItWhereItsNetworkIsNot) {
+  Engine engine(balance_config());
+  engine.subscribe(1, {balanced_radio()});
+  engine.subscribe(2, {balanced_radio(0), balanced_radio(1, "lab")});
+  for (const int radio : {0, 1}) {
+    radio_of(engine, 2, radio).assoc_clients.add_client(kClient, -50, "lab", false, false);
+  }
+  associate(engine, 1, -50, ",\"no-balance\":1");
+  EXPECT_EQ(radio_of(engine, 2, 0).assoc_clients.find(kClient), nullptr);
+  EXPECT_NE(radio_of(engine, 2, 1).assoc_clients.find(kClient), nullptr);
+}
+
 TEST(Association, OfANoBalanceClientReachesOnlyAccessPointsThatHearThisOne) {
   DomainConfig config = balance_config();
   config.use_all_ap_balance = false;
@@ -186,6 +198,36 @@ TEST(Association, WhileBalancingIsPausedIsOnlyStoredAndAcknowledged) {
     EXPECT_EQ(engine.rrm().take("rrm-client-assoc-ack"), (Texts{ack(1)}));
     EXPECT_FALSE(pending(engine));
   }
+}
+
+TEST(Association, OfAPendingClientElsewhereAsksAnew) {
+  Engine engine(balance_config());
+  subscribe_all(engine, 2);
+  associate(engine, 1, -80);
+  hear(engine, 1, -80);
+  engine.pass(2);
+  engine.rrm().take();
+  associate(engine, 2, -80);
+  EXPECT_EQ(engine.rrm().take("rrm-probe-request").size(), 2u);
+  const ProbeEntry* entry = engine.worker().load_balancer().pending().find(kClient);
+  ASSERT_NE(entry, nullptr);
+  EXPECT_EQ(entry->mac, engine.ap(2)->base_mac);
+  EXPECT_EQ(entry->countdown, 5u);
+  EXPECT_TRUE(entry->heard.empty());
+}
+
+TEST(Association, WithoutBalancingIsNotEvenLogged) {
+  DomainConfig config = Engine::quiet_config();
+  config.use_80211k = true;
+  Engine engine(config);
+  subscribe_all(engine, 1);
+  engine.log().clear();
+  const JsonReader message(
+      R"({"radio":0,"rssi":-50,"sta-mac":"02:aa:00:00:00:07","ssid":"office","need-ack":1})");
+  engine.worker().load_balancer().process_message(message, "rrm-client-assoc", engine.ap(1));
+  EXPECT_TRUE(engine.log().records().empty());
+  EXPECT_TRUE(engine.rrm().take().empty());
+  EXPECT_EQ(radio_of(engine, 1).assoc_clients.find(kClient), nullptr);
 }
 
 TEST(Association, WithNobodyToAskIsAcknowledged) {
@@ -273,6 +315,9 @@ TEST(ProbeRequest, ListsTheRadiosThatCouldTakeTheClient) {
   RadioSpec locked = balanced_radio(1);
   locked.locked_balancer = 1;
   engine.subscribe(2, {balanced_radio(0, "lab"), locked, balanced_radio(2)});
+  RadioSpec disabled = balanced_radio();
+  disabled.status = 0;
+  engine.subscribe(3, {disabled});
   engine.rrm().take();
   associate(engine, 1, -80);
   const auto sent = engine.rrm().take();
@@ -294,6 +339,8 @@ TEST(ProbeResponse, IsTakenForPendingClientsOfTheSameNetworkOnly) {
   hear(engine, 2, -50, "lab");
   const ProbeEntry* entry = engine.worker().load_balancer().pending().find(kClient);
   EXPECT_TRUE(entry->heard.empty());
+  EXPECT_FALSE(engine.log().has(
+      LogLevel::Debug, "Probe response client 02:aa:00:00:00:07 put (ap 00:11:22:00:02:00)"));
   hear(engine, 2, -50);
   EXPECT_TRUE(engine.log().has(LogLevel::Debug,
                                "Probe response client 02:aa:00:00:00:07 ssid office radio_id 0 "
@@ -462,6 +509,88 @@ TEST(BalancingDecision, ThatKeepsTheClientBlocksTheOthersAndAcknowledges) {
   EXPECT_EQ(radio_of(engine, 1).assoc_clients.expected().size(), 0u);
   EXPECT_TRUE(blocked(engine, 2));
   EXPECT_TRUE(blocked(engine, 3));
+}
+
+/// Client 7 is at access point 1 and heard there as given; access point 2 hears it well.
+void decide_at_home(Engine& engine, int others_at_home, int rssi) {
+  subscribe_all(engine, 2);
+  fill(engine, 1, others_at_home);
+  associate(engine, 1, -60, ",\"need-ack\":1");
+  fill(engine, 2, 30);
+  hear(engine, 1, rssi);
+  hear(engine, 2, -55);
+  engine.rrm().take();
+  radio_of(engine, 2).blacklist.clear();
+  engine.pass(1);
+}
+
+TEST(BalancingDecision, KeepsTheClientUpToTheHighMarkWithItself) {
+  for (const int others : {19, 20}) {
+    Engine engine(balance_config());
+    decide_at_home(engine, others, -60);
+    EXPECT_EQ(blocked(engine, 2), others == 19) << others;
+    EXPECT_EQ(engine.log().has(LogLevel::Debug,
+                               "dst_ap 00:11:22:00:01:00 radio 0 min_size 19 min_rssi -60"),
+              others == 19);
+  }
+}
+
+TEST(BalancingDecisionLog, TakesAClientAtExactlyTheHighThresholdForOneToCompare) {
+  for (const int rssi : {-64, -65}) {
+    Engine engine(balance_config());
+    decide_at_home(engine, 9, rssi);
+    EXPECT_EQ(engine.log().has(LogLevel::Debug,
+                               "LoadBalancer: exist_ap 00:11:22:00:01:00 size 10 "
+                               "rssi " +
+                                   std::to_string(rssi)),
+              rssi == -64);
+  }
+}
+
+TEST(BalancingDecision, OfAClientAtExactlyTheLowThresholdMovesIt) {
+  for (const int rssi : {-75, -74}) {
+    Engine engine(balance_config());
+    subscribe_all(engine, 2);
+    associate(engine, 1, -75);
+    hear(engine, 1, -75);
+    hear(engine, 2, -50);
+    radio_of(engine, 1).assoc_clients.update_rssi(kClient, rssi);
+    engine.pass(1);
+    EXPECT_EQ(kicked(engine, 1), rssi == -75);
+  }
+}
+
+TEST(BalancingDecision, WhoseSourceIsDisabledMeanwhileEndsWithoutAWord) {
+  Engine engine(balance_config());
+  subscribe_all(engine, 2);
+  associate(engine, 1, -80, ",\"need-ack\":1");
+  hear(engine, 2, -50);
+  hear(engine, 1, -80);
+  engine.rrm().take();
+  radio_of(engine, 1).status = false;
+  engine.pass(1);
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug,
+                               "LoadBalancer: radio 0 client 02:AA:00:00:00:07 src_ap "
+                               "00:11:22:00:01:00 size -1 sta_low 5 rssi 0"));
+  EXPECT_TRUE(engine.rrm().take().empty());
+  EXPECT_FALSE(pending(engine));
+}
+
+TEST(BalancingDecision, WhoseDestinationIsDisabledMeanwhileBlocksNobody) {
+  Engine engine(balance_config());
+  subscribe_all(engine, 3);
+  associate(engine, 1, -80, ",\"need-ack\":1");
+  hear(engine, 1, -80);
+  hear(engine, 2, -50);
+  engine.rrm().take();
+  radio_of(engine, 2).status = false;
+  engine.pass(5);
+  EXPECT_TRUE(engine.log().has(LogLevel::Warning,
+                               "Skip balancing action: destination radio_id=0 is invalid/disabled "
+                               "for ap=00:11:22:00:02:00"));
+  EXPECT_EQ(engine.rrm().take("rrm-client-assoc-ack"), (Texts{ack(1)}));
+  EXPECT_FALSE(blocked(engine, 3));
+  EXPECT_FALSE(kicked(engine, 1));
 }
 
 TEST(BalancingDecision, CountsTheClientAtItsDestinationForFiveSeconds) {
