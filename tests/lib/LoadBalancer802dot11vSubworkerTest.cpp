@@ -108,6 +108,19 @@ TEST(RadioPriority, IsFollowedEverySecondToo) {
   EXPECT_TRUE(engine.worker().load_balancer_80211v().lists_pending());
 }
 
+TEST(RadioPriority, OfALockedRadioIsFollowedToo) {
+  Engine engine(steering_config());
+  RadioSpec locked = steering_radio();
+  locked.locked_80211v = 1;
+  engine.subscribe(1, all_radios({locked}));
+  for (int i = 0; i < 5; ++i) {
+    radio_of(engine, 1).assoc_clients.add_client(mac_of(client_mac(i)), -50, "office", false,
+                                                 false);
+  }
+  engine.pass(1);
+  EXPECT_EQ(radio_of(engine, 1).load_level, 127u);
+}
+
 // --- associations
 
 TEST(Association80211v, IsLoggedAndStored) {
@@ -356,6 +369,74 @@ TEST(Lists80211v, NeverNameForeignNetworks) {
             "[{\"id\":0,\"band5\":[" + entry(2, 36, 255) + "]}]");
 }
 
+TEST(Lists80211v, NeedAFlagOnBothSides) {
+  struct Case {
+    VapSpec own;
+    VapSpec other;
+    bool listed;
+  };
+  const std::vector<Case> cases = {
+      {{.k = true}, {.k = true}, true},  {{.v = true}, {.v = true}, true},
+      {{.k = true}, {.v = true}, true},  {{.v = true}, {.k = true}, true},
+      {{.v = true}, {.r = true}, false}, {{.v = true}, {}, false},
+      {{.r = true}, {.v = true}, false},
+  };
+  for (std::size_t i = 0; i < cases.size(); ++i) {
+    Engine engine(steering_config());
+    RadioSpec own = steering_radio();
+    own.vaps = {cases[i].own, {.id = 1, .ssid = "lab", .v = true}};
+    RadioSpec other = steering_radio();
+    other.vaps = {cases[i].other, {.id = 1, .ssid = "guest", .v = true}};
+    engine.subscribe(1, all_radios({own}));
+    engine.subscribe(2, all_radios({other}));
+    engine.ap(1)->visible_members[engine.ap(2)->base_mac] = {};
+    engine.rrm().take();
+    engine.worker().load_balancer_80211v().force_optimization();
+    EXPECT_EQ(sent_lists(engine.rrm().take())[101],
+              cases[i].listed ? "[{\"id\":0,\"band5\":[" + entry(2, 36, 255) + "]}]"
+                              : "")  // as the subscription had it
+        << i;
+  }
+}
+
+TEST(Lists80211v, AreOnlyForOwnRadiosThatAreNotLocked) {
+  Engine engine(steering_config());
+  RadioSpec locked = steering_radio(1, 44);
+  locked.locked_80211v = 1;
+  engine.subscribe(1, all_radios({steering_radio(0), locked}));
+  // The locked radio's VAPs keep 802.11k, so it is a neighbour, but it gets no list.
+  EXPECT_EQ(list_of(engine.rrm().take("subscribe-response").at(0)),
+            "[{\"id\":0,\"band5\":[" + entry(1, 44, 255, "10") + "]}]");
+}
+
+TEST(Lists80211v, NeverNameDisabledRadios) {
+  DomainConfig config = steering_config();
+  config.use_all_ap_balance = true;
+  Engine engine(config);
+  RadioSpec disabled = steering_radio(1, 44);
+  disabled.status = 0;
+  engine.subscribe(1, all_radios({steering_radio()}));
+  engine.subscribe(2, all_radios({steering_radio(), disabled}));
+  engine.rrm().take();
+  engine.worker().load_balancer_80211v().force_optimization();
+  EXPECT_EQ(sent_lists(engine.rrm().take())[101],
+            "[{\"id\":0,\"band5\":[" + entry(2, 36, 255) + "]}]");
+}
+
+TEST(Lists80211v, CountTheirEntriesPerBand) {
+  DomainConfig config = steering_config();
+  config.use_all_ap_balance = true;
+  Engine engine(config);
+  for (int n = 1; n <= 40; ++n) {
+    engine.subscribe(n, all_radios({steering_radio(0), steering_radio(1, 1, 2)}));
+  }
+  engine.rrm().take();
+  engine.worker().load_balancer_80211v().force_optimization();
+  const JsonReader lists(sent_lists(engine.rrm().take())[101].c_str());
+  EXPECT_EQ(lists.child(0).child("band2").size(), 40u);
+  EXPECT_EQ(lists.child(0).child("band5").size(), 39u);
+}
+
 /// Ten access points with one or two radios in three networks, some of which hear each other.
 void subscribe_at_random(Engine& engine, std::mt19937& random) {
   constexpr int kAps = 10;
@@ -512,8 +593,49 @@ INSTANTIATE_TEST_SUITE_P(
                     OverloadCase{"AtMostTheMaximum", 14, 4, 0, 4},               // 14 - 9 = 5
                     OverloadCase{"ExpectedClientsRaiseTheAverage", 9, 4, 1, 0},  // 9 - 7 = 2
                     OverloadCase{"LowLoadIsNoOverload", 5, 0, 0, 0},
-                    OverloadCase{"AFullNeighbourTakesNobody", 24, 20, 0, 0}),
+                    OverloadCase{"AFullNeighbourTakesNobody", 40, 20, 0, 0}),
     [](const auto& test) { return test.param.name; });
+
+TEST(OverloadLog, LeavesOwnOtherRadiosOut) {
+  Engine engine(steering_config());
+  engine.subscribe(1, all_radios({steering_radio(0), steering_radio(1, 1, 2)}));
+  fill(engine, 1, 0, 9);
+  engine.worker().load_balancer_80211v().force_optimization();
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug,
+                               "AP(00:11:22:00:01:00): radio 0: no neighbor aps with nonzero "
+                               "priority, skip roam count"));
+}
+
+TEST(OverloadLog, TellsWhyARadioTakesNoPart) {
+  for (const bool locked : {true, false}) {
+    Engine engine(steering_config());
+    engine.subscribe(1, all_radios({steering_radio(0), steering_radio(1, 44)}));
+    fill(engine, 1, 0, 9);
+    AssocMap& clients = radio_of(engine, 1, 1).assoc_clients;
+    for (int i = 100; i < 109; ++i) {
+      clients.add_client(mac_of(client_mac(i)), -50, "office", false, false);
+    }
+    // As after a message that leaves the VAPs alone.
+    if (locked) radio_of(engine, 1, 1).locked_for_80211v = 1;
+    if (!locked) radio_of(engine, 1, 1).status = false;
+    engine.worker().load_balancer_80211v().force_optimization();
+    EXPECT_TRUE(engine.log().has(
+        LogLevel::Debug,
+        "AP(00:11:22:00:01:00): radio 1: skip roam count (use_balance=1 use_80211v=1 status=" +
+            std::to_string(locked) + " need_balance=0)"));
+  }
+}
+
+TEST(OverloadLog, TellsThatBalancingIsOff) {
+  DomainConfig config = Engine::quiet_config();
+  config.use_80211v = true;
+  Engine engine(config);
+  subscribe_all(engine, 2);
+  engine.log().clear();
+  engine.worker().load_balancer_80211v().force_optimization();
+  EXPECT_TRUE(
+      engine.log().has(LogLevel::Debug, "Skip optimize_clients (use_80211v=1 use_balance=0)"));
+}
 
 TEST(OverloadLog, TellsTheFigures) {
   Engine engine(steering_config());
