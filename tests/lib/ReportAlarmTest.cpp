@@ -74,7 +74,7 @@ TEST_F(ReportAlarmTest, WritesWhatItCompares) {
 }
 
 TEST_F(ReportAlarmTest, TimesOutsideADayAreRejectedWithEvent17) {
-  for (const char* text : {"24:00", "3:60", "-1:00", "3:-5", "", "03", "03.00", "x:y",
+  for (const char* text : {"24:00", "3:60", "3:100", "-1:00", "3:-5", "", "03", "03.00", "x:y",
                            "99999999999:00", "3:99999999999"}) {
     log.clear();
     bool fired = true;
