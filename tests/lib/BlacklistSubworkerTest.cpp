@@ -305,6 +305,17 @@ TEST(StateChange, ThatCrossesTheLowThresholdUnblocksAndOffersTheClient) {
   EXPECT_EQ(radio_of(engine, 1).assoc_clients.find(kClient)->dbm_signal, -75);
 }
 
+TEST(StateChange, ThatCrossesTheLowThresholdTellsNobodyWhoDidNotBlock) {
+  Engine engine(balance_config());
+  engine.subscribe(1, {balanced_radio()});
+  engine.subscribe(2, {balanced_radio()});
+  hold(engine, 1, -60);
+  engine.rrm().take();
+  state_changed(engine, 1, -75);
+  engine.pass(1);
+  EXPECT_TRUE(engine.rrm().take("rrm-blacklist").empty());
+}
+
 TEST(StateChange, AboveTheLowThresholdBlocksAndUnblocksNobody) {
   Engine engine(balance_config());
   engine.subscribe(1, {balanced_radio()});

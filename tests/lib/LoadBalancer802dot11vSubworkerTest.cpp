@@ -530,11 +530,14 @@ TEST(Lists80211v, ArePutOffOnlyByARestart) {
   subscribe_all(engine, 1);
   auto& balancer = engine.worker().load_balancer_80211v();
   engine.rrm().take();
+  radio_of(engine, 1).changed = true;
   balancer.planning_update_802dot11v(false);
   engine.pass(15);
   balancer.planning_update_802dot11v(false);
+  EXPECT_TRUE(radio_of(engine, 1).changed);
   engine.pass(5);
   EXPECT_EQ(engine.rrm().take("rrm-info").size(), 1u);
+  EXPECT_FALSE(radio_of(engine, 1).changed);
   balancer.planning_update_802dot11v(false);
   engine.pass(15);
   balancer.planning_update_802dot11v(true);

@@ -842,6 +842,9 @@ TEST_F(RadioChannels, KeepAFieldOf300ButCountItToNoBand) {
   EXPECT_THAT(any.available_channels, UnorderedElementsAre(36, 300));
   EXPECT_THAT(sets_[5], UnorderedElementsAre(36));
   EXPECT_TRUE(sets_[6].empty());
+  const Radio six = read(R"({"channel":37,"band":6,"available-channels":"233,300"})");
+  EXPECT_THAT(six.available_channels, UnorderedElementsAre(233, 300));
+  EXPECT_THAT(sets_[6], UnorderedElementsAre(233));
 }
 
 TEST_F(RadioChannels, OfARadioWithoutBandGoToTheirOwn) {
