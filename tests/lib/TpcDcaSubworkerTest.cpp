@@ -162,6 +162,63 @@ TEST(TpcDcaRound, LeadsThreeAccessPointsFromSubscriptionToTheirPlan) {
                    status_text(3), status_text(5), status_text(0), status_text(0)}));
 }
 
+/// The Debug records so far without those of the domain's tick, which come at their own time.
+Texts steps_logged(Engine& engine) {
+  Texts steps;
+  for (std::string& text : engine.log().texts(LogLevel::Debug)) {
+    if (text.rfind("Domain site state ", 0) != 0) steps.push_back(std::move(text));
+  }
+  return steps;
+}
+
+TEST(TpcDcaRound, RecordsItsStepsInThisOrder) {
+  Engine engine(round_config());
+  const RadioSpec radio{.channels = "36,40"};
+  for (int n = 1; n <= 2; ++n) engine.subscribe(n, {radio});
+  EXPECT_EQ(steps_logged(engine),
+            (Texts{"process_message subscribe-request for " + ap_mac(1), "NEW subscribe request",
+                   "Force optimization dmain site", "Planning domain site update 0 after 20 sec",
+                   "process_message subscribe-request for " + ap_mac(2), "NEW subscribe request",
+                   "Force optimization dmain site", "Planning domain site update 4 after 20 sec"}));
+  engine.log().clear();
+
+  engine.pass(20);
+  for (int n = 1; n <= 2; ++n) {
+    engine.receive("rrm-mode-response", n, static_cast<std::uint32_t>(n + 100),
+                   "\"radios\":" + radios_text({radio}));
+  }
+  engine.pass(15);
+  EXPECT_FALSE(engine.worker().force_optimization());
+  for (int n = 1; n <= 2; ++n) answer_scan(engine, n, {radio});
+  engine.finish_optimisation();
+  EXPECT_EQ(
+      steps_logged(engine),
+      (Texts{"Send rrm-request-mode messages on domain site", "Post request mode",
+             "process_message rrm-mode-response for " + ap_mac(1),
+             "process_message rrm-mode-response for " + ap_mac(2),
+             "Send rrm-update messages on domain site size 2 drop 0", "Post rrm-update",
+             "Start optimize after 19 sec on domain site",
+             "NOT Planning optimization domain site status 3",
+             "process_message rrm-response for " + ap_mac(1),
+             "Start optimize after 19 sec on domain site",
+             "process_message rrm-response for " + ap_mac(2), "Start optimize now on domain site",
+             "Start optimization on domain site size 2 drop 0",
+             "Optimization on domain site finished", "Post tpc-results"}));
+}
+
+TEST(TpcDcaRound, OfWhichAnAccessPointTookNoPartSendsItNoPlan) {
+  Engine engine(round_config());
+  start_scan(engine, 2);
+  answer_scan(engine, 1, {RadioSpec{}});
+  engine.pass(19);
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Start optimization on domain site size 1 drop 1"));
+  engine.finish_optimisation();
+  const auto sent = engine.rrm().take();
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_EQ(sent[0].session, 101u);
+  EXPECT_NE(engine.ap(2), nullptr);
+}
+
 // --- planning
 
 TEST(TpcDcaPlanning, NeverStartsARoundWithoutTimeAndEventUnlessTheApiForcesIt) {
