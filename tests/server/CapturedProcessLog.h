@@ -47,6 +47,10 @@ class CapturedProcessLog {
     const auto found = texts(level);
     return std::find(found.begin(), found.end(), text) != found.end();
   }
+  void clear() {
+    const std::lock_guard lock(mutex_);
+    records_.clear();
+  }
 
  private:
   class Callback : public el::LogDispatchCallback {

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 
+#include "server/Logger.h"
 #include "server/lib/Hooks.h"
 #include "tests/server/CapturedProcessLog.h"
 #include "tests/server/FrontEndParts.h"
@@ -49,6 +50,20 @@ TEST_F(LibraryHooks, RecordsOfTheLibraryReachTheLoggerAtTheirLevelWithTheirFunct
     EXPECT_EQ(records.back().text, "it is 5");
   }
   EXPECT_EQ(log_.records().size(), 5U) << "one record each";
+}
+
+TEST_F(LibraryHooks, LevelsThatNobodyTakesAreNotEvenMade) {
+  const TempFolder folder;
+  LoggerSettings settings;
+  settings.config_file = folder.write("logger.conf",
+                                      "* GLOBAL:\n TO_STANDARD_OUTPUT = false\n"
+                                      "* DEBUG:\n ENABLED = false\n");
+  settings.log_folder = folder.path() + "/";
+  settings.log_file = folder.file("wavelom.log");
+  settings.set_aside_pattern = folder.file("%Y.log");
+  const RRM_Logger logger(settings);
+  EXPECT_FALSE(rrm::log_enabled(LogLevel::Debug));
+  EXPECT_TRUE(rrm::log_enabled(LogLevel::Info));
 }
 
 TEST_F(LibraryHooks, FormatShowsTheCallSiteOfTheLibrary) {

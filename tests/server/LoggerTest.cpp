@@ -3,10 +3,12 @@
 #include <gtest/gtest.h>
 #include <utime.h>
 
+#include <chrono>
 #include <ctime>
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "server/ProcessLog.h"
 #include "tests/server/CapturedProcessLog.h"
@@ -104,6 +106,36 @@ TEST_F(Logger, OneEnabledLevelIsEnough) {
   EXPECT_FALSE(RRM_Logger::takes(rrm::LogLevel::Debug));
 }
 
+class EnabledLevel : public Logger, public testing::WithParamInterface<const char*> {};
+
+TEST_P(EnabledLevel, AloneIsEnough) {
+  const std::string wanted = GetParam();
+  std::string lines = " ENABLED = " + std::string(wanted == "GLOBAL" ? "true" : "false") + "\n";
+  for (const std::string level : {"TRACE", "DEBUG", "FATAL", "ERROR", "WARNING", "VERBOSE", "INFO"})
+    lines += "* " + level + ":\n ENABLED = " + (level == wanted ? "true" : "false") + "\n";
+  configure(lines);
+  testing::internal::CaptureStdout();
+  EXPECT_TRUE(RRM_Logger(settings()).has_threads());
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Level, EnabledLevel,
+                         testing::Values("GLOBAL", "TRACE", "DEBUG", "FATAL", "ERROR", "WARNING",
+                                         "VERBOSE", "INFO"),
+                         [](const auto& row) { return std::string(row.param); });
+
+TEST_F(Logger, VerboseLevelsAreOneByDefaultAndNineAsConfigured) {
+  el::Loggers::removeFlag(el::LoggingFlag::NewLineForContainer);
+  testing::internal::CaptureStdout();
+  { const RRM_Logger logger(settings()); }
+  EXPECT_EQ(el::Loggers::verboseLevel(), 1);
+  EXPECT_TRUE(el::Loggers::hasFlag(el::LoggingFlag::NewLineForContainer));
+  testing::internal::GetCapturedStdout();
+  configure("");
+  { const RRM_Logger logger(settings()); }
+  EXPECT_EQ(el::Loggers::verboseLevel(), 9);
+}
+
 TEST_F(Logger, LogsToItsOwnFileWhateverTheConfigurationNames) {
   configure(" FILENAME = " + folder_.file("other.log") + "\n FORMAT = \"%level %func %msg\"\n" +
             "* DEBUG:\n ENABLED = false\n");
@@ -131,6 +163,19 @@ TEST_F(Logger, SizeLimitOf100IsRaisedTo8192) {
   EXPECT_EQ(set_aside_files(), 0U);
   write_kilobytes(2);
   EXPECT_EQ(set_aside_files(), 1U);
+}
+
+TEST_F(Logger, SizeLimitOf8192IsTakenAndOneOf8191Raised) {
+  for (const std::string limit : {"8192", "8191"}) {
+    configure(" MAX_LOG_FILE_SIZE = " + limit + "\n");
+    testing::internal::CaptureStdout();
+    auto logger = std::make_unique<RRM_Logger>(settings());
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              limit == "8192" ? "" : "Too few MAX_LOG_FILE_SIZE, increasing to 8192\n");
+    testing::internal::CaptureStdout();
+    logger.reset();
+    testing::internal::GetCapturedStdout();
+  }
 }
 
 TEST_F(Logger, SizeLimitOfNoughtStaysUnlimited) {
@@ -167,6 +212,31 @@ TEST_F(Logger, TimeoutSetsTheFileAsideOnceItsPeriodIsOver) {
   EXPECT_TRUE(wait_until([&] { return set_aside_files() > 0; }));
   EXPECT_TRUE(log_.has(el::Level::Info, "About to rollout log file!"));
   EXPECT_NE(content_of_set_aside().find("Start logging.\n"), std::string::npos);
+}
+
+TEST_F(Logger, RolloverForAnotherReasonStartsThePeriodAgain) {
+  configure(" LOG_FILE_TIMEOUT = 1\n");
+  LoggerSettings quick = settings();
+  quick.rollout_tick = std::chrono::milliseconds(5);
+  quick.hour = std::chrono::milliseconds(200);
+  const RRM_Logger logger(quick);
+  std::this_thread::sleep_for(quick.hour / 2);
+  const auto forced = std::chrono::steady_clock::now();
+  force_rollover(*el::Loggers::getLogger("default"));
+  log_.clear();
+  EXPECT_TRUE(wait_until([&] { return log_.has(el::Level::Info, "About to rollout log file!"); }));
+  EXPECT_GE(std::chrono::steady_clock::now() - forced, quick.hour);
+}
+
+TEST_F(Logger, RolloverThatCannotRenameTheFileEmptiesIt) {
+  configure(" FORMAT = \"%msg\"\n* DEBUG:\n ENABLED = false\n");
+  LoggerSettings nowhere = settings();
+  nowhere.set_aside_pattern = folder_.file("nosuch/%Y.log");
+  const RRM_Logger logger(nowhere);
+  PROCESS_LOG(Info) << "before";
+  force_rollover(*el::Loggers::getLogger("default"));
+  PROCESS_LOG(Info) << "after";
+  EXPECT_EQ(folder_.read("log/wavelom.log"), "after\n");
 }
 
 TEST_F(Logger, ForcedRolloverLeavesAnEmptyFileThatIsWrittenTo) {

@@ -60,6 +60,27 @@ TEST_F(LogsCleaner, DeletesThe2OldestOf12FilesAndNeverCountsTheCurrentOne) {
           "Removing file '" + folder_.file("11.log") + "', size 10B, modded - " + time_text(11)}));
 }
 
+TEST_F(LogsCleaner, AsManyFilesAsTheLimitAreNotTooMany) {
+  add("a.log", 1);
+  add("b.log", 2);
+  cleaner(2, 0, 0).run(kNow);
+  EXPECT_EQ(folder_.entries(), 2U);
+  EXPECT_TRUE(log_.records().empty());
+}
+
+TEST_F(LogsCleaner, EveryRunCountsAnewAndHasForgottenWhatTheLastOneRemoved) {
+  add("gone.log", 9, 10);
+  add("a.log", 2, 10);
+  add("b.log", 1, 10);
+  Logs_Cleaner cleaner(2, 25, 5, folder_.path() + "/", folder_.file("wavelom.log"));
+  cleaner.run(kNow);
+  EXPECT_EQ(folder_.entries(), 2U);
+  log_.clear();
+  cleaner.run(kNow);
+  EXPECT_EQ(folder_.entries(), 2U);
+  EXPECT_TRUE(log_.records().empty());
+}
+
 TEST_F(LogsCleaner, DeletesNothingWithAllThreeLimitsNought) {
   for (int i = 1; i <= 30; ++i) add(std::to_string(i) + ".log", i * 1000, 1'000'000);
   cleaner(0, 0, 0).run(kNow);
@@ -106,6 +127,16 @@ TEST_F(LogsCleaner, WhatCountAndAgeTookAwayNoLongerCountsForTheSize) {
   EXPECT_TRUE(folder_.has("b.log"));
 }
 
+TEST_F(LogsCleaner, AsksForTheCountThenTheAgeThenTheSize) {
+  for (int i = 4; i > 0; --i) add(std::to_string(i) + ".log", i * 100, 10);
+  cleaner(3, 15, 250).run(kNow);
+  EXPECT_EQ(folder_.entries(), 1U);
+  std::vector<std::string> rules;
+  for (const std::string& text : log_.texts(el::Level::Debug)) rules.push_back(text.substr(0, 10));
+  rules.resize(3);
+  EXPECT_EQ(rules, (std::vector<std::string>{"Files coun", "Prepare to", "Decreasing"}));
+}
+
 TEST_F(LogsCleaner, CountsAndDeletesFilesInSubFolders) {
   std::filesystem::create_directory(folder_.file("sub"));
   add("sub/old.log", 9);
@@ -120,6 +151,7 @@ TEST_F(LogsCleaner, IgnoresFoldersLinksAndSockets) {
   std::filesystem::create_directory(folder_.file("sub"));
   std::filesystem::create_symlink("/etc/hostname", folder_.file("link"));
   ASSERT_EQ(::mkfifo(folder_.file("fifo").c_str(), 0600), 0);
+  set_time("fifo", kNow - 2 * kHour);
   add("a.log", 1);
   cleaner(1, 1, 1).run(kNow + 1000 * kHour);
   EXPECT_FALSE(folder_.has("a.log"));
