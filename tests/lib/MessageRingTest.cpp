@@ -12,6 +12,7 @@
 
 #include "server/lib/SafeQueue.h"
 #include "server/lib/SessionAddress.h"
+#include "tests/support/VirtualSleep.h"
 
 namespace rrm {
 namespace {
@@ -153,11 +154,25 @@ TEST(MessageRing, LosesNothingBetweenManyProducersAndManyConsumersOnATinyRing) {
 }
 
 TEST(PushBackoff, GivesUpWhenTheCountReaches65537) {
-  // Counting from 1, the give-up count is reached by the 65536th failure. The pauses would take a
-  // minute, so only the spinning part is walked here.
-  EXPECT_EQ(PushBackoff::kGiveUpAt, 65537U);
+  // Counting from 1, the give-up count is reached by the 65536th failure.
+  const test::VirtualSleep no_minute;
   PushBackoff backoff;
-  for (int i = 0; i < 126; ++i) EXPECT_TRUE(backoff.wait());
+  int waits = 1;
+  while (backoff.wait()) ++waits;
+  EXPECT_EQ(waits, 65536);
+}
+
+TEST(PushBackoff, SleepsFromAttempt128OnTwiceAsLongEachTimeUpToAMillisecond) {
+  const test::VirtualSleep counted;
+  PushBackoff backoff;
+  for (int attempt = 2; attempt <= 127; ++attempt) backoff.wait();
+  EXPECT_EQ(test::sleeps, 0);
+  std::int64_t last_us = 0;
+  for (const std::int64_t expected_us : {1, 2, 4, 8, 16, 32, 64, 128, 256, 512, 1000, 1000}) {
+    backoff.wait();
+    EXPECT_EQ(test::slept_us - last_us, expected_us);
+    last_us = test::slept_us;
+  }
 }
 
 TEST(PushWithBackoff, PushesAtOnceIntoARingWithRoom) {
@@ -193,16 +208,28 @@ TEST(SafeQueue, HoldsTwoRingsOf16AndDrainsTheForceRingFirst) {
   EXPECT_EQ(alignof(_SafeQueue<int>), 64U);
   EXPECT_EQ(queue.normal.capacity(), 16U);
   EXPECT_EQ(queue.force.capacity(), 16U);
+  EXPECT_EQ(queue.tsi, -1);
   EXPECT_TRUE(queue.empty());
-  queue.normal.try_push(1);
   queue.force.try_push(2);
   EXPECT_FALSE(queue.empty());
+  queue.normal.try_push(1);
   int out = 0;
   ASSERT_TRUE(queue.try_pop(out));
   EXPECT_EQ(out, 2);
   ASSERT_TRUE(queue.try_pop(out));
   EXPECT_EQ(out, 1);
   EXPECT_FALSE(queue.try_pop(out));
+}
+
+TEST(SafeQueue, IsNoLongerCloggedOnceAMessageIsTaken) {
+  _SafeQueue<int> queue;
+  queue.clogged = true;
+  int out = 0;
+  EXPECT_FALSE(queue.try_pop(out));
+  EXPECT_TRUE(queue.clogged) << "nothing was taken";
+  queue.normal.try_push(1);
+  EXPECT_TRUE(queue.try_pop(out));
+  EXPECT_FALSE(queue.clogged);
 }
 
 }  // namespace

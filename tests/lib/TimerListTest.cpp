@@ -203,9 +203,12 @@ TEST(TimerListOnTheSystemClock, RunAndWaitSleepsUntilTheFirstDeadlineAndRunsIt) 
   TimerList list;
   int first = 0;
   int second = 0;
+  int due = 0;
+  list.add([&] { ++due; }, 3, 0);
   list.add([&] { ++first; }, 1, 1);
   list.add([&] { ++second; }, 2, 1000);
   list.run_and_wait();
+  EXPECT_EQ(due, 1) << "what is due already is no deadline to wait for";
   EXPECT_EQ(first, 1);
   EXPECT_EQ(second, 0);
   EXPECT_EQ(list.size(), 1U);

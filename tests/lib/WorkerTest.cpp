@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 
+#include <atomic>
+#include <chrono>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -189,14 +192,53 @@ TEST_F(WorkerTest, IsConnectedAnewWhenItIsNoLongerReady) {
 
 TEST_F(WorkerTest, RunLockedNeverOverlapsAMessage) {
   int shared = 0;  // guarded by the processing lock alone
-  worker_->on_message = [&](const JsonReader&) { ++shared; };
+  std::atomic<int> inside{0};
+  std::atomic<bool> overlapped{false};
+  const auto change = [&] {
+    if (++inside != 1) overlapped = true;
+    ++shared;
+    std::this_thread::yield();
+    --inside;
+  };
+  worker_->on_message = [&](const JsonReader&) { change(); };
+  worker_->on_pass = change;
   worker_->start();
   for (int i = 0; i < 500; ++i) {
     worker_->enqueue_message(message(i), kNoSession);
-    worker_->run_locked([&] { ++shared; });
+    worker_->run_locked(change);
   }
   ASSERT_TRUE(wait_until([&] { return worker_->record_count() == 500; }));
-  EXPECT_EQ(worker_->run_locked([&] { return shared; }), 1000);
+  EXPECT_GE(worker_->run_locked([&] { return shared; }), 1500);
+  EXPECT_FALSE(overlapped);
+  worker_->stop();
+}
+
+/// One that waits for an hour when nobody wakes it.
+class SleepyWorker : public Worker {
+ public:
+  SleepyWorker() : Worker("sleepy", nullptr, 2'000'000'000, 16, true) {}
+  void process_message(const JsonReader& document, const SessionAddress&) override {
+    if (!process_internal_ipc_msg(document)) ++messages;
+  }
+  void get_status(JsonWriter&) override {}
+  void get_status_full(JsonWriter&) override {}
+
+  std::atomic<int> messages{0};
+};
+
+TEST_F(WorkerTest, AMessageAndAStopWakeOneThatWaitsForItsDescriptor) {
+  const auto sleepy = std::make_shared<SleepyWorker>();
+  sleepy->start();
+  for (int i = 1; i <= 5; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));  // it has gone to sleep again
+    if (i % 2 == 0)
+      sleepy->enqueue_message(message(i), kNoSession);
+    else
+      sleepy->enqueue_message_force(message(i), kNoSession);
+    EXPECT_TRUE(wait_until([&] { return sleepy->messages == i; }));
+  }
+  sleepy->stop();
+  EXPECT_EQ(sleepy->messages, 5);
 }
 
 TEST_F(WorkerTest, OnLoopRunsAlsoWhileIdle) {
@@ -237,6 +279,20 @@ TEST_F(WorkerTest, WorksWithoutAWakeUpDescriptor) {
   plain->enqueue_message(message(1), kNoSession);
   EXPECT_TRUE(wait_until([&] { return plain->record_count() == 1; }));
   plain->stop();
+}
+
+TEST_F(WorkerTest, AnIdleOneWaitsBetweenTwoPasses) {
+  for (const bool with_wakeup : {false, true}) {
+    const auto idle = std::make_shared<RecordingWorker>("i", nullptr, 16, with_wakeup);
+    std::atomic<int> passes{0};
+    idle->on_pass = [&] { ++passes; };
+    const auto start = std::chrono::steady_clock::now();
+    idle->start();
+    EXPECT_TRUE(wait_until([&] { return passes >= 4; }));
+    idle->stop();
+    const auto waits = (std::chrono::steady_clock::now() - start) / std::chrono::milliseconds(10);
+    EXPECT_LE(passes, waits + 2) << "10 ms each";
+  }
 }
 
 TEST_F(WorkerTest, ManyProducersLoseNothing) {
@@ -377,6 +433,16 @@ TEST_F(OwnedWorkerTest, OneThatAbortsIsForgottenByItsOwner) {
   worker->abort();
   EXPECT_TRUE(wait_until([&] { return rrm_.workers().size() == 0; }));
   EXPECT_EQ(worker->disconnects, 1);
+}
+
+TEST_F(OwnedWorkerTest, OneThatWasStoppedAndStartedAgainTellsItsOwnerOfItsEnd) {
+  const auto worker = add("site");
+  worker->start();
+  worker->stop();
+  EXPECT_EQ(rrm_.workers().size(), 1U);
+  worker->start();
+  worker->abort();
+  EXPECT_TRUE(wait_until([&] { return rrm_.workers().size() == 0; }));
 }
 
 TEST_F(OwnedWorkerTest, OneThatIsStoppedTellsNobody) {
