@@ -11,10 +11,12 @@
 #include <vector>
 
 #include "server/lib/Config.h"
+#include "server/lib/DefaultWorker.h"
 #include "server/lib/Envelope.h"
 #include "server/lib/RrmWorker.h"
 #include "server/lib/WebsockServerWorker.h"
 #include "server/lib/report_alarm.h"
+#include "server/lib/report_fields.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/RecordingWorker.h"
 #include "tests/support/TempFolder.h"
@@ -88,6 +90,12 @@ TEST_F(RRMTest, ASubscriptionBringsItsDomainToLife) {
   EXPECT_EQ(worker->queue_capacity(), 2048U);
   EXPECT_TRUE(worker->is_started());
   EXPECT_TRUE(wait_until([&] { return worker->queue_size() == 0; }));
+}
+
+TEST_F(RRMTest, ANewWorkerHasTheTimeZoneOfItsDomain) {
+  const auto worker = std::dynamic_pointer_cast<RrmWorker>(rrm_.make_rrm_worker("other", 1));
+  ASSERT_NE(worker, nullptr);
+  EXPECT_EQ(worker->time_zone_s(), 3 * 3600);
 }
 
 TEST_F(RRMTest, SubscriptionsOfANewDomainAtOnceOnSeveralThreadsCreateExactlyOneWorker) {
@@ -292,8 +300,12 @@ TEST_F(RRMTest, StartsTheServiceWorkersAsMaster) {
   rrm_.start();
   EXPECT_TRUE(log_.has(LogLevel::Debug, "Wavelom version 1.9.1.323-amd64 start\n"));
   EXPECT_TRUE(rrm_.websock_server().is_started());
+  EXPECT_TRUE(rrm_.default_worker().is_started());
   EXPECT_TRUE(wait_until([&] { return rrm_.websock_server().port() != 0; }));
+  EXPECT_TRUE(wait_until([&] { return log_.has(LogLevel::Debug, "Start worker Ping-worker"); }));
   rrm_.stop();
+  EXPECT_TRUE(log_.has(LogLevel::Debug, "Stop worker Ping-worker"));
+  EXPECT_FALSE(rrm_.default_worker().is_started());
   EXPECT_FALSE(rrm_.websock_server().is_started());
   EXPECT_EQ(rrm_.websock_server().port(), 0);
 }
@@ -422,6 +434,9 @@ TEST_F(RRMTest, RemovingAWorkerDropsTheSessionsOfItsAccessPoints) {
             1);
   EXPECT_EQ(log_.count(LogLevel::Debug, "Drop session 0A:11:22:00:01:00(1) on worker 'site'.") +
                 log_.count(LogLevel::Debug, "Drop session 0A:11:22:00:01:00(2) on worker 'site'."),
+            1U);
+  EXPECT_EQ(log_.count(LogLevel::Debug, "drop_session_at_websock_worker: 1 force: 1") +
+                log_.count(LogLevel::Debug, "drop_session_at_websock_worker: 2 force: 1"),
             1U);
 }
 
@@ -604,6 +619,27 @@ TEST_F(RRMReportsTest, DeletesTheFilesOfDomainsThatAreNotConfigured) {
   EXPECT_TRUE(folder_.has("report_idx_.txt"));
   EXPECT_TRUE(folder_.has("report_idx_x.csv"));
   EXPECT_TRUE(log_.texts(LogLevel::Error).empty());
+}
+
+TEST_F(RRMReportsTest, ConfiguredDomainsKeepTheReportsOfTheirDaysToLive) {
+  bool invalid = false;
+  bool changed = false;
+  JsonWriter document;
+  JsonWriter errors = JsonWriter::array(document, "errors");
+  ASSERT_TRUE(config_.pattern_change("common", JsonReader(R"({"report_days_to_live":3})"), errors,
+                                     invalid, changed));
+  const auto line = [](int days_ago) {
+    return "1.1," + reports::format_time(std::time(nullptr) - days_ago * 86400 - 60) + "\n";
+  };
+  for (const std::string domain : {"site", "other"})
+    for (const char* kind : {"report_", "report_cfg_", "report_idx_"})
+      folder_.write(kind + domain + ".txt", line(4) + line(2));
+  const auto site = add_worker("site");
+  rrm_.check_old_reports();
+  for (const std::string domain : {"site", "other"})
+    for (const char* kind : {"report_", "report_cfg_", "report_idx_"})
+      EXPECT_EQ(folder_.read(kind + domain + ".txt"), line(2)) << kind << domain;
+  EXPECT_FALSE(log_.has(LogLevel::Info, "Delete report files for domain: other"));
 }
 
 TEST_F(RRMReportsTest, AFileThatCannotBeDeletedIsReportedAndRaisedOnce) {
