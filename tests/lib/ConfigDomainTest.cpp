@@ -2,9 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <iterator>
 #include <set>
+#include <sstream>
 #include <string>
 #include <variant>
+#include <vector>
 
 #include "server/lib/Overloaded.h"
 #include "tests/support/CapturedLog.h"
@@ -148,8 +151,12 @@ TEST(DomainConfig, ClientLimitsOfLoadBalancingBoundEachOther) {
   EXPECT_EQ(validate(R"({"load_balance_sta_high":6,"load_balance_sta_low":7})").errors,
             R"([{"load_balance_sta_low":7},{"load_balance_sta_high":6}])");
   DomainConfig config;
-  EXPECT_TRUE(take(config, R"({"load_balance_sta_low":30})")) << "reading does not tie them";
-  EXPECT_EQ(config.load_balance_sta_low, 30);
+  EXPECT_TRUE(take(config, R"({"load_balance_sta_low":100})")) << "reading does not tie them";
+  EXPECT_EQ(config.load_balance_sta_low, 100);
+  EXPECT_FALSE(take(config, R"({"load_balance_sta_low":101})"));
+  EXPECT_TRUE(take(config, R"({"load_balance_sta_high":1})"));
+  EXPECT_EQ(config.load_balance_sta_high, 1);
+  EXPECT_FALSE(take(config, R"({"load_balance_sta_high":0})"));
 }
 
 TEST(DomainConfig, ListsFaultsFlagsFirstThenDeadlineThenTheOthers) {
@@ -230,6 +237,8 @@ INSTANTIATE_TEST_SUITE_P(Text, OptimizationTime,
                                          TimeCase{"TrailingTextWithinSix", "7:05ab", true, 25500},
                                          TimeCase{"SevenCharacters", "07:05ab", false, 0},
                                          TimeCase{"NegativeZeroHours", "-0:30", true, 1800},
+                                         TimeCase{"FourDigitsOfHours", "0001:2", false, 0},
+                                         TimeCase{"ThreeDigitsOfMinutes", "1:123", true, 4320},
                                          TimeCase{"NoColon", "1200", false, 0},
                                          TimeCase{"Empty", "", false, 0}),
                          [](const auto& row) { return row.param.name; });
@@ -248,6 +257,55 @@ TEST(DomainConfig, ReportTextLeavesOutSixGigahertzAndLaterOptions) {
   EXPECT_EQ(DomainConfig().to_string(","),
             "1,1,1,1,25,-70,-70,2,2,0,120,-75,-65,30,5,20,0,1,15,20,2,0,1,93,1");
   EXPECT_EQ(DomainConfig().to_string("; ").substr(0, 12), "1; 1; 1; 1; ");
+}
+
+std::vector<std::string> split(const std::string& text) {
+  std::vector<std::string> parts;
+  std::istringstream stream(text);
+  for (std::string part; std::getline(stream, part, ',');) parts.push_back(part);
+  return parts;
+}
+
+TEST(DomainConfig, ReportTextHasEveryValueInItsPlace) {
+  using C = DomainConfig;
+  const std::variant<bool C::*, std::int32_t C::*> fields[] = {
+      &C::use_tavro_rrm_scan,
+      &C::use_dca,
+      &C::use_tpc,
+      &C::use_hd_mode,
+      &C::dca_threshold,
+      &C::ap_rssi_threshold_2g,
+      &C::ap_rssi_threshold_5g,
+      &C::hysteresis_2g,
+      &C::hysteresis_5g,
+      &C::spare_value,
+      &C::away_timeout,
+      &C::blacklist_thr_low,
+      &C::blacklist_thr_high,
+      &C::blacklist_timeout,
+      &C::load_balance_sta_low,
+      &C::load_balance_sta_high,
+      &C::use_all_ap_balance,
+      &C::use_balance,
+      &C::client_rssi_renew,
+      &C::client_max_age,
+      &C::client_try_no_balance,
+      &C::no_balance_enterprise,
+      &C::use_rrm_report,
+      &C::report_days_to_live,
+      &C::use_80211k,
+  };
+  for (std::size_t place = 0; place < std::size(fields); ++place) {
+    C config;
+    std::visit(Overloaded{[&](bool C::*field) { config.*field = !(config.*field); },
+                          [&](std::int32_t C::*field) { config.*field = 777; }},
+               fields[place]);
+    const std::vector<std::string> before = split(C().to_string(","));
+    const std::vector<std::string> after = split(config.to_string(","));
+    ASSERT_EQ(after.size(), std::size(fields));
+    for (std::size_t i = 0; i < after.size(); ++i)
+      EXPECT_EQ(after[i] != before[i], i == place) << i << " of " << place;
+  }
 }
 
 TEST(DomainConfig, ReadsTheReportTextBackFromAnyField) {

@@ -106,8 +106,11 @@ TEST(GlobalConfig, IgnoresGlobalValuesOutOfRangeOrOfTheWrongKind) {
 
 TEST(GlobalConfig, ReadsPortsBelowZeroThatValidationRefuses) {
   GlobalConfig config;
-  EXPECT_TRUE(config.apply_global(JsonReader(R"({"api_port":-1})")));
+  EXPECT_TRUE(
+      config.apply_global(JsonReader(R"({"api_port":-1,"cli_api_port":-2,"listen_port":-3})")));
   EXPECT_EQ(config.api_port, -1);
+  EXPECT_EQ(config.cli_api_port, -2);
+  EXPECT_EQ(config.listen_port, -3);
   Errors errors;
   EXPECT_FALSE(GlobalConfig::validate_global(JsonReader(R"({"api_port":-1})"), errors.list));
   EXPECT_EQ(errors.list.str(), R"([{"api_port":-1}])");
@@ -172,6 +175,7 @@ INSTANTIATE_TEST_SUITE_P(Text, TimeZone,
                                          ZoneCase{"TooFarEast", "14:01", false, 0},
                                          ZoneCase{"Westernmost", "-12:00", true, -43200},
                                          ZoneCase{"TooFarWest", "-12:30", false, 0},
+                                         ZoneCase{"AMinuteTooFarWest", "-12:01", false, 0},
                                          ZoneCase{"HalfHoursWest", "-5:30", true, -19800},
                                          ZoneCase{"MinusNought", "-0:30", true, 1800}),
                          [](const auto& row) { return row.param.name; });
@@ -377,7 +381,10 @@ TEST(GlobalConfig, ComparesDomainsByTheTextOfTheirTimeZoneToo) {
                           R"({"domains":[{"domain":"d","pattern":"common","time_zone":"1:00"}]})");
   const GlobalConfig theirs(
       "", R"({"domains":[{"domain":"d","pattern":"common","time_zone":"01:00"}]})");
-  EXPECT_EQ(ours.compare(theirs).domains_changed, std::vector<std::string>{"d"});
+  const ConfigDifference found =
+      ours.compare(theirs, [] { ADD_FAILURE() << "the global options are equal"; });
+  EXPECT_FALSE(found.global);
+  EXPECT_EQ(found.domains_changed, std::vector<std::string>{"d"});
   const ConfigDifference same = ours.compare(ours);
   EXPECT_FALSE(same.global);
   EXPECT_TRUE(same.domains_changed.empty());
