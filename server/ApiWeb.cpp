@@ -45,6 +45,8 @@ constexpr std::size_t kMostBytes = std::numeric_limits<std::int32_t>::max();
 constexpr lws_usec_t kPass_us = 100'000;
 constexpr std::chrono::milliseconds kPass(100);
 constexpr std::uint32_t kReportCheckPass = 601;
+constexpr int kCallsWithoutRest = 16;
+constexpr std::chrono::milliseconds kRest(5);
 
 /// The value of a header of the request; empty when it has none or one that is too long.
 std::string header(lws* wsi, lws_token_indexes token) {
@@ -65,6 +67,11 @@ int method(lws* wsi) {
 bool is_command(lws* wsi) {
   const int used = method(wsi);
   return used == LWSHUMETH_POST || used == LWSHUMETH_PUT || used == LWSHUMETH_PATCH;
+}
+
+bool is_in_mount(std::string_view path) {
+  static constexpr std::string_view kMount = kMountPoint;
+  return path.starts_with(kMount) && (path.size() == kMount.size() || path[kMount.size()] == '/');
 }
 
 bool has_body(lws* wsi) {
@@ -143,6 +150,7 @@ void ApiWeb::destroy_context() {
     lws_sul_cancel(&pass_timer_.timer);
     lws_context_destroy(std::exchange(context_, nullptr));
   }
+  sending_.clear();
   sessions_.clear();
 }
 
@@ -177,8 +185,18 @@ void ApiWeb::serve_pass() {
   pass_done_ = false;
   pass_timer_.owner = this;
   lws_sul_schedule(context_, 0, &pass_timer_.timer, &ApiWeb::on_pass_timer, kPass_us);
-  while (!pass_done_ && !stop_.is_set() && lws_service(context_, 0) >= 0) {
-  }
+  for (int calls = 1; !pass_done_ && !stop_.is_set() && lws_service(context_, 0) >= 0; ++calls)
+    if (calls % kCallsWithoutRest == 0 && !sending_.empty()) rest_unless_sending();
+}
+
+// libwebsockets never sleeps while it holds unread bytes of a connection, and it reads none before
+// the file or reply of that connection is written: it would spin for as long as a client that sent
+// more than one request at a time likes to read its answer.
+void ApiWeb::rest_unless_sending() {
+  std::uint64_t written = 0;
+  for (lws* const wsi : sending_) written += written_bytes(lws_get_socket_fd(wsi)).value_or(0);
+  if (std::exchange(written_, written) == written)
+    stop_.wait_until(StopSignal::Clock::now() + kRest);
 }
 
 void ApiWeb::on_pass_timer(lws_sorted_usec_list_t* timer) {
@@ -216,11 +234,15 @@ int ApiWeb::worker_lws_callback(lws* wsi, lws_callback_reasons reason, void* in,
     case LWS_CALLBACK_CLOSED:
     case LWS_CALLBACK_CLOSED_HTTP:
     case LWS_CALLBACK_WSI_DESTROY:  // a refused upgrade is told of in no other way
+      sending_.erase(wsi);
       sessions_.erase(wsi);
       return 0;
     case LWS_CALLBACK_HTTP_CONFIRM_UPGRADE:
       lws_return_http_status(wsi, HTTP_STATUS_NOT_IMPLEMENTED, nullptr);
       return -1;  // websockets and HTTP/2 would be connections without a session
+    case LWS_CALLBACK_HTTP_BIND_PROTOCOL:  // a request is done with
+      sending_.erase(wsi);
+      return 0;
     case LWS_CALLBACK_FILTER_HTTP_CONNECTION:
       return filter_request(wsi, {static_cast<const char*>(in), length});
     case LWS_CALLBACK_HTTP:
@@ -298,7 +320,8 @@ int ApiWeb::invite_body(lws* wsi) {
 
 /// Requests that the library would serve wrongly end their connection instead.
 int ApiWeb::filter_request(lws* wsi, std::string_view path) {
-  return is_joined_to_another(wsi) ? -1 : refuse_body_for_a_file(wsi, path);
+  if (is_joined_to_another(wsi)) return -1;
+  return is_in_mount(path) ? begin_file(wsi) : 0;
 }
 
 /// Whether nothing was read from the connection since its last request: this one came in one piece
@@ -320,13 +343,13 @@ int ApiWeb::complete_file(lws* wsi) {
 
 /// The library serves a file without reading the request's body, which it would then take for the
 /// next request.
-int ApiWeb::refuse_body_for_a_file(lws* wsi, std::string_view path) {
-  static constexpr std::string_view kMount = kMountPoint;
-  const bool is_file =
-      path.starts_with(kMount) && (path.size() == kMount.size() || path[kMount.size()] == '/');
-  if (!is_file || !has_body(wsi)) return 0;
-  lws_return_http_status(wsi, HTTP_STATUS_METHOD_NOT_ALLOWED, nullptr);
-  return -1;
+int ApiWeb::begin_file(lws* wsi) {
+  if (has_body(wsi)) {
+    lws_return_http_status(wsi, HTTP_STATUS_METHOD_NOT_ALLOWED, nullptr);
+    return -1;
+  }
+  sending_.insert(wsi);
+  return 0;
 }
 
 int ApiWeb::begin_chunked_body(lws* wsi, HttpSession& session) {
@@ -459,6 +482,7 @@ int ApiWeb::send_reply(lws* wsi, const std::string& text, bool last) {
   std::memcpy(start, text.data(), text.size());
   if (lws_write(wsi, start, text.size(), LWS_WRITE_HTTP_FINAL) < 0) return 1;
   if (last) return -1;
+  if (lws_partial_buffered(wsi)) sending_.insert(wsi);
   if (lws_http_transaction_completed(wsi) != 0) return -1;
   if (lws_partial_buffered(wsi))
     lws_set_timeout(wsi, PENDING_TIMEOUT_HTTP_CONTENT, settings_.reply_timeout);

@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
 #include <string_view>
@@ -91,7 +92,7 @@ class ApiWeb : public rrm::Api {
   int invite_body(lws* wsi);
   int filter_request(lws* wsi, std::string_view path);
   bool is_joined_to_another(lws* wsi);
-  int refuse_body_for_a_file(lws* wsi, std::string_view path);
+  int begin_file(lws* wsi);
   int complete_file(lws* wsi);
   int append_body(lws* wsi, const void* in, std::size_t length);
   int append_chunks(lws* wsi, HttpSession& session, std::string_view bytes);
@@ -106,6 +107,7 @@ class ApiWeb : public rrm::Api {
   Reply process_body(const std::string& body);
 
   void serve_pass();
+  void rest_unless_sending();
   bool create_context(lws_context_creation_info& info);
   void destroy_context();
 
@@ -113,6 +115,8 @@ class ApiWeb : public rrm::Api {
   const Settings settings_;
   StopSignal stop_;
   rrm::SafeUnorderedMap<lws*, HttpSession> sessions_;
+  std::set<lws*> sending_;     ///< connections with a file, or a reply that waits for its client
+  std::uint64_t written_ = 0;  ///< bytes on those connections, at the last look
   std::function<void()> between_passes_;
   std::uint64_t uses_ = 0;     ///< requests so far
   std::uint32_t counter_ = 0;  ///< passes since the last report check

@@ -11,3 +11,7 @@
 /// @return nothing when the kernel does not tell
 /// Threading: any; asks the kernel only.
 std::optional<std::uint64_t> taken_bytes(int socket) noexcept;
+
+/// How many bytes have been written to a TCP connection, received by the peer or not; only
+/// differences mean something. As above otherwise.
+std::optional<std::uint64_t> written_bytes(int socket) noexcept;

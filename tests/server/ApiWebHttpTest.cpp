@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/resource.h>
+#include <time.h>
 
 #include <chrono>
 #include <memory>
@@ -54,6 +56,14 @@ class WebHttp : public WebApi {
       ASSERT_TRUE(client.send(bytes.substr(at, piece)));
       std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
+  }
+  /// Processor time of the server's thread so far.
+  double busy_s() {
+    clockid_t clock{};
+    timespec time{};
+    EXPECT_EQ(::pthread_getcpuclockid(thread_.native_handle(), &clock), 0);
+    EXPECT_EQ(::clock_gettime(clock, &time), 0);
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
   }
   /// The reply to bytes that end their connection.
   HttpReply refusal(const std::string& bytes) {
@@ -403,6 +413,31 @@ TEST_F(WebHttp, ClientThatNeverReadsHoldsUpNobodyAndLosesItsConnection) {
   for (int i = 0; i < 3; ++i) EXPECT_TRUE(tells_role(http_post(port_, kAskRole)));
   EXPECT_TRUE(wait_connections(0));
   EXPECT_FALSE(stuck.receive_all().ends_with("}]}")) << "the reply was short enough to fit";
+}
+
+TEST_F(WebHttp, FurtherBytesOfAClientThatDoesNotReadDoNotKeepTheServerBusy) {
+  folder_.write("www/large.js", std::string(20'000'000, ' '));
+  start();
+  add_domains(100'000);
+  for (const std::string& request : {get("/www/wavelom/large.js"), post_text(kAskDomains)}) {
+    TcpClient stuck(port_, 4096);
+    ASSERT_TRUE(stuck.send(request + "x"));
+    std::string begin;
+    ASSERT_TRUE(stuck.receive(begin));
+    EXPECT_EQ(begin.substr(0, 15), "HTTP/1.1 200 OK");
+    const double before = busy_s();
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    EXPECT_LT(busy_s() - before, 0.2) << "it spins";
+    EXPECT_TRUE(tells_role(http_post(port_, kAskRole)));
+  }
+}
+
+TEST_F(WebHttp, LargeFileArrivesWholeAndTheConnectionServesOn) {
+  folder_.write("www/large.js", std::string(3'000'000, 'y'));
+  start();
+  TcpClient client(port_);
+  EXPECT_EQ(ask(client, get("/www/wavelom/large.js")).body, std::string(3'000'000, 'y'));
+  EXPECT_TRUE(tells_role(ask(client, post_text(kAskRole))));
 }
 
 TEST_F(WebHttp, StopIsNotHeldUpByClientsOfAnyKind) {

@@ -75,7 +75,21 @@ TEST_F(TakenBytes, AreUnknownWithoutATcpSocket) {
   EXPECT_EQ(taken_bytes(-1), std::nullopt);
   const int other = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   EXPECT_EQ(taken_bytes(other), std::nullopt);
+  EXPECT_EQ(written_bytes(other), std::nullopt);
   ::close(other);
+}
+
+TEST_F(TakenBytes, WrittenOnesCountWhetherThePeerHasReadThemOrNot) {
+  const auto before = written_bytes(writer_);
+  ASSERT_TRUE(before);
+  write(100);
+  EXPECT_EQ(written_bytes(writer_), *before + 100);
+  read(100);
+  EXPECT_EQ(written_bytes(writer_), *before + 100);
+  const int small = 4096;
+  ASSERT_EQ(::setsockopt(reader_, SOL_SOCKET, SO_RCVBUF, &small, sizeof(small)), 0);
+  write(50'000);
+  EXPECT_EQ(written_bytes(writer_), *before + 50'100) << "most of them wait";
 }
 
 }  // namespace
