@@ -7,6 +7,7 @@
 
 #include <easylogging++.h>
 #include <sched.h>
+#include <sys/resource.h>
 #include <time.h>
 
 #include <algorithm>
@@ -39,6 +40,7 @@ constexpr int kAps = 1000;
 constexpr int kRequestsPerSecond = 2000;
 constexpr int kMessagesPerSecond = 500;
 constexpr int kConnections = 8;  ///< at the high rate; at one a second they would idle out
+constexpr int kMostHeld_us = 50'000;
 constexpr std::chrono::seconds kDuration(10);
 
 void run_on(bool controller) {
@@ -196,9 +198,10 @@ class Controller {
 };
 
 /// Requests at a rate, over connections in turn.
-std::vector<double> ask_steadily(int port, const std::string& body, double per_second) {
+std::vector<double> ask_steadily(int port, const std::string& body, double per_second,
+                                 int connections) {
   std::vector<std::unique_ptr<test::TcpClient>> clients;
-  for (int i = 0; i < kConnections; ++i) clients.push_back(std::make_unique<test::TcpClient>(port));
+  for (int i = 0; i < connections; ++i) clients.push_back(std::make_unique<test::TcpClient>(port));
   const std::string request = test::post_text(body);
   std::vector<double> times;
   const auto begin = Clock::now();
@@ -218,7 +221,8 @@ void measure_requests() {
   Controller controller(20);
   controller.let_access_points_talk();
   const double cpu = process_cpu_s() - thread_cpu_s();
-  const auto times = ask_steadily(controller.port(), R"({"rrm":{}})", kRequestsPerSecond);
+  const auto times =
+      ask_steadily(controller.port(), R"({"rrm":{}})", kRequestsPerSecond, kConnections);
   const double used = process_cpu_s() - thread_cpu_s() - cpu;
   char load[64];
   std::snprintf(load, sizeof load, "%.0f %% of a processor, access points' clients included",
@@ -230,13 +234,20 @@ void measure_requests() {
 void measure_details() {
   Controller controller(1);
   controller.let_access_points_talk();
+  std::this_thread::sleep_for(kDuration);
+  print("messages without a status", answers.take(), "");
   std::vector<double> under_lock;
   for (int i = 0; i < 20; ++i) under_lock.push_back(controller.details_us(0));
-  print("details of 1,000 access points, in lock", under_lock, "processor time");
+  print("details of 1,000 access points, in lock", under_lock,
+        "processor time; at most " + std::to_string(kMostHeld_us) + " wanted");
   answers.take();
-  const auto times = ask_steadily(controller.port(), R"({"rrm":{"domain":"site-0"}})", 1);
+  const auto times = ask_steadily(controller.port(), R"({"rrm":{"domain":"site-0"}})", 1, 1);
   print("the same over HTTP, once a second", times, "");
-  print("  messages of access points", answers.take(), "");
+  const std::vector<double> messages = answers.take();
+  const auto held = std::count_if(messages.begin(), messages.end(),
+                                  [](double time_us) { return time_us > kMostHeld_us; });
+  print("  messages of access points", messages,
+        std::to_string(held) + " waited longer than " + std::to_string(kMostHeld_us));
 }
 
 }  // namespace
@@ -246,7 +257,10 @@ int main() {
   silent.setToDefault();
   silent.set(el::Level::Global, el::ConfigurationType::Enabled, "false");
   el::Loggers::reconfigureLogger("default", silent);
-  std::printf("1,000 access points, 500 messages/s\n%-38s %8s  %9s  %9s  %9s\n", "", "count",
+  // Whatever else the machine does would show in the latencies.
+  const bool first = ::setpriority(PRIO_PROCESS, 0, -20) == 0;
+  std::printf("1,000 access points, 500 messages/s%s\n%-38s %8s  %9s  %9s  %9s\n",
+              first ? "" : "; run it as root to be measured before other programs", "", "count",
               "p50 us", "p99 us", "max us");
   measure_requests();
   measure_details();
