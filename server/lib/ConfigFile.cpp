@@ -92,6 +92,8 @@ bool replace_file(const std::string& path, std::string_view text) {
   const std::string target = ::realpath(path.c_str(), resolved) != nullptr ? resolved : path;
   struct stat old_file {};
   const bool exists = ::stat(target.c_str(), &old_file) == 0;
+  // A folder that takes a new file is no permission to replace one that may not be written.
+  if (exists && ::faccessat(AT_FDCWD, target.c_str(), W_OK, AT_EACCESS) != 0) return false;
   if (!exists || S_ISREG(old_file.st_mode)) {
     const Outcome outcome =
         write_beside(target, target + ".new", text, exists ? &old_file : nullptr);

@@ -10,7 +10,7 @@ namespace rrm {
 /// The text is written beside the file (its name with ".new"), brought to the disk and renamed onto
 /// it; mode and owner of the old file are kept and a symbolic link stays one. Only where the folder
 /// refuses a new file, or the path is no regular file, is the text written in place, and then only
-/// after the room for it was reserved.
+/// after the room for it was reserved. A file that may not be written is left alone.
 /// @return false when the new text is not in the file
 bool replace_file(const std::string& path, std::string_view text);
 

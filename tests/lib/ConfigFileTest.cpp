@@ -347,6 +347,21 @@ TEST(ReplaceFile, WritesInPlaceWhereTheFolderRefusesANewFile) {
   EXPECT_EQ(folder.entries(), 1U);
 }
 
+TEST(ReplaceFile, AFileThatMayNotBeWrittenIsLeftAloneThoughItsFolderTakesNewOnes) {
+  const TempFolder folder;
+  const std::string path = folder.write("a", "old");
+  ::chmod(path.c_str(), 0);
+  ::chmod(folder.path().c_str(), 0777);
+  const int status = status_of_child([&] {
+    if (::geteuid() == 0 && ::setuid(65534) != 0) return 2;
+    return replace_file(path, "new") ? 0 : 1;
+  });
+  EXPECT_EQ(status, 1);
+  ::chmod(path.c_str(), 0600);
+  EXPECT_EQ(folder.read("a"), "old");
+  EXPECT_EQ(folder.entries(), 1U);
+}
+
 TEST(ReplaceFile, FullDiskKeepsTheOldFile) {
   const TempFolder folder;
   const std::string path = folder.write("a", "old");
