@@ -13,6 +13,7 @@
 
 #include "server/ProcessLog.h"
 #include "server/VrrpWorker.h"
+#include "server/lib/Descriptors.h"
 
 using rrm::JsonReader;
 
@@ -118,7 +119,9 @@ void ApiCli::serve_first_ready(const std::vector<pollfd>& polled) {
     const int fd = accept_connection(list_[0].fd);
     if (fd >= 0) {
       list_.push_back({fd, kEvents, 0});
-      if (connection_count() > settings_.most_connections) close_connection(1);
+      if (connection_count() > settings_.most_connections ||
+          !rrm::leaves_descriptors(fd, rrm::kReserveOfTcp))
+        close_connection(1);
       return;
     }
   }

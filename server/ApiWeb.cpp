@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdint>
 #include <cstring>
 #include <exception>
 #include <limits>
@@ -15,8 +16,10 @@
 #include "server/ProcessLog.h"
 #include "server/TakenBytes.h"
 #include "server/VrrpWorker.h"
+#include "server/lib/Descriptors.h"
 #include "server/lib/Hooks.h"
 #include "server/lib/RRM.h"
+#include "server/lib/TimerList.h"
 
 using rrm::JsonReader;
 
@@ -227,6 +230,8 @@ int ApiWeb::lws_callback(lws* wsi, lws_callback_reasons reason, void*, void* in,
 int ApiWeb::worker_lws_callback(lws* wsi, lws_callback_reasons reason, void* in,
                                 std::size_t length) {
   switch (reason) {
+    case LWS_CALLBACK_FILTER_NETWORK_CONNECTION:
+      return admit_connection(static_cast<int>(reinterpret_cast<std::intptr_t>(in)));
     case LWS_CALLBACK_SERVER_NEW_CLIENT_INSTANTIATED:
       pass_done_ = true;
       open_session(wsi);
@@ -262,6 +267,15 @@ int ApiWeb::worker_lws_callback(lws* wsi, lws_callback_reasons reason, void* in,
     default:
       return 0;
   }
+}
+
+/// @return what the callback returns: not 0 closes the connection
+int ApiWeb::admit_connection(int descriptor) {
+  if (rrm::leaves_descriptors(descriptor, rrm::kReserveOfHttp)) return 0;
+  const std::int64_t now_s = rrm::TimerList::now_seconds();
+  if (std::exchange(last_refusal_s_, now_s) != now_s)
+    PROCESS_LOG(Warning) << "Too many open connections, descriptor " << descriptor << " refused.";
+  return 1;
 }
 
 void ApiWeb::open_session(lws* wsi) {

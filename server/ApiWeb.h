@@ -85,6 +85,7 @@ class ApiWeb : public rrm::Api {
                           std::size_t length);
   static void on_pass_timer(lws_sorted_usec_list_t* timer);
   int worker_lws_callback(lws* wsi, lws_callback_reasons reason, void* in, std::size_t length);
+  int admit_connection(int descriptor);
   void open_session(lws* wsi);
   void drop_longest_idle();
   int begin_request(lws* wsi);
@@ -121,6 +122,7 @@ class ApiWeb : public rrm::Api {
   std::uint64_t uses_ = 0;     ///< requests so far
   std::uint32_t counter_ = 0;  ///< passes since the last report check
   bool pass_done_ = false;
+  std::int64_t last_refusal_s_ = -1;  ///< when a connection was last refused, monotonic
 
   std::string web_root_;  ///< what the mount points to
   lws_http_mount mount_{};

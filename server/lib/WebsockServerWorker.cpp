@@ -4,7 +4,6 @@
 #include <libwebsockets.h>
 #include <strings.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,8 +11,10 @@
 #include <exception>
 #include <limits>
 #include <optional>
+#include <system_error>
 
 #include "server/lib/Config.h"
+#include "server/lib/Descriptors.h"
 #include "server/lib/Envelope.h"
 #include "server/lib/Hooks.h"
 #include "server/lib/RRM.h"
@@ -32,7 +33,8 @@ constexpr std::size_t kIntMax = 2147483647;
 constexpr std::uint32_t kFlood = 1024;      ///< messages in one second
 constexpr std::int64_t kFloodPause_s = 29;  ///< between two load-balancer stops
 constexpr double kTick_s = 1;
-constexpr rlim_t kSpareDescriptors = 64;  ///< that connections of access points never take
+/// Of the context and its loop, generously: libev ends the process when it gets none.
+constexpr std::size_t kContextDescriptors = 16;
 constexpr int kLibraryLogAll = 0x3ff;
 constexpr useconds_t kRetryStep_us = 100000;
 constexpr int kRetrySteps = 10;  ///< about a second between two attempts to listen
@@ -76,18 +78,9 @@ int protocol_callback(lws* wsi, lws_callback_reasons reason, void* user, void* i
   return WebsockServerWorker::worker_lws_callback(wsi, static_cast<int>(reason), user, in, length);
 }
 
-/// Whether the newest connection leaves descriptors for files, the management front-ends and the
-/// library, which would try without pause to accept what it has no descriptor for.
-bool leaves_descriptors(int descriptor) {
-  rlimit limit{};
-  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return true;
-  const rlim_t spare = std::min(kSpareDescriptors, limit.rlim_cur / 8);
-  return static_cast<rlim_t>(descriptor) < limit.rlim_cur - spare;
-}
-
 /// @return what the callback returns: not 0 closes the connection
 int admit_connection(int descriptor) {
-  if (leaves_descriptors(descriptor)) return 0;
+  if (leaves_descriptors(descriptor, kReserveOfAccessPoints)) return 0;
   static std::atomic<std::int64_t> last_record_s{-1};
   const std::int64_t now_s = TimerList::now_seconds();
   if (last_record_s.exchange(now_s) != now_s)
@@ -201,15 +194,16 @@ WebsockServerWorker::~WebsockServerWorker() = default;
 bool WebsockServerWorker::connect() {
   if (context_ != nullptr) disconnect();
   stop_ = false;
-  if (!create_context()) {
-    for (int step = 0; step < kRetrySteps && !is_stopped(); ++step) usleep(kRetryStep_us);
-    return false;
-  }
-  start_threads();
-  return true;
+  if (create_context() && start_threads()) return true;
+  for (int step = 0; step < kRetrySteps && !is_stopped(); ++step) usleep(kRetryStep_us);
+  return false;
 }
 
 bool WebsockServerWorker::create_context() {
+  if (!descriptors_available(kContextDescriptors)) {
+    RRM_LOG(Error, "too few descriptors are left for the access-point server");
+    return false;
+  }
   services_.clear();
   loops_.clear();
   services_.push_back(std::make_unique<ServiceThread>(this, 0));
@@ -260,12 +254,20 @@ void WebsockServerWorker::update_library_log_level() {
   lws_set_log_level(debug ? kLibraryLogAll : 0, &WebsockServerWorker::logger_callback);
 }
 
-void WebsockServerWorker::start_threads() {
+/// @return false, with everything taken down again, when a thread cannot be made
+bool WebsockServerWorker::start_threads() {
   const auto count = static_cast<std::size_t>(lws_get_count_threads(context_));
   RRM_LOG(Debug, "Starting %d lws threads", static_cast<int>(count));
-  for (std::size_t index = 0; index < count; ++index)
-    services_[index]->thread = std::thread([this, index] { serve(index); });
-  parsing_.start(count);
+  try {
+    for (std::size_t index = 0; index < count; ++index)
+      services_[index]->thread = std::thread([this, index] { serve(index); });
+    parsing_.start(count);
+    return true;
+  } catch (const std::system_error& error) {
+    RRM_LOG(Error, "threads of the access-point server cannot be started: %s", error.what());
+    disconnect();
+    return false;
+  }
 }
 
 void WebsockServerWorker::disconnect() {

@@ -106,7 +106,7 @@ class WebsockServerWorker : public Worker {
 
   bool create_context();
   void destroy_context();
-  void start_threads();
+  bool start_threads();
   void join_threads();
   void update_library_log_level();
   void serve(std::size_t index);

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <pthread.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 
@@ -12,6 +13,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "server/lib/Envelope.h"
@@ -872,6 +874,74 @@ TEST(WebsockServer, TriesAgainWhileItsPortIsTakenAndCanBeStoppedMeanwhile) {
   close(blocker);
   EXPECT_TRUE(wait_until([&] { return rrm.websock_server().port() != 0; }));
   EXPECT_EQ(rrm.websock_server().port(), config.listen_port);
+  EXPECT_TRUE(RawClient(rrm.websock_server().port()).handshake());
+}
+
+/// A server that tries to listen on a taken port: what the test prepares meanwhile meets the first
+/// attempt that gets the port.
+class WaitingServer : public testing::Test {
+ protected:
+  void SetUp() override {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    ASSERT_EQ(bind(blocker_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(blocker_, 1), 0);
+    socklen_t length = sizeof address;
+    getsockname(blocker_, reinterpret_cast<sockaddr*>(&address), &length);
+    config_.listen_port = ntohs(address.sin_port);
+    rrm_.websock_server().start();
+    ASSERT_TRUE(wait_until([] { return test::slept_us >= 1000000; }));
+  }
+  void release() { close(std::exchange(blocker_, -1)); }
+  bool has_logged(const std::string& text) {
+    return wait_until([&] {
+      const Texts errors = log_.texts(LogLevel::Error);
+      return std::find(errors.begin(), errors.end(), text) != errors.end();
+    });
+  }
+  bool serves() {
+    return wait_until([&] { return rrm_.websock_server().port() == config_.listen_port; }) &&
+           RawClient(config_.listen_port).handshake();
+  }
+
+  const test::CapturedLog log_;
+  const test::VirtualSleep sleep_;
+  int blocker_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  GlobalConfig config_;
+  RRM rrm_{&config_};
+};
+
+TEST_F(WaitingServer, TriesAgainWhileItsThreadsCannotBeStarted) {
+  pthread_attr_t normal;
+  ASSERT_EQ(pthread_getattr_default_np(&normal), 0);
+  pthread_attr_t huge = normal;
+  ASSERT_EQ(pthread_attr_setstacksize(&huge, std::size_t{1} << 50), 0);
+  ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
+  release();
+  EXPECT_TRUE(
+      has_logged("threads of the access-point server cannot be started: "
+                 "Resource temporarily unavailable"));
+  ASSERT_EQ(pthread_setattr_default_np(&normal), 0);
+  EXPECT_TRUE(serves());
+}
+
+TEST(WebsockServer, TriesAgainWhileItsLoopWouldGetNoDescriptors) {
+  const test::CapturedLog log;
+  const test::VirtualSleep sleep;
+  GlobalConfig config;
+  config.listen_port = 0;
+  RRM rrm(&config);
+  rlimit normal{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &normal), 0);
+  const rlimit low{3, normal.rlim_max};  // what is open stays so
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+  rrm.websock_server().start();
+  EXPECT_TRUE(wait_until([] { return test::slept_us >= 2000000; }));
+  EXPECT_EQ(rrm.websock_server().port(), 0);
+  EXPECT_EQ(log.texts(LogLevel::Error).at(0),
+            "too few descriptors are left for the access-point server");
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &normal), 0);
+  EXPECT_TRUE(wait_until([&] { return rrm.websock_server().port() != 0; }));
   EXPECT_TRUE(RawClient(rrm.websock_server().port()).handshake());
 }
 

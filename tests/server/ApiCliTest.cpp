@@ -253,6 +253,23 @@ TEST_F(TcpApiLimits, BeyondTheMostConnectionsTheOldestGivesWay) {
     EXPECT_EQ(ask(*clients[static_cast<std::size_t>(i)], R"({"foo":1})"), kError) << i;
 }
 
+TEST_F(TcpApi, NearTheLimitOfOpenFilesTheOldestGivesWay) {
+  rlimit normal{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &normal), 0);
+  const rlimit low{160, normal.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+  std::vector<std::unique_ptr<TcpClient>> clients;
+  do {
+    clients.push_back(std::make_unique<TcpClient>(api_.port()));
+    ASSERT_EQ(ask(*clients.back(), R"({"foo":1})"), kError) << clients.size();
+  } while (ask(*clients.front(), R"({"foo":1})") == kError && clients.size() < 100);
+  // Each client's own socket stands in the same table.
+  EXPECT_GT(clients.size(), 50U);
+  EXPECT_LT(clients.size(), 80U);
+  EXPECT_EQ(ask(*clients[1], R"({"foo":1})"), kError);
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &normal), 0);
+}
+
 TEST(TcpApiPort, BusyPortIsLoggedAndRunReturns) {
   CapturedProcessLog log;
   FrontEndParts parts(R"("cli_api_port":0)");

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "server/lib/Descriptors.h"
 #include "tests/server/WebApi.h"
 
 /// How the HTTP(S) front-end speaks the protocol: with by-hand clients over real sockets.
@@ -491,6 +492,27 @@ TEST_F(WebHttp, BeyondTheMostConnectionsTheOneIdleTheLongestGivesWay) {
   for (TcpClient* client : {&first, &third, &fourth})
     EXPECT_TRUE(tells_role(ask(*client, post_text(kAskRole))));
   EXPECT_EQ(count("Too many HTTP connections, the one idle the longest is closed."), 1U);
+}
+
+TEST_F(WebHttp, ConnectionsThatWouldTakeTheLastDescriptorsAreRefused) {
+  start();
+  rlimit normal{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &normal), 0);
+  const rlimit low{160, normal.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+  std::vector<std::unique_ptr<TcpClient>> clients;
+  do {
+    clients.push_back(std::make_unique<TcpClient>(port_));
+  } while (tells_role(ask(*clients.back(), post_text(kAskRole))) && clients.size() < 200);
+  // Each client's own socket stands in the same table.
+  EXPECT_GT(clients.size(), 40U);
+  EXPECT_LT(clients.size(), 80U);
+  EXPECT_TRUE(rrm::descriptors_available(8)) << "some are left";
+  EXPECT_TRUE(tells_role(ask(*clients.front(), post_text(kAskRole))));
+  clients.resize(clients.size() - 6);  // the refused one and some that were served
+  EXPECT_TRUE(wait_connections(clients.size()));
+  EXPECT_TRUE(tells_role(http_post(port_, kAskRole)));
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &normal), 0);
 }
 
 }  // namespace
