@@ -10,6 +10,8 @@
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <stdexcept>
+#include <string>
 #include <thread>
 
 #include "server/ApiCli.h"
@@ -28,6 +30,9 @@ namespace {
 
 constexpr char kDefaultConfigFile[] = "/etc/tavro-wavelom/wavelom.conf";
 constexpr rlim_t kMostFiles = 12288;
+/// What the front-ends, the access-point server and their loops hold before anybody connects, with
+/// a little room.
+constexpr rlim_t kFewestFiles = 32;
 
 // Destroyed in the reverse order at exit.
 std::unique_ptr<rrm::GlobalConfig> config;
@@ -43,6 +48,17 @@ void increase_max_fds() {
   const rlimit limit{kMostFiles, kMostFiles};
   if (::setrlimit(RLIMIT_NOFILE, &limit) != 0)
     PROCESS_LOG(Debug) << "setrlimit() failed with errno=" << errno << " " << std::strerror(errno);
+}
+
+/// Throws when not even the controller's own parts could open their descriptors: an event loop that
+/// gets none ends the process.
+void require_files() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= kFewestFiles) return;
+  const std::string text = "Only " + std::to_string(limit.rlim_cur) + " files may be open, " +
+                           std::to_string(kFewestFiles) + " are needed";
+  errno = EMFILE;
+  throw std::runtime_error(text);
 }
 
 void change_sigint(int how) {
@@ -80,6 +96,7 @@ void serve(const char* config_file) {
   install_library_hooks();
   config = std::make_unique<rrm::GlobalConfig>(config_file);
   increase_max_fds();
+  require_files();
   dispatcher = std::make_unique<rrm::RRM>(config.get());
   vrrp_worker = std::make_unique<VrrpWorker>(dispatcher.get(), config.get());
   set_domain_listener(vrrp_worker.get());

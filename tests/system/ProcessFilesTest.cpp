@@ -100,6 +100,25 @@ TEST_F(ProcessFiles, LogsToItsFileAsItsLoggerConfigurationSays) {
   EXPECT_FALSE(folder_.has("log/elsewhere.log"));
 }
 
+TEST_F(ProcessFiles, AStartThatFailsSaysWhyEndsWithStatus1AndSetsItsLogAside) {
+  configure();
+  configure_logger("  FORMAT = \"%level %func %msg\"\n  TO_STANDARD_OUTPUT = false\n");
+  start_with({"/usr/bin/unshare", flags(), "/bin/sh", "-c",
+              "mount --bind \"$0/log\" /var/log && mount --bind \"$0/etc\" /etc && ulimit -n 20 && "
+              "exec setpriv --bounding-set -sys_resource \"$@\"",
+              folder_.path()},
+             {"c.conf"});
+  EXPECT_EQ(process_->wait(), 1);
+  const std::string reason =
+      "Only 20 files may be open, 32 are needed, errno=24: Too many open files";
+  EXPECT_EQ(process_->errors(), "wavelom: main: " + reason + "\n");
+  ASSERT_EQ(logs().size(), 1U);
+  EXPECT_NE(logs()[0], "wavelom.log") << "set aside at the end";
+  const std::string log = folder_.read("log/tavro-wavelom/" + logs()[0]);
+  EXPECT_TRUE(log.ends_with("\nERROR main " + reason + "\nINFO ~RRM_Logger Shutting down.\n"))
+      << log;
+}
+
 TEST_F(ProcessFiles, AllLevelsDisabledIsSaidAndNothingIsLogged) {
   configure();
   configure_logger("  ENABLED = false\n");
