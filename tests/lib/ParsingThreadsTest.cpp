@@ -88,19 +88,19 @@ TEST_F(ParsingThreadsTest, AProducerWhoWaitsForRoomGivesUpWhenTheyStopAndKeepsIt
 }
 
 TEST_F(ParsingThreadsTest, StartAddsTheThreadsThatAreMissing) {
-  const std::size_t before = threads_of_the_process();
-  parsing_.start(2);
-  EXPECT_EQ(threads_of_the_process(), before + 2);
-  parsing_.start(2);
-  EXPECT_EQ(threads_of_the_process(), before + 2);
+  parsing_.start(1);
+  const std::size_t with_one = threads_of_the_process();
+  parsing_.start(1);
+  EXPECT_EQ(threads_of_the_process(), with_one);
   parsing_.start(3);
-  EXPECT_EQ(threads_of_the_process(), before + 3);
+  EXPECT_EQ(threads_of_the_process(), with_one + 2);
 }
 
 TEST_F(ParsingThreadsTest, ThereAreNeverMoreThanAHundred) {
-  const std::size_t before = threads_of_the_process();
+  parsing_.start(1);
+  const std::size_t with_one = threads_of_the_process();
   parsing_.start(101);
-  EXPECT_EQ(threads_of_the_process(), before + 100);
+  EXPECT_EQ(threads_of_the_process(), with_one + 99);
 }
 
 TEST_F(ParsingThreadsTest, WhatIsDiscardedIsNeverHandled) {
