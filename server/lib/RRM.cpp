@@ -27,6 +27,12 @@ std::vector<ApSession> ap_sessions_of(Worker& worker) {
   return worker.run_locked([&] { return domain_worker->ap_sessions(); });
 }
 
+void report_worker_not_created(const char* function, const std::string& name, const char* what) {
+  log_write(__FILE__, __LINE__, function, LogLevel::Error,
+            "Exception at processing message for domain '%s': %s", name.c_str(), what);
+  raise_event(EventCode::WorkerNotCreated);
+}
+
 }  // namespace
 
 const char* vrrp_role_name(VrrpRole role) noexcept {
@@ -198,9 +204,7 @@ std::shared_ptr<Worker> RRM::make_rrm_worker(const std::string& name, std::size_
     return std::make_shared<RrmWorker>(config_, settings, this, name, kDomainCapacity,
                                        config_->get_time_zone(name));
   } catch (const std::exception& error) {
-    RRM_LOG(Error, "Exception at processing message for domain '%s': %s", name.c_str(),
-            error.what());
-    raise_event(EventCode::WorkerNotCreated);
+    report_worker_not_created(__func__, name, error.what());
     return nullptr;
   }
 }
@@ -213,7 +217,13 @@ RRM::Insertion RRM::insert_worker(const std::string& name, const std::shared_ptr
 }
 
 void RRM::start_worker(const std::string& name, const std::shared_ptr<Worker>& worker) {
-  worker->start();
+  try {
+    worker->start();
+  } catch (const std::exception& error) {
+    // A worker without a thread would take messages until its queue is full and hold up everybody.
+    report_worker_not_created(__func__, name, error.what());
+    return stop_domain_event(name, worker.get());
+  }
   // Whoever took it out of the map meanwhile has stopped a worker that was not running yet.
   if (stopping_ || workers_.find(name) != worker) return worker->stop();
   RRM_LOG(Debug, "Created new worker '%s'.", name.c_str());

@@ -98,6 +98,27 @@ TEST_F(RRMTest, ANewWorkerHasTheTimeZoneOfItsDomain) {
   EXPECT_EQ(worker->time_zone_s(), 3 * 3600);
 }
 
+TEST_F(RRMTest, ADomainWhoseThreadCannotBeStartedIsGivenUpAndComesToLifeLater) {
+  pthread_attr_t normal;
+  ASSERT_EQ(pthread_getattr_default_np(&normal), 0);
+  pthread_attr_t huge = normal;
+  ASSERT_EQ(pthread_attr_setstacksize(&huge, std::size_t{1} << 50), 0);
+  ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
+  receive(subscription("site"));
+  rrm_.restore_domains(R"([{"name":"site"},{"name":"other"}])");
+  ASSERT_EQ(pthread_setattr_default_np(&normal), 0);
+  EXPECT_EQ(rrm_.workers().size(), 0U);
+  const std::string reason = "': Resource temporarily unavailable";
+  EXPECT_EQ(log_.texts(LogLevel::Error),
+            (Texts{"Exception at processing message for domain 'site" + reason,
+                   "Exception at processing message for domain 'site" + reason,
+                   "Exception at processing message for domain 'other" + reason}));
+  EXPECT_EQ(log_.events().size(), 3U);
+  receive(subscription("site"));
+  EXPECT_EQ(created(), 1U);
+  EXPECT_TRUE(rrm_.find_worker("site")->is_started());
+}
+
 TEST_F(RRMTest, SubscriptionsOfANewDomainAtOnceOnSeveralThreadsCreateExactlyOneWorker) {
   for (int round = 1; round <= 20; ++round) {
     std::vector<std::thread> threads;
