@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/support/CapturedLog.h"
@@ -40,6 +42,11 @@ class PingWorkerTest : public testing::Test {
                                            std::to_string(address_.id) + " force: 1");
   }
   std::size_t pings() const { return log_.count(LogLevel::Debug, "Send lws_ping"); }
+  /// Whether nothing was sent that the client has not yet received.
+  bool is_quiet() {
+    server_.rrm.send_text("behind it", address_);
+    return client_.receive_frame().payload == "behind it";
+  }
 
   FakeClock clock_{kStart_s};
   test::CapturedLog log_;
@@ -56,6 +63,7 @@ TEST_F(PingWorkerTest, ASilentSessionIsPingedEveryTenSecondsFrom30To90AndDropped
     if (second >= 30 && second % 10 == 0 && is_pinged()) pinged.push_back(second);
   }
   EXPECT_EQ(pinged, (std::vector<std::int64_t>{30, 40, 50, 60, 70, 80, 90}));
+  EXPECT_TRUE(is_quiet());
   EXPECT_EQ(pings(), 7U);
   EXPECT_EQ(drops(), 0U);
 
@@ -68,6 +76,7 @@ TEST_F(PingWorkerTest, ASilentSessionIsPingedEveryTenSecondsFrom30To90AndDropped
   EXPECT_TRUE(server_.wait_records(1));
   EXPECT_EQ(server_.site->records()[0].first, R"({"service":"rrm-internal","cmd":"drop-session"})");
   EXPECT_EQ(server_.site->records()[0].second, address_);
+  EXPECT_EQ(server_.server().session_count(), 1U) << "its end is not agreed upon yet";
   client_.send_frame(RawClient::Close, std::string("\x03\xe8", 2));
   EXPECT_TRUE(wait_until([&] { return server_.server().session_count() == 0; }));
 }
@@ -80,6 +89,7 @@ TEST_F(PingWorkerTest, ASessionThatSendsAMessageEvery20SecondsIsNeverPinged) {
     client_.send_frame(RawClient::Text, R"({"domain":"site"})");
     ASSERT_TRUE(server_.wait_records(before + 1));
   }
+  EXPECT_TRUE(is_quiet());
   EXPECT_EQ(pings(), 0U);
   EXPECT_EQ(drops(), 0U);
 }
@@ -93,6 +103,7 @@ TEST_F(PingWorkerTest, APongResetsTheSilenceSoThatAnAccessPointThatOnlyAnswersPi
     ASSERT_TRUE(wait_until(
         [&] { return server_.server().sessions().at(0)->last_activity_s == kStart_s + second; }));
   }
+  EXPECT_TRUE(is_quiet());
   EXPECT_EQ(pings(), 6U);
   EXPECT_EQ(drops(), 0U);
   EXPECT_EQ(server_.server().session_count(), 1U);
@@ -103,6 +114,7 @@ TEST_F(PingWorkerTest, ACheckThatIsLateByASecondSkipsAPing) {
   check_at(31);
   check_at(40);
   EXPECT_TRUE(is_pinged());
+  EXPECT_TRUE(is_quiet());
   EXPECT_EQ(pings(), 1U);
 }
 
@@ -116,15 +128,20 @@ TEST_F(PingWorkerTest, ASessionWithoutPongIsGoneAfterTheTimeOut) {
 
 TEST_F(PingWorkerTest, APongKeepsASessionBeyondTheTimeOut) {
   server_.server().set_time_limits(3, 5);  // leaves a busy machine the time to answer
+  RawClient talking(server_.port());
+  ASSERT_TRUE(talking.handshake());
+  const SessionAddress other = server_.wait_sessions(2)[1];
   RawClient silent(server_.port());
   ASSERT_TRUE(silent.handshake());
-  server_.wait_sessions(2);
+  server_.wait_sessions(3);
   check_at(30);
   EXPECT_TRUE(is_pinged());
   client_.send_frame(RawClient::Pong, "lws_ping");
-  // The silent one's end tells that the time-out has passed for both.
+  EXPECT_EQ(talking.receive_frame().opcode, RawClient::Ping);
+  talking.send_frame(RawClient::Text, R"({"domain":"site"})");  // a message is as good as a pong
+  // The silent one's end tells that the time-out has passed for all.
   EXPECT_TRUE(silent.wait_end());
-  EXPECT_EQ(server_.wait_sessions(1), (std::vector<SessionAddress>{address_}));
+  EXPECT_EQ(server_.wait_sessions(2), (std::vector<SessionAddress>{address_, other}));
   client_.send_frame(RawClient::Text, R"({"domain":"site"})");
   EXPECT_TRUE(wait_until([&] {
     const auto records = server_.site->records();
@@ -138,6 +155,8 @@ TEST_F(PingWorkerTest, ChecksOnceASecondByItselfBetweenStartAndStop) {
   FakeClock::now_s = kStart_s + 30;
   EXPECT_TRUE(is_pinged());
   ping_->run_locked([] {});  // the check of that second is over and the next one is armed
+  FakeClock::now_s = kStart_s + 39;
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
   FakeClock::now_s = kStart_s + 40;
   EXPECT_TRUE(is_pinged());
   ping_->stop();
@@ -147,6 +166,15 @@ TEST_F(PingWorkerTest, ChecksOnceASecondByItselfBetweenStartAndStop) {
   server_.rrm.send_text("a ping would come first", address_);
   EXPECT_EQ(client_.receive_frame().payload, "a ping would come first");
   EXPECT_EQ(pings(), 2U);
+
+  ping_->start();
+  EXPECT_TRUE(wait_until([&] { return ping_->is_ready(); }));
+  ping_->run_locked([] {});
+  FakeClock::now_s = kStart_s + 60;
+  EXPECT_TRUE(is_pinged());
+  ping_->stop();
+  EXPECT_TRUE(is_quiet()) << "a check of before the stop is not made";
+  EXPECT_EQ(pings(), 3U);
 }
 
 TEST_F(PingWorkerTest, HasItsNameAndQueuesAndNoStatus) {

@@ -337,6 +337,38 @@ TEST_F(WebsockClientsTest, AReplyToASessionThatHasSinceReconnectedIsDroppedAsSta
   EXPECT_TRUE(clients_.received(0).empty());
 }
 
+TEST_F(WebsockClientsTest, SessionsThatComeOneAfterAnotherAreAllServed) {
+  // Whatever memory of the last one its connection is given.
+  for (std::size_t i = 0; i < 20; ++i) {
+    const std::size_t client = clients_.open_all(1);
+    server_.rrm.send_text("hello", server_.wait_sessions(1).at(0));
+    ASSERT_EQ(clients_.wait_received(client), (Texts{"hello"})) << i;
+    clients_.close(client);
+    server_.wait_sessions(0);
+  }
+}
+
+TEST_F(WebsockClientsTest, NullTextsAndTheControllersOwnStopAreNotSent) {
+  clients_.open_all(1);
+  const auto address = server_.wait_sessions(1)[0];
+  server_.rrm.send_text(nullptr, address);
+  server_.server().enqueue_message(JsonReader(R"({"service":"internal-ipc","cmd":"x"})"), address);
+  server_.rrm.send_text("next", address);
+  EXPECT_EQ(clients_.wait_received(0), (Texts{"next"}));
+}
+
+TEST_F(WebsockClientsTest, AnInvalidServiceThreadIsReported) {
+  clients_.open_all(1);
+  auto address = server_.wait_sessions(1)[0];
+  server_.server().sessions()[0]->address.tsi = address.tsi = 8;
+  server_.rrm.send_text("nobody", address);
+  EXPECT_TRUE(log_.has(LogLevel::Debug, "enqueue_serialized: invalid lws tsi 8"));
+  clients_.close(0);
+  EXPECT_TRUE(
+      wait_until([&] { return log_.has(LogLevel::Error, "process_closed: invalid lws tsi 8"); }));
+  server_.wait_sessions(0);
+}
+
 TEST_F(WebsockClientsTest, ANullDocumentIsReportedAndNotSent) {
   clients_.open_all(1);
   const auto address = server_.wait_sessions(1)[0];
@@ -950,14 +982,17 @@ TEST(WebsockServer, LinesOfLibwebsocketsBecomeDebugRecordsWithoutTheirEnd) {
   WebsockServerWorker::logger_callback(4, "a notice\n");
   WebsockServerWorker::logger_callback(1024, "no end");
   WebsockServerWorker::logger_callback(1, "");
+  WebsockServerWorker::logger_callback(2, "a line\r\n");
   EXPECT_EQ(log.texts(LogLevel::Debug),
             (Texts{"libwebsocket-debug> 4: a notice", "libwebsocket-debug> 1024: no end",
-                   "libwebsocket-debug> 1: "}));
+                   "libwebsocket-debug> 1: ", "libwebsocket-debug> 2: a line"}));
 }
 
 TEST_F(WebsockServerTest, HasItsNameAndQueues) {
   EXPECT_EQ(server_.server().name(), "websock-server-worker");
   EXPECT_EQ(server_.server().queue_capacity(), 2048U);
+  EXPECT_EQ(WebsockServerWorker::kPongTimeout_s, 40);
+  EXPECT_EQ(WebsockServerWorker::kStuckPeer_s, 5);
   EXPECT_EQ(server_.wait_sessions(0).size(), 0U);
 }
 
