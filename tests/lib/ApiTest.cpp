@@ -9,8 +9,10 @@
 
 #include "server/lib/Config.h"
 #include "server/lib/RRM.h"
+#include "server/lib/WebsockServerWorker.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/TempFolder.h"
+#include "tests/support/WebsockClients.h"
 
 namespace rrm {
 namespace {
@@ -111,18 +113,26 @@ TEST_F(ApiCommands, UnknownLevelsAndOperationsGetTheBareHeader) {
 
 TEST_F(ApiCommands, MissingMandatoryMembersGetNoReply) {
   for (const char* command :
-       {"{}", R"({"operation":"get"})", R"({"level":"global"})", R"({"operation":1,"level":2})",
+       {"{}",
+        R"({"operation":"get"})",
+        R"({"level":"global"})",
+        R"({"operation":1,"level":2})",
         R"({"operation":"set","level":"global"})",
         R"({"operation":"set","level":"global","config":7})",
         R"({"operation":"set","level":"pattern","config":{"use_dca":0}})",
         R"({"operation":"set","level":"domain","config":{"domain":"d1"}})",
+        R"({"operation":"set","level":"domain","config":{"pattern":"p1"}})",
+        R"({"operation":"add","level":"global"})",
         R"({"operation":"add","level":"pattern"})",
         R"({"operation":"add","level":"pattern","config":{}})",
         R"({"operation":"add","level":"domain","config":{"pattern":"p1"}})",
         R"({"operation":"add","level":"domain","config":{"domain":"d9"}})",
         R"({"operation":"remove","level":"domain"})",
         R"({"operation":"remove","level":"domain","domain":""})",
-        R"({"operation":"remove","level":"pattern","config":{"pattern":"p1"}})", "null", "[]", "7",
+        R"({"operation":"remove","level":"pattern","config":{"pattern":"p1"}})",
+        "null",
+        "[]",
+        "7",
         R"("get")"})
     EXPECT_EQ(ask("{\"cfg\":" + std::string(command) + "}"), "none") << command;
   EXPECT_EQ(config_.domains().size(), 3U);
@@ -497,6 +507,23 @@ TEST_F(ApiCommands, DropSessionsAnswersWithTheHeader) {
   EXPECT_EQ(ask(R"({"rrm":{"drop_session":1}})"), header() + "}");
 }
 
+TEST_F(ApiCommands, DropSessionsClosesExactlyTheNamedOnesWhateverTheirOrder) {
+  config_.listen_port = 0;
+  rrm_.start();
+  ASSERT_TRUE(test::wait_until([&] { return rrm_.websock_server().port() != 0; }));
+  test::WebsockClients clients(rrm_.websock_server().port());
+  clients.open_all(4);
+  ASSERT_TRUE(test::wait_until([&] { return rrm_.websock_server().session_count() == 4; }));
+  EXPECT_EQ(ask(R"({"rrm":{"drop_session":1,"ids":[4,99,1,3]}})"), header() + "}");
+  EXPECT_TRUE(test::wait_until([&] { return rrm_.websock_server().session_count() == 1; }));
+  for (const int id : {1, 3, 4})
+    EXPECT_EQ(log_.count(LogLevel::Debug,
+                         "drop_session_at_websock_worker: " + std::to_string(id) + " force: 1"),
+              1U);
+  EXPECT_NE(ask(R"({"rrm":{"sessions":1}})").find(R"("websock-sessions":[{"id":2,)"),
+            std::string::npos);
+}
+
 TEST_F(ApiCommands, ReportQueriesOfADomainWithoutReports) {
   config_.reports_path = folder_.path();
   EXPECT_EQ(ask(R"({"rrm":{"domain":"d1","report_list":{"date_start":"2024-05-01,00:00:00 UTC",)"
@@ -507,6 +534,11 @@ TEST_F(ApiCommands, ReportQueriesOfADomainWithoutReports) {
   EXPECT_NE(ask(R"({"rrm":{"domain":"nosuch","last_report":1}})").find(R"("status":"failure")"),
             std::string::npos);
   EXPECT_TRUE(log_.has(LogLevel::Trace, "Domain \"nosuch\" not found"));
+  EXPECT_NE(
+      ask(R"({"rrm":{"domain":"nosuch","report_list":{"date_start":"2024-05-01,00:00:00 UTC",)"
+          R"("date_finish":"2024-05-02,00:00:00 UTC"}}})")
+          .find(R"("status":"failure")"),
+      std::string::npos);
   EXPECT_NE(ask(R"({"rrm":{"domain":"d1","report":"2024-05-01,03:15:00,d1"}})")
                 .find(R"("status":"failure")"),
             std::string::npos);
@@ -548,6 +580,11 @@ TEST_F(ApiCommands, VrrpRolesAreSwitched) {
   EXPECT_EQ(rrm_.get_vrrp_role(), VrrpRole::Backup);
   EXPECT_TRUE(log_.has(LogLevel::Info, "VRRP role: master -> backup"));
   EXPECT_EQ(ask(R"({"vrrp":{}})"), header() + R"(,"role":"backup","status":"success"})");
+  config_.listen_port = 0;
+  EXPECT_EQ(ask(R"({"vrrp":{"role":"master","domains":[{"name":"d1"}]}})"),
+            header() + R"(,"status":"success"})");
+  EXPECT_EQ(rrm_.get_vrrp_role(), VrrpRole::Master);
+  EXPECT_NE(rrm_.find_worker("d1"), nullptr) << "restored";
 }
 
 TEST_F(ApiCommands, FirstOfCfgRrmAndVrrpIsProcessed) {
@@ -561,7 +598,8 @@ TEST_F(ApiCommands, OtherDocumentsAreNoRequests) {
     EXPECT_FALSE(Api::is_request(JsonReader(text))) << text;
     EXPECT_EQ(ask(text), "none") << text;
   }
-  EXPECT_TRUE(Api::is_request(JsonReader(R"({"vrrp":null})")));
+  for (const char* text : {R"({"cfg":7})", R"({"rrm":{}})", R"({"vrrp":null})"})
+    EXPECT_TRUE(Api::is_request(JsonReader(text))) << text;
 }
 
 }  // namespace
