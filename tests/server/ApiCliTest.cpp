@@ -1,11 +1,16 @@
 #include "server/ApiCli.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <ctime>
 #include <memory>
 #include <string>
@@ -14,10 +19,13 @@
 
 #include "tests/server/CapturedProcessLog.h"
 #include "tests/server/FrontEndParts.h"
+#include "tests/support/FewDescriptors.h"
 #include "tests/support/HttpClient.h"
+#include "tests/support/WebsockClients.h"
 
 namespace {
 
+using rrm::test::FewDescriptors;
 using rrm::test::TcpClient;
 
 constexpr char kError[] = R"({"status":"error"})";
@@ -113,13 +121,58 @@ TEST_F(TcpApi, ClientThatEndsItsInputStillGetsItsReply) {
   EXPECT_TRUE(reply.ends_with("}]}"));
 }
 
+TEST_F(TcpApi, ClientThatHasReadALongReplyAsksAgain) {
+  add_domains(100'000);  // more than the buffers of both sockets hold
+  TcpClient client(api_.port(), 4096);
+  ASSERT_TRUE(client.send(kGetDomains));
+  ::poll(nullptr, 0, 20);
+  EXPECT_GT(client.receive_until("}]}").size(), 5'000'000U);
+  EXPECT_EQ(ask(client, R"({"foo":1})"), kError);
+}
+
+TEST_F(TcpApi, InterruptedPollIsLoggedAndTheLoopGoesOn) {
+  struct sigaction action {};
+  action.sa_handler = [](int) {};
+  struct sigaction old {};
+  ASSERT_EQ(::sigaction(SIGALRM, &action, &old), 0);
+  const auto interrupted = [&] {
+    ::pthread_kill(thread_.native_handle(), SIGALRM);
+    ::poll(nullptr, 0, 2);
+    return log_.has(el::Level::Error, "select: Interrupted system call");
+  };
+  EXPECT_TRUE(rrm::test::wait_until(interrupted));
+  ::sigaction(SIGALRM, &old, nullptr);
+  TcpClient client(api_.port());
+  EXPECT_EQ(ask(client, R"({"foo":1})"), kError);
+}
+
+TEST_F(TcpApi, ConnectionWithoutADescriptorIsLoggedAndAcceptedLater) {
+  auto few = std::make_unique<FewDescriptors>(1);
+  TcpClient client(api_.port());
+  EXPECT_TRUE(client.is_connected());
+  EXPECT_TRUE(rrm::test::wait_until(
+      [&] { return log_.has(el::Level::Error, "accept: Too many open files"); }));
+  few.reset();
+  EXPECT_EQ(ask(client, R"({"foo":1})"), kError);
+}
+
+TEST_F(TcpApi, ListensOnEveryAddress) {
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK + 1);
+  address.sin_port = htons(static_cast<std::uint16_t>(api_.port()));
+  EXPECT_EQ(::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+  ::close(fd);
+}
+
 TEST_F(TcpApi, RequestOfMoreThan4095BytesIsCut) {
   TcpClient client(api_.port());
   const std::string padding(5000, ' ');
   ASSERT_TRUE(client.send(R"({"vrrp":{)" + padding + "}}"));
   const std::string errors = std::string(kError) + kError;
   EXPECT_EQ(client.receive_until(errors), errors);
-  const std::string just_fits = R"({"vrrp":{}})" + std::string(4095 - 11, ' ');
+  const std::string just_fits = R"({"vrrp":{)" + std::string(4095 - 11, ' ') + "}}";
   EXPECT_NE(ask(client, just_fits).find("success"), std::string::npos);
 }
 
@@ -134,6 +187,12 @@ TEST_F(TcpApi, RoleIsSwitchedThroughTheVrrpWorker) {
   EXPECT_NE(ask(client, R"({"vrrp":{"role":"backup"}})").find(R"("status":"success")"),
             std::string::npos);
   EXPECT_EQ(parts_.rrm.get_vrrp_role(), rrm::VrrpRole::Backup);
+  parts_.config.listen_port = 0;
+  parts_.config.vrrp_enabled = true;
+  parts_.config.vrrp_backup_path = std::string();
+  EXPECT_NE(ask(client, R"({"vrrp":{"role":"master"}})").find(R"("status":"success")"),
+            std::string::npos);
+  EXPECT_TRUE(log_.has(el::Level::Error, "backup_path  invalid")) << "it looks for backups";
 }
 
 TEST_F(TcpApi, ClosedClientLeavesTheList) {
@@ -144,7 +203,9 @@ TEST_F(TcpApi, ClosedClientLeavesTheList) {
     EXPECT_EQ(ask(second, R"({"foo":1})"), kError);
     second.reset();
     EXPECT_EQ(ask(first, R"({"foo":1})"), kError) << "another's end leaves it alone";
+    EXPECT_EQ(ask(first, R"({"foo":1})"), kError);
   }
+  EXPECT_TRUE(log_.has(el::Level::Error, "recv: Connection reset by peer"));
   TcpClient last(api_.port());
   EXPECT_EQ(ask(last, R"({"foo":1})"), kError);
   // The ends came before the last request, and the loop serves what is ready one after another.
@@ -268,6 +329,35 @@ TEST_F(TcpApi, NearTheLimitOfOpenFilesTheOldestGivesWay) {
   EXPECT_LT(clients.size(), 80U);
   EXPECT_EQ(ask(*clients[1], R"({"foo":1})"), kError);
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &normal), 0);
+}
+
+TEST(TcpApiPort, IsTakenAgainAtOnceWhenItsConnectionsWereOpen) {
+  CapturedProcessLog log;
+  FrontEndParts parts(R"("cli_api_port":0)");
+  auto first = std::make_unique<ApiCli>(&parts.rrm, &parts.vrrp);
+  std::thread thread([&] { first->run(); });
+  TcpClient client(first->port());
+  std::string reply;
+  EXPECT_TRUE(client.send(R"({"foo":1})") && client.receive(reply));
+  parts.config.cli_api_port = first->port();
+  first->stop();
+  thread.join();
+  first.reset();
+  EXPECT_EQ(client.receive_all(), "") << "closed with its server";
+  const ApiCli second(&parts.rrm, &parts.vrrp);
+  EXPECT_EQ(second.port(), parts.config.cli_api_port);
+}
+
+TEST(TcpApiPort, ProcessWithoutADescriptorIsLoggedAndRunReturns) {
+  CapturedProcessLog log;
+  FrontEndParts parts(R"("cli_api_port":0)");
+  std::unique_ptr<ApiCli> api;
+  {
+    const FewDescriptors none(0);
+    api = std::make_unique<ApiCli>(&parts.rrm, &parts.vrrp);
+  }
+  api->run();
+  EXPECT_TRUE(log.has(el::Level::Error, "socket: Too many open files"));
 }
 
 TEST(TcpApiPort, BusyPortIsLoggedAndRunReturns) {

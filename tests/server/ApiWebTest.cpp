@@ -69,6 +69,11 @@ TEST_F(WebApi, RoleIsSwitchedThroughTheVrrpWorker) {
   start();
   EXPECT_EQ(http_post(port_, R"({"vrrp":{"role":"backup"}})").status, 200);
   EXPECT_EQ(parts_->rrm.get_vrrp_role(), rrm::VrrpRole::Backup);
+  parts_->config.listen_port = 0;
+  parts_->config.vrrp_enabled = true;
+  parts_->config.vrrp_backup_path = std::string();
+  EXPECT_EQ(http_post(port_, R"({"vrrp":{"role":"master"}})").status, 200);
+  EXPECT_TRUE(log_.has(el::Level::Error, "backup_path  invalid")) << "it looks for backups";
 }
 
 TEST_F(WebApi, StopEndsTheLoopAndClosesThePort) {
@@ -185,6 +190,8 @@ TEST_F(WebApi, ProcessUsesItsCertificateFilesAndLimits) {
   EXPECT_EQ(settings.certificate, "/etc/tavro-wavelom/cert/server.pem");
   EXPECT_EQ(settings.private_key, "/etc/tavro-wavelom/cert/server.key.pem");
   EXPECT_EQ(settings.longest_body, 8'388'608U);
+  EXPECT_EQ(settings.most_connections, 4096U);
+  EXPECT_EQ(settings.reply_timeout, 60);
 }
 
 TEST_F(WebApi, IdlePassTakesATenthOfASecond) {
