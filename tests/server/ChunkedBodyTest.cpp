@@ -80,6 +80,8 @@ TEST(ChunkedBody, TakesExactlyTheLongestBody) {
 TEST(ChunkedBody, LinesAreBounded) {
   EXPECT_EQ(decode("1;" + std::string(5000, 'e'), 100).state, State::Broken);
   EXPECT_EQ(decode("0\r\n" + std::string(5000, 't'), 100).state, State::Broken);
+  EXPECT_EQ(decode("0\r\n" + std::string(4096, 't') + "\n", 100).state, State::Unfinished);
+  EXPECT_EQ(decode("0\r\n" + std::string(4097, 't') + "\n", 100).state, State::Broken);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -11,6 +12,7 @@
 #include "server/lib/RRM.h"
 #include "tests/server/CapturedProcessLog.h"
 #include "tests/support/Engine.h"
+#include "tests/support/FewDescriptors.h"
 #include "tests/support/TempFolder.h"
 
 namespace {
@@ -122,6 +124,29 @@ TEST_F(Vrrp, BackupRestoresTheDomainAtAnotherController) {
   EXPECT_EQ(ap->radios.radios.at(0).channel, 44);
 }
 
+TEST_F(Vrrp, UnansweredAccessPointsAreBackedUpAsSuch) {
+  engine_.subscribe(1, {RadioSpec{.channel = 0}});
+  engine_.worker().aps().move_without_active_radio(engine_.worker().unanswered_aps(), 3);
+  back_up();
+  const JsonReader document(folder_.read("backup/site.json").c_str());
+  EXPECT_EQ(document.child("aps").size(), 0U);
+  const JsonReader unanswered = document.child("unanswered-aps");
+  ASSERT_EQ(unanswered.size(), 1U);
+  EXPECT_STREQ(unanswered.child(0).get_str("mac"), "00:11:22:00:01:00");
+}
+
+TEST_F(Vrrp, BackupIsNotMadeAgainForWhatHasNotChangedSince) {
+  back_up();
+  ASSERT_TRUE(folder_.has("backup/site.json"));
+  EXPECT_NE(std::filesystem::status(backups()).permissions() & std::filesystem::perms::others_read,
+            std::filesystem::perms::none);
+  std::filesystem::remove(folder_.file("backup/site.json"));
+  vrrp_.on_domain_changed("nosuch");
+  engine_.clock().advance(5);
+  vrrp_.poll_timers();
+  EXPECT_FALSE(folder_.has("backup/site.json"));
+}
+
 TEST_F(Vrrp, DomainsThatGiveNoAnswerAreSkipped) {
   vrrp_.on_domain_changed("nosuch");
   vrrp_.on_domain_changed("../site");
@@ -170,7 +195,8 @@ TEST_F(Vrrp, EmptyBackupPathIsLoggedAndNothingIsWritten) {
   back_up();
   EXPECT_EQ(log_.texts(el::Level::Error), std::vector<std::string>{"backup_path  invalid"});
   EXPECT_EQ(restored(), "[]");
-  EXPECT_EQ(log_.texts(el::Level::Error).size(), 2U);
+  EXPECT_EQ(log_.texts(el::Level::Error),
+            (std::vector<std::string>{"backup_path  invalid", "backup_path  invalid"}));
   // The domain still waits.
   config().vrrp_backup_path = backups();
   vrrp_.make_domains_backup();
@@ -196,6 +222,24 @@ TEST_F(Vrrp, FileThatIsNoJsonStillRestoresTheOthers) {
             "Reading backup file " + folder_.file("backup/bad.json") +
                 " failed: JSON parse error at line 1, column 9: unexpected end of input: "
                 "unexpected end of input");
+}
+
+TEST_F(Vrrp, FilesThatCannotBeOpenedAreLoggedOneByOne) {
+  std::filesystem::create_directory(backups());
+  folder_.write("backup/a.json", R"({"name":"a"})");
+  folder_.write("backup/b.json", R"({"name":"b"})");
+  {
+    const rrm::test::FewDescriptors for_the_folder(1);
+    EXPECT_EQ(restored(), "[]");
+  }
+  auto errors = log_.texts(el::Level::Error);
+  std::sort(errors.begin(), errors.end());
+  const auto text = [&](const char* name) {
+    return "Opening backup file " + folder_.file("backup") + name +
+           " failed with error code: 24 (Too many open files).";
+  };
+  EXPECT_EQ(errors, (std::vector<std::string>{text("/a.json"), text("/b.json")}));
+  EXPECT_NE(restored().find(R"({"name":"a"})"), std::string::npos);
 }
 
 /// A backup controller that is asked to change its role, with a backup of "site" in its folder.
@@ -273,9 +317,24 @@ TEST_P(VrrpStateFile, GivesTheRoleOnStart) {
   EXPECT_EQ(dispatcher.get_vrrp_role(), VrrpRole::Backup);
   vrrp.set_vrrp_role_on_start();
   EXPECT_EQ(dispatcher.get_vrrp_role(), GetParam().role);
+  const bool missing = GetParam().content == nullptr;
   EXPECT_EQ(
       log_.has(el::Level::Error, "Error opening VRRP state file " + folder_.file("keep.mode")),
-      GetParam().content == nullptr);
+      missing);
+  EXPECT_EQ(log_.texts(el::Level::Error).size(), missing ? 1U : 0U);
+}
+
+TEST(VrrpConfiguration, IsReadAgainByWhoeverBecomesMaster) {
+  const TempFolder folder;
+  const CapturedProcessLog log;
+  rrm::GlobalConfig config(folder.write("c.conf", R"({"global":{"listen_port":0}})"));
+  rrm::RRM dispatcher(&config);
+  VrrpWorker vrrp(&dispatcher, &config);
+  folder.write("c.conf", R"({"domains":[{"domain":"d","pattern":"common","time_zone":"0:00"}]})");
+  vrrp.handle_request(R"({"role":"backup"})");
+  EXPECT_FALSE(config.is_domain_exist("d"));
+  vrrp.handle_request(R"({"role":"master"})");
+  EXPECT_TRUE(config.is_domain_exist("d"));
 }
 
 INSTANTIATE_TEST_SUITE_P(
