@@ -505,6 +505,17 @@ TEST_F(RRMTest, RestoresEveryDomainOfTheBackups) {
   EXPECT_TRUE(rrm_.find_worker("site")->is_started());
 }
 
+TEST_F(RRMTest, ARestoredDomainHasTheAccessPointsOfItsBackup) {
+  rrm_.restore_domains(R"([{"name":"site","rrm-status":0,"fbt-status":0,)"
+                       R"("aps":[{"mac":"00:11:22:00:01:00","board":"B","hw":"H","serial":"S"}],)"
+                       R"("unanswered-aps":[],"deleted-aps":[]}])");
+  const auto worker = std::dynamic_pointer_cast<RrmWorker>(rrm_.find_worker("site"));
+  ASSERT_NE(worker, nullptr);
+  worker->run_locked([&] {
+    EXPECT_NE(worker->aps_to_delete().find(MacAddress::from_text("00:11:22:00:01:00")), nullptr);
+  });
+}
+
 TEST_F(RRMTest, ADomainThatAlreadyHasAWorkerIsNotRestored) {
   const auto site = add_worker("site");
   rrm_.restore_domains(R"([{"name":"site"}])");
