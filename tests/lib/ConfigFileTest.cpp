@@ -117,6 +117,8 @@ TEST(ConfigFile, PatternOfTheFileKeepsDefaultsAndIsRewrittenWithAllMembers) {
   const std::string path =
       folder.write("c.conf", R"({"patterns":[{"pattern":"p1","dca_threshold":40}]})");
   const GlobalConfig config(path);
+  const GlobalConfig other("", R"({"common":{"dca_threshold":50},"patterns":[{"pattern":"p1"}]})");
+  EXPECT_EQ(other.get_pattern_config("p1"), DomainConfig()) << "common is no base of patterns";
   DomainConfig expected;
   expected.dca_threshold = 40;
   EXPECT_EQ(config.get_pattern_config("p1"), expected);
@@ -326,9 +328,17 @@ TEST(ReplaceFile, DoesNotFollowALinkPlantedBesideIt) {
 }
 
 TEST(ReplaceFile, LeavesDevicesWhatTheyAre) {
-  EXPECT_TRUE(replace_file("/dev/null", "text"));
-  EXPECT_TRUE(std::filesystem::is_character_file("/dev/null"));
-  EXPECT_FALSE(replace_file("/dev/full", "text"));
+  const TempFolder folder;
+  const std::string pipe = folder.file("pipe");
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+  EXPECT_TRUE(replace_file(pipe, "text"));
+  EXPECT_TRUE(std::filesystem::is_fifo(pipe));
+  EXPECT_EQ(folder.entries(), 1U);
+  // Who may create files there is not to try it on the devices of a machine.
+  if (::geteuid() != 0) {
+    EXPECT_TRUE(replace_file("/dev/null", "text"));
+    EXPECT_FALSE(replace_file("/dev/full", "text"));
+  }
   EXPECT_FALSE(replace_file("", "text"));
   EXPECT_FALSE(replace_file("/nonexistent/folder/file", "text"));
 }

@@ -351,6 +351,7 @@ TEST(GlobalConfig, RemovesADomainOnce) {
   EXPECT_EQ(log.texts(LogLevel::Debug),
             std::vector<std::string>{"Domain 'd1' was successfully removed."});
   EXPECT_EQ(out_of_range_text([&] { config.get_domain_config("d1"); }), "Domain not found");
+  EXPECT_EQ(config.domain_configs().size(), 2U);
   changed = false;
   EXPECT_FALSE(config.domain_remove("d1", changed));
   EXPECT_FALSE(changed);
