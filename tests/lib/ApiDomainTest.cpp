@@ -6,6 +6,7 @@
 #include "server/lib/Api.h"
 #include "server/lib/RRM.h"
 #include "tests/support/Engine.h"
+#include "tests/support/RecordingWorker.h"
 
 /// Commands that concern one domain, on a domain worker without a thread.
 namespace rrm {
@@ -74,6 +75,22 @@ TEST_F(ApiDomain, DeletedAccessPointIsDescribedAsDeleted) {
             R"(,"deleted-ap":{"mac":"00:11:22:00:01:00)");
 }
 
+TEST_F(ApiDomain, UnansweredAccessPointIsDescribedAndCountedAsUnanswered) {
+  engine_.subscribe(1, {RadioSpec{.channel = 0}});
+  engine_.worker().aps().move_without_active_radio(engine_.worker().unanswered_aps(), 3);
+  EXPECT_EQ(body(R"({"domain":"site","ap":"00:11:22:00:01:00"})").substr(0, 42),
+            R"(,"unanswered-ap":{"mac":"00:11:22:00:01:00)");
+  EXPECT_EQ(body("{}"), R"(,"domains":[{"name":"site","ap-count":0,"unanswered-ap-count":1,)"
+                        R"("deleted-ap-count":0,"common-config":0}]})");
+}
+
+TEST_F(ApiDomain, WorkerThatHasEndedMeanwhileLeavesTheReplyAsItIs) {
+  engine_.subscribe(1, {RadioSpec{}});
+  engine_.worker().abort();
+  EXPECT_EQ(body(R"({"domain":"site","ap":"00:11:22:00:01:00"})"), "}");
+  EXPECT_TRUE(engine_.log().has(LogLevel::Debug, "Worker absent."));
+}
+
 TEST_F(ApiDomain, LinksOfAnAccessPointAreIncludedOnRequest) {
   DomainConfig config = Engine::quiet_config();
   config.use_80211k = true;
@@ -126,6 +143,11 @@ TEST_F(ApiDomain, WorkersThatAreNoDomainsHaveOnlyTheirName) {
   engine_.rrm().workers().clear();
   engine_.rrm().workers().insert("odd", nullptr);
   EXPECT_EQ(body(R"({"domain":"odd"})"), R"(,"error":"domain not found"})");
+  EXPECT_EQ(body("{}"), R"(,"domains":[{"name":"odd"}]})");
+  engine_.rrm().workers().clear();
+  engine_.rrm().workers().insert("odd", std::make_shared<test::RecordingWorker>("odd"));
+  EXPECT_EQ(body(R"({"domain":"odd"})"), R"(,"error":"domain not found"})");
+  EXPECT_EQ(body("{}"), R"(,"domains":[{"name":"odd"}]})");
   engine_.rrm().workers().clear();
 }
 
