@@ -132,6 +132,10 @@ TEST_F(WebsockClientsTest, RecordsWhatLibwebsocketsCallsItFor) {
        {"LWS_CALLBACK_PROTOCOL_INIT", "LWS_CALLBACK_ESTABLISHED", "LWS_CALLBACK_RECEIVE",
         "LWS_CALLBACK_CLOSED", "Starting 1 lws threads", R"(Recv {"domain":"site","n":1})"})
     EXPECT_TRUE(log_.has(LogLevel::Debug, text)) << text;
+  const auto texts = log_.texts(LogLevel::Debug);
+  EXPECT_TRUE(std::any_of(texts.begin(), texts.end(), [](const std::string& text) {
+    return text.starts_with("libwebsocket-debug> 16: ");
+  })) << "its own lines of every level, too";
 }
 
 // --- receiving
@@ -355,18 +359,6 @@ TEST_F(WebsockClientsTest, NullTextsAndTheControllersOwnStopAreNotSent) {
   server_.server().enqueue_message(JsonReader(R"({"service":"internal-ipc","cmd":"x"})"), address);
   server_.rrm.send_text("next", address);
   EXPECT_EQ(clients_.wait_received(0), (Texts{"next"}));
-}
-
-TEST_F(WebsockClientsTest, AnInvalidServiceThreadIsReported) {
-  clients_.open_all(1);
-  auto address = server_.wait_sessions(1)[0];
-  server_.server().sessions()[0]->address.tsi = address.tsi = 8;
-  server_.rrm.send_text("nobody", address);
-  EXPECT_TRUE(log_.has(LogLevel::Debug, "enqueue_serialized: invalid lws tsi 8"));
-  clients_.close(0);
-  EXPECT_TRUE(
-      wait_until([&] { return log_.has(LogLevel::Error, "process_closed: invalid lws tsi 8"); }));
-  server_.wait_sessions(0);
 }
 
 TEST_F(WebsockClientsTest, ANullDocumentIsReportedAndNotSent) {
