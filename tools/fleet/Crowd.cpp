@@ -62,6 +62,9 @@ double shadow(std::uint64_t field, const Place& place) noexcept {
   return sum / std::sqrt(squares);
 }
 
+/// Neither client nor controller wanted it.
+bool is_forced(Parting why) noexcept { return why == Parting::Storm || why == Parting::Death; }
+
 /// Where a building's access points stand in a site's list; those outdoors (-1) come first.
 std::size_t list_of(const Place& place) noexcept {
   const int list = place.building + 1;
@@ -176,7 +179,7 @@ void Crowd::storm(Millis now) {
       const Client& client = clients_[i];
       const bool there =
           client.place.building == centre.building && client.place.floor == centre.floor;
-      if (there && client.radio) leave(now, i);
+      if (there && client.radio) leave(now, i, Parting::Storm);
     }
   }
 }
@@ -188,7 +191,7 @@ void Crowd::think(Millis now, std::uint32_t index) {
   listen(index, client);
   probe(now, client);
   if (!client.radio) return try_to_join(now, index);
-  if (downlink(client, *client.radio) < kGoneAt) return leave(now, index);
+  if (downlink(client, *client.radio) < kGoneAt) return leave(now, index, Parting::Roamed);
   consider_roaming(now, index);
   if (client.radio) report_signal(now, index);
 }
@@ -297,7 +300,9 @@ bool Crowd::avoids(Millis now, const Client& client, RadioKey radio) const noexc
 bool Crowd::is_blocked(Millis now, RadioKey radio, std::uint32_t index) const {
   const auto& blocks = blocks_[slot(radio)];
   const auto found = blocks.find(index);
-  return found != blocks.end() && now < found->second.until;
+  if (found == blocks.end() || now >= found->second.until) return false;
+  if (observer_ != nullptr) observer_->on_refused(now, radio, index);
+  return true;
 }
 
 std::optional<RadioKey> Crowd::answering_radio(Millis now, std::uint32_t index) {
@@ -325,7 +330,7 @@ void Crowd::consider_roaming(Millis now, std::uint32_t index) {
   client.next_try = now + kRoamEvery;
   const auto radio = answering_radio(now, index);
   if (!radio || *radio == *client.radio || downlink(client, *radio) < signal + kRoamGain) return;
-  leave(now, index);
+  leave(now, index, Parting::Roamed);
   associate(now, index, *radio);
 }
 
@@ -343,7 +348,9 @@ void Crowd::count_move(Millis now, const Client& client, RadioKey radio) {
   if (!client.left || client.left->radio == radio) return;
   ++counters_.moves;
   const bool was_here = client.earlier && client.earlier->radio == radio;
-  if (was_here && now - client.earlier->at <= kPingPong) ++counters_.ping_pong;
+  if (!was_here || now - client.earlier->at > kPingPong) return;
+  ++counters_.ping_pong;
+  if (is_forced(client.earlier->why) || is_forced(client.left->why)) ++counters_.ping_pong_forced;
 }
 
 void Crowd::associate(Millis now, std::uint32_t index, RadioKey radio) {
@@ -360,24 +367,27 @@ void Crowd::associate(Millis now, std::uint32_t index, RadioKey radio) {
   client.reported_at = now;
   client.reported_rssi = client_rssi(index, radio);
   members_[slot(radio)].push_back(index);
+  if (observer_ != nullptr) observer_->on_served(now, radio, index);
   events_.push_back({ClientEvent::Kind::Associated, index, radio, client.reported_rssi});
 }
 
-void Crowd::leave(Millis now, std::uint32_t index) {
+void Crowd::leave(Millis now, std::uint32_t index, Parting why) {
   Client& client = clients_[index];
   const RadioKey radio = *client.radio;
   std::vector<std::uint32_t>& members = members_[slot(radio)];
   members.erase(std::find(members.begin(), members.end(), index));
   client.radio.reset();
   if (client.left && client.left->radio != radio) client.earlier = client.left;
-  client.left = Departure{radio, now};
+  client.left = Departure{radio, now, why};
   client.unserved_since = now;
+  if (observer_ != nullptr) observer_->on_parted(now, radio, index, why);
   events_.push_back({ClientEvent::Kind::Left, index, radio, client.reported_rssi});
 }
 
 void Crowd::block(Millis now, RadioKey radio, const MacAddress& client, Millis until) {
   const auto index = index_of(client);
   if (!index) return;
+  if (observer_ != nullptr) observer_->on_blocked(now, radio, *index, until);
   const auto [place, is_new] = blocks_[slot(radio)].try_emplace(*index, Block{now, until});
   Block& block = place->second;
   if (is_new) return;
@@ -388,6 +398,7 @@ void Crowd::block(Millis now, RadioKey radio, const MacAddress& client, Millis u
 void Crowd::unblock(Millis now, RadioKey radio, const MacAddress& client) {
   const auto index = index_of(client);
   if (!index) return;
+  if (observer_ != nullptr) observer_->on_unblocked(now, radio, *index);
   auto& blocks = blocks_[slot(radio)];
   const auto found = blocks.find(*index);
   if (found == blocks.end()) return;
@@ -415,9 +426,9 @@ void Crowd::kick(Millis now, RadioKey radio, const MacAddress& client, Millis un
   std::vector<Departure>& thrown_out = clients_[*index].thrown_out;
   if (!clients_[*index].refusing) {
     if (thrown_out.size() >= kRemembered) thrown_out.erase(thrown_out.begin());
-    thrown_out.push_back({radio, now});
+    thrown_out.push_back({radio, now, Parting::Kicked});
   }
-  leave(now, *index);
+  leave(now, *index, Parting::Kicked);
 }
 
 std::optional<int> Crowd::probe_heard(Millis now, RadioKey radio, const MacAddress& mac) const {
@@ -443,7 +454,7 @@ bool Crowd::ask_transition(Millis now, std::uint32_t index, RadioKey from, Radio
     ++counters_.refused;
     return false;
   }
-  leave(now, index);
+  leave(now, index, Parting::Transition);
   associate(now, index, to);
   ++counters_.transitions;
   return true;
@@ -455,11 +466,12 @@ void Crowd::set_alive(Millis now, std::uint32_t ap, bool alive) {
   for (int radio = 0; radio < 3; ++radio) {
     const std::vector<std::uint32_t> members = members_[slot({ap, radio})];
     for (const std::uint32_t client : members) {
-      leave(now, client);
+      leave(now, client, Parting::Death);
       clients_[client].orphaned = true;
     }
     blocks_[slot({ap, radio})].clear();
   }
+  if (observer_ != nullptr) observer_->on_death(now, ap);
 }
 
 std::optional<RadioKey> Crowd::served_by(std::uint32_t client) const noexcept {

@@ -8,17 +8,11 @@
 
 #include "server/lib/MacAddress.h"
 #include "tools/fleet/ApAgent.h"
+#include "tools/fleet/CrowdObserver.h"
 #include "tools/fleet/Random.h"
 #include "tools/fleet/World.h"
 
 namespace rrm::fleet {
-
-/// A radio of the fleet: index of the access point and radio id.
-struct RadioKey {
-  std::uint32_t ap = 0;
-  int radio = 0;
-  friend bool operator==(const RadioKey&, const RadioKey&) = default;
-};
 
 /// How many clients there are and what they are like; shares are 0 to 1.
 struct CrowdOptions {
@@ -44,11 +38,12 @@ struct ClientEvent {
 /// What the clients went through.
 struct CrowdCounters {
   std::uint64_t associations = 0;
-  std::uint64_t moves = 0;        ///< from one radio to another
-  std::uint64_t ping_pong = 0;    ///< moves back to a radio left within the last 60 s
-  std::uint64_t refused = 0;      ///< times that the radio of choice blocked the client
-  std::uint64_t declined = 0;     ///< transitions that the client would not make
-  std::uint64_t transitions = 0;  ///< transitions made
+  std::uint64_t moves = 0;             ///< from one radio to another
+  std::uint64_t ping_pong = 0;         ///< moves back to a radio left within the last 60 s
+  std::uint64_t ping_pong_forced = 0;  ///< of them, with a storm or death on the way there or back
+  std::uint64_t refused = 0;           ///< times that the radio of choice blocked the client
+  std::uint64_t declined = 0;          ///< transitions that the client would not make
+  std::uint64_t transitions = 0;       ///< transitions made
   std::uint64_t kicks = 0;
   Millis longest_unserved = 0;  ///< of any client, from losing its radio to the next one
   Millis longest_orphaned = 0;  ///< the same, of those whose access point died
@@ -65,6 +60,9 @@ class Crowd {
 
   std::uint32_t size() const noexcept { return static_cast<std::uint32_t>(clients_.size()); }
   const CrowdCounters& counters() const noexcept { return counters_; }
+
+  /// Tells somebody all that happens; the observer must live as long as the crowd.
+  void watch(CrowdObserver* observer) noexcept { observer_ = observer; }
 
   /// From now on clients arrive; nothing happens before. A second call does nothing.
   void begin(Millis now);
@@ -113,6 +111,7 @@ class Crowd {
   struct Departure {
     RadioKey radio;
     Millis at;
+    Parting why;
   };
   struct Block {
     Millis since;
@@ -169,10 +168,11 @@ class Crowd {
   /// The radio has thrown the client out, not long ago, and it has taken that in.
   bool avoids(Millis now, const Client& client, RadioKey radio) const noexcept;
   void associate(Millis now, std::uint32_t index, RadioKey radio);
-  void leave(Millis now, std::uint32_t index);
+  void leave(Millis now, std::uint32_t index, Parting why);
   std::optional<std::uint32_t> index_of(const MacAddress& mac) const noexcept;
 
   const World& world_;
+  CrowdObserver* observer_ = nullptr;
   double storms_per_minute_;
   bool begun_ = false;
   Millis last_slot_ = 0;
