@@ -45,7 +45,8 @@ TEST(ConfigCheck, BrokenTextMeansThatNothingIsRead) {
             Texts{"file: no JSON, so every setting has its default: JSON parse error at line 2, "
                   "column 2: expected string key in object: unterminated object"});
   EXPECT_EQ(findings("[]"), Texts{"file: no JSON object, so every setting has its default"});
-  EXPECT_EQ(findings("").size(), 1U);
+  for (const char* empty : {"", " \n"})
+    EXPECT_EQ(findings(empty), Texts{"file: empty, so every setting has its default"});
 }
 
 TEST(ConfigCheck, UnknownNamesAreIgnored) {
@@ -166,7 +167,12 @@ TEST(ConfigCheck, CommandPrintsFindingsAndEndsWithStatus1) {
   EXPECT_EQ(text, folder.file("bad.conf") + ": x: unknown, ignored\n");
   EXPECT_EQ(check(folder.file("bad.conf"), true, text), kRefused);
   EXPECT_EQ(text, "{\"findings\":[{\"where\":\"x\",\"what\":\"unknown, ignored\"}]}\n");
+  EXPECT_EQ(check(folder.write("rude.conf", R"({"\u001b[2J":1})"), false, text), kRefused);
+  EXPECT_EQ(text, folder.file("rude.conf") + ": ?[2J: unknown, ignored\n");
+  EXPECT_EQ(check(folder.write("empty.conf", ""), false, text), kRefused);
   EXPECT_EQ(check(folder.file("nosuch.conf"), false, text), kNoAnswer);
+  EXPECT_EQ(check(folder.path(), false, text), kNoAnswer);
+  EXPECT_EQ(text, "wavelomctl: " + folder.path() + ": Is a directory\n");
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 #include "tests/server/CapturedProcessLog.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/TempFolder.h"
+#include "tools/ctl/Commands.h"
 #include "tools/ctl/ControlClient.h"
 #include "tools/ctl/Render.h"
 #include "tools/ctl/Run.h"
@@ -43,6 +44,8 @@ Outcome run_with(std::vector<std::string> words) {
   return {status, out.str(), errors.str()};
 }
 
+constexpr char kNoReports[] =
+    "there is no such domain, a time is not as it should be, or a report cannot be read";
 constexpr char kSettings[] =
     R"({"global":{"cli_api_port":0,"listen_port":0,"vrrp_enabled":0},)"
     R"("patterns":[{"pattern":"p1"}],"domains":[{"domain":"d1","pattern":"p1"}]})";
@@ -104,7 +107,7 @@ TEST_F(Control, JsonPrintsTheReplyAsItCame) {
 TEST_F(Control, ShowsADomain) {
   add_worker("d1");
   EXPECT_THAT(ctl({"show", "d1"}).out, StartsWith("details:\n  name                 d1\n"));
-  expect_refusal({"show", "nosuch"}, "domain not found");
+  expect_refusal({"show", "nosuch"}, "there is no domain 'nosuch'");
   expect_refusal({"ap", "d1", "00:11:22:33:44:55", "--links"}, "ap not found");
 }
 
@@ -130,15 +133,23 @@ TEST_F(Control, RefusalsNameTheirReason) {
   expect_refusal({"pattern", "show", "nosuch"}, "there is no pattern 'nosuch'");
   expect_refusal({"pattern", "remove", "nosuch"}, "there is nothing of that name");
   expect_refusal({"domain", "add", "d1", "--pattern", "p1"},
-                 "Domain exists or chosen pattern not exists. (refused: domain=d1)");
+                 "Domain exists or chosen pattern not exists.");
+  expect_refusal({"domain", "add", "d9", "--pattern", "p9"}, "there is no pattern 'p9'");
   expect_refusal({"domain", "set", "d9", "--pattern", "p1"}, "there is no domain 'd9'");
   expect_refusal({"domain", "set", "d1", "--pattern", "p9"}, "there is no pattern 'p9'");
   expect_refusal({"domain", "set", "d1", "--pattern", "p1", "--time-zone", "15:00"},
                  "refused: time_zone=15:00");
   expect_refusal({"global", "set", "vrrp_timeout=0"}, "refused: vrrp_timeout=0");
-  expect_refusal({"optimize", "d1"}, "domain not found");
+  for (const char* command : {"optimize", "show", "watch"})
+    expect_refusal({command, "d1"},
+                   "domain 'd1' is not running: none of its access points has subscribed");
   expect_refusal({"report", "show", "2024-05-01,03:15:00,d1"},
-                 "the controller could not do it; its log tells why");
+                 "there is no such report, or it cannot be read");
+  expect_refusal({"report", "last", "d9"}, kNoReports);
+  expect_refusal({"report", "list", "d1", "--from", "yesterday"}, kNoReports);
+  expect_refusal({"session", "drop", "7"}, "there is no session 7");
+  EXPECT_EQ(ctl({"show", "d1"}).out, "") << "the reason says it all";
+  EXPECT_THAT(ctl({"show", "d1", "--json"}).out, StartsWith(R"({"version":"2.1","server":)"));
   expect_refusal({"request", R"({"cfg":{}})"}, "the controller has no answer to this request");
 }
 
@@ -162,7 +173,6 @@ TEST_F(Control, GlobalOptionsAreShownAndChanged) {
 }
 
 TEST_F(Control, SessionsRolesAndReports) {
-  EXPECT_EQ(ctl({"session", "drop", "1", "2"}).status, kDone);
   EXPECT_EQ(ctl({"session", "list"}).status, kDone);
   expect_output({"role"}, "role    master\nstatus  success\n");
   EXPECT_EQ(ctl({"role", "backup"}).status, kDone);
@@ -182,7 +192,9 @@ TEST_F(Control, WatchGivesUpOnARoundThatDoesNotEnd) {
   EXPECT_EQ(outcome.status, kTimeUp);
   EXPECT_EQ(outcome.out, "   0.0 s  planned, starts soon (0 access points, 0 silent)\n");
   EXPECT_EQ(outcome.errors, "wavelomctl: the round has not ended\n");
-  expect_refusal({"optimize", "d1"}, "the controller could not do it; its log tells why");
+  for (const std::vector<std::string>& start :
+       {std::vector<std::string>{"optimize", "d1"}, {"watch", "d1", "--start"}})
+    expect_refusal(start, kNotStarted);
 }
 
 // --- without a controller -----------------------------------------------------------------------
@@ -200,14 +212,18 @@ TEST(ControlLine, WrongWordsEndWithStatus2) {
                                              {"global", "set", "api_port=x"},
                                              {"global", "set", "enabled=maybe"},
                                              {"pattern", "add", "p", "api_port=1"},
+                                             {"pattern", "remove", "common"},
                                              {"session", "drop", "x"},
                                              {"status", "--port", "0"},
                                              {"watch", "d", "--interval", "0"},
                                              {"completion", "fish"}}) {
     const Outcome outcome = run_with(words);
     EXPECT_EQ(outcome.status, kUsage) << testing::PrintToString(words);
-    EXPECT_NE(outcome.errors, "");
+    EXPECT_THAT(outcome.errors, StartsWith("wavelomctl: "));
   }
+  EXPECT_THAT(run_with({"sing"}).errors, StartsWith("wavelomctl: there is no command 'sing'\n"));
+  EXPECT_THAT(run_with({"domain", "sing"}).errors,
+              StartsWith("wavelomctl: there is no command 'sing'\n"));
 }
 
 TEST(ControlLine, HelpAndVersionAreAnswers) {
@@ -272,11 +288,21 @@ TEST(Render, KeepsControlCharactersFromTheTerminal) {
   EXPECT_EQ(rendered(R"({"name":"a\u001b[2Jb\n"})"), "name  a?[2Jb?\n");
 }
 
+TEST(Render, KeepsFurtherControlCharactersFromTheTerminalToo) {
+  EXPECT_EQ(rendered("{\"name\":\"a\u009b2Jb\u00a0\u00e9\"}"), "name  a?2Jb\u00a0\u00e9\n");
+}
+
+TEST(Render, ColumnsAreAsWideAsTheirLongestTextHasCharacters) {
+  EXPECT_EQ(rendered("{\"d\":[{\"name\":\"M\u00fcnchen\",\"n\":1},{\"name\":\"Bonn\",\"n\":2}]}"),
+            "d:\n  name     n\n  M\u00fcnchen  1\n  Bonn     2\n");
+}
+
 TEST(Verdict, SuccessHasNoFailure) {
   for (const char* text : {"{}", R"({"status":"success"})", R"({"add_status":"Success"})",
                            R"({"remove_status":0,"invalid_parameters":[]})"})
-    EXPECT_EQ(failure_of(yajson::parse(text)), "") << text;
-  EXPECT_NE(failure_of(yajson::parse("[]")), "");
+    EXPECT_EQ(failure_of(yajson::parse(text), "why"), "") << text;
+  EXPECT_NE(failure_of(yajson::parse("[]"), "why"), "");
+  EXPECT_EQ(failure_of(yajson::parse(R"({"status":"failure"})"), "why"), "why");
 }
 
 // --- watching -----------------------------------------------------------------------------------

@@ -148,7 +148,10 @@ void define_state_commands(CLI::App& app, Invocation& invocation) {
   ap->add_option("MAC", invocation.mac, "Its MAC address, with colons")->required();
   ap->add_flag("--links", invocation.links, "Its VAPs with their 802.11r keys and links instead");
   CLI::App* optimize = command(&app, "optimize", "Start a planning round of a domain", invocation,
-                               [](Invocation& i) { i.request = start_request(i.domain); });
+                               [](Invocation& i) {
+                                 i.request = start_request(i.domain);
+                                 i.failure = kNotStarted;
+                               });
   take_domain(optimize, invocation);
   CLI::App* watch =
       command(&app, "watch", "Follow the planning round of a domain to its end", invocation,
@@ -166,7 +169,7 @@ void define_state_commands(CLI::App& app, Invocation& invocation) {
 void define_session_commands(CLI::App& app, Invocation& invocation) {
   CLI::App* session = group_of(app, "session", "Websocket sessions of the access points");
   command(session, "list", "All sessions with their peers", invocation,
-          [](Invocation& i) { i.request = R"({"rrm":{"sessions":1}})"; });
+          [](Invocation& i) { i.request = kListSessions; });
   CLI::App* drop = command(session, "drop", "Close sessions", invocation, [](Invocation& i) {
     Request request("rrm");
     request.command().add("drop_session", 1);
@@ -176,6 +179,9 @@ void define_session_commands(CLI::App& app, Invocation& invocation) {
   });
   drop->add_option("ID", invocation.sessions, "Their numbers")->required();
 }
+
+constexpr char kNoReports[] =
+    "there is no such domain, a time is not as it should be, or a report cannot be read";
 
 void define_report_commands(CLI::App& app, Invocation& invocation) {
   CLI::App* report = group_of(app, "report", "Reports of planning rounds");
@@ -187,6 +193,7 @@ void define_report_commands(CLI::App& app, Invocation& invocation) {
         window.add("date_start", i.from + " UTC");
         window.add("date_finish", i.to + " UTC");
         i.request = request.text();
+        i.failure = kNoReports;
       });
   take_domain(list, invocation);
   list->add_option("--from", invocation.from, "First moment, UTC: YYYY-MM-DD,HH:MM:SS")
@@ -200,6 +207,7 @@ void define_report_commands(CLI::App& app, Invocation& invocation) {
     request.command().add("domain", i.id.substr(i.id.rfind(',') + 1));
     request.command().add("report", i.id);
     i.request = request.text();
+    i.failure = "there is no such report, or it cannot be read";
   });
   show->add_option("REPORT", invocation.id, "Its id as listed: DATE,TIME,DOMAIN")->required();
   CLI::App* last =
@@ -208,6 +216,7 @@ void define_report_commands(CLI::App& app, Invocation& invocation) {
         request.command().add("domain", i.domain);
         request.command().add("last_report", 1);
         i.request = request.text();
+        i.failure = kNoReports;
       });
   take_domain(last, invocation);
 }
@@ -262,7 +271,11 @@ void define_pattern_commands(CLI::App& app, Invocation& invocation) {
                           });
   take_pattern(set, invocation);
   take_settings(set, invocation)->required();
-  take_pattern(command(pattern, "remove", "Remove it and its domains", invocation, named("remove")),
+  take_pattern(command(pattern, "remove", "Remove it and its domains", invocation,
+                       [named](Invocation& i) {
+                         if (i.pattern == "common") refuse("common stays: it cannot be removed");
+                         named("remove")(i);
+                       }),
                invocation);
 }
 
@@ -278,7 +291,10 @@ void define_domain_commands(CLI::App& app, Invocation& invocation) {
       i.request = request.text();
     };
   };
-  CLI::App* add = command(domain, "add", "A new one", invocation, bind("add"));
+  CLI::App* add = command(domain, "add", "A new one", invocation, [bind](Invocation& i) {
+    bind("add")(i);
+    i.needed.push_back({"pattern", i.pattern});
+  });
   CLI::App* set = command(domain, "set", "Other settings or time zone; restarts it", invocation,
                           [bind](Invocation& i) {
                             bind("set")(i);

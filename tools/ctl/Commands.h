@@ -26,6 +26,8 @@ struct Invocation {
   std::string request;                           ///< to be sent
   std::vector<Needed> needed;                    ///< must exist before it is sent
   std::vector<std::string_view> hidden_members;  ///< of the reply, in tables
+  /// Why a command fails whose reply gives no reason.
+  std::string failure = "the controller could not do it; its log tells why";
 
   // The words of the command line.
   std::string domain, pattern, time_zone, mac, id, from, to, role, text, file, shell;
@@ -45,5 +47,9 @@ void define(CLI::App& app, Invocation& invocation);
 std::string list_request(const char* level);
 std::string domain_request(const std::string& domain);
 std::string start_request(const std::string& domain);
+
+inline constexpr char kListSessions[] = R"({"rrm":{"sessions":1}})";
+inline constexpr char kNotStarted[] =
+    "no round was started: one is planned or under way, or the settings of the domain want none";
 
 }  // namespace rrm::ctl

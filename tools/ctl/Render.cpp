@@ -115,19 +115,38 @@ std::string render_object(const JsonValue& object, Hidden hidden, int indent) {
   return table(plain, indent) + nested;
 }
 
+/// Characters, not bytes: the further bytes of one do not count.
+std::size_t width_of(const std::string& text) {
+  return static_cast<std::size_t>(std::count_if(
+      text.begin(), text.end(), [](unsigned char c) { return c < 0x80 || c > 0xbf; }));
+}
+
 }  // namespace
+
+std::string printable(std::string_view text) {
+  std::string shown;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : '\0');
+    // U+0080 to U+009F are two bytes.
+    const bool is_pair = byte == 0xc2 && next >= 0x80 && next < 0xa0;
+    shown += is_pair || byte < 0x20 || byte == 0x7f ? '?' : text[i];
+    if (is_pair) ++i;
+  }
+  return shown;
+}
 
 std::string table(const std::vector<std::vector<std::string>>& rows, int indent) {
   std::vector<std::size_t> widths;
   for (const auto& row : rows) {
     widths.resize(std::max(widths.size(), row.size()));
-    for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
+    for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], width_of(row[i]));
   }
   std::string text;
   for (const auto& row : rows) {
     std::string line(static_cast<std::size_t>(indent), ' ');
     for (std::size_t i = 0; i < row.size(); ++i)
-      line += row[i] + std::string(widths[i] - row[i].size() + 2, ' ');
+      line += row[i] + std::string(widths[i] - width_of(row[i]) + 2, ' ');
     line.erase(line.find_last_not_of(' ') + 1);
     text += line + "\n";
   }
@@ -136,11 +155,7 @@ std::string table(const std::vector<std::vector<std::string>>& rows, int indent)
 
 std::string cell(const JsonValue& value) {
   if (value.is_string()) {
-    // What a terminal would obey comes from access points as often as from operators.
-    std::string text(value.as_string());
-    std::replace_if(
-        text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
-    return text;
+    return printable(value.as_string());
   }
   if (is_plain(value)) return yajson::serialize(value);
   if (value.is_object()) return "{...}";

@@ -21,14 +21,16 @@ std::string refused_options(const JsonValue& reply) {
   for (const JsonValue& entry : list->elements()) {
     if (!entry.is_object()) continue;
     for (const auto& member : entry.members())
-      text += (text.empty() ? "" : ", ") + std::string(member.key()) + "=" + cell(member.value);
+      // The name of a domain that is not added stands there too: it is no option.
+      if (member.key() != "domain")
+        text += (text.empty() ? "" : ", ") + std::string(member.key()) + "=" + cell(member.value);
   }
   return text;
 }
 
 }  // namespace
 
-std::string failure_of(const JsonValue& reply) {
+std::string failure_of(const JsonValue& reply, const std::string& unnamed) {
   if (!reply.is_object()) return "the reply is no JSON object";
   const std::string refused = refused_options(reply);
   const std::string_view added = text_of(reply, "add_status");
@@ -42,7 +44,7 @@ std::string failure_of(const JsonValue& reply) {
     return "there is nothing of that name";
   const std::string_view status = text_of(reply, "status");
   if (status == "error") return "the controller has no answer to this request";
-  if (status == "failure") return "the controller could not do it; its log tells why";
+  if (status == "failure") return unnamed;
   return {};
 }
 

@@ -7,6 +7,7 @@
 namespace rrm::ctl {
 
 /// Why a reply tells of a failure; empty when it does not.
-std::string failure_of(const yajson::JsonValue& reply);
+/// @param unnamed  the reason where the reply names none
+std::string failure_of(const yajson::JsonValue& reply, const std::string& unnamed);
 
 }  // namespace rrm::ctl

@@ -13,7 +13,7 @@ constexpr int kIdle = 0;
 constexpr int kWaitsForItsTime = 1;
 
 std::string refusal_in(const JsonReader& reply) {
-  return reply.is_null() ? "the reply is no JSON" : failure_of(*reply.value());
+  return reply.is_null() ? "the reply is no JSON" : failure_of(*reply.value(), kNotStarted);
 }
 
 /// Answers that have come and that are awaited at this step.
