@@ -206,7 +206,7 @@ TEST_F(Logger, TimeoutSetsTheFileAsideOnceItsPeriodIsOver) {
   configure(" LOG_FILE_TIMEOUT = 3\n FORMAT = \"%msg\"\n");
   LoggerSettings quick = settings();
   quick.rollout_tick = std::chrono::milliseconds(5);
-  quick.hour = std::chrono::milliseconds(20);
+  quick.hour = std::chrono::milliseconds(100);  // a second set-aside file would have the same name
   const RRM_Logger logger(quick);
   EXPECT_TRUE(logger.has_rollout_thread());
   EXPECT_TRUE(wait_until([&] { return set_aside_files() > 0; }));
