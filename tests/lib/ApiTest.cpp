@@ -507,6 +507,22 @@ TEST_F(ApiCommands, DropSessionsAnswersWithTheHeader) {
   EXPECT_EQ(ask(R"({"rrm":{"drop_session":1}})"), header() + "}");
 }
 
+TEST_F(ApiCommands, FailedReportQueriesAreLogged) {
+  config_.reports_path = folder_.path();
+  const auto logs = [&](const char* command, const char* text) {
+    log_.clear();
+    EXPECT_NE(ask("{\"rrm\":" + std::string(command) + "}").find(R"("status":"failure")"),
+              std::string::npos);
+    EXPECT_TRUE(log_.has(LogLevel::Debug, text))
+        << testing::PrintToString(log_.texts(LogLevel::Debug));
+  };
+  logs(R"({"domain":"nosuch","report_list":{}})", "errors = 22");
+  logs(R"({"domain":"nosuch","last_report":1})",
+       "Error call 'reports::get_last_radio_report'. Exit code: 2.");
+  logs(R"({"domain":"d1","report":"2024-05-01,03:15:00,d1"})",
+       "Error call 'reports::get_radio_report'. Exit code: 2.");
+}
+
 TEST_F(ApiCommands, DropSessionsClosesExactlyTheNamedOnesWhateverTheirOrder) {
   config_.listen_port = 0;
   rrm_.start();
