@@ -206,6 +206,8 @@ TEST_F(WorkerTest, RunLockedNeverOverlapsAMessage) {
   for (int i = 0; i < 200; ++i) {
     worker_->enqueue_message(message(i), kNoSession);
     worker_->run_locked(change);
+    // Long enough for the worker to take its turn, and not to end it.
+    std::this_thread::sleep_for(std::chrono::microseconds(20));
   }
   ASSERT_TRUE(wait_until([&] { return worker_->record_count() == 200; }));
   EXPECT_GE(worker_->run_locked([&] { return shared; }), 600);
