@@ -1,7 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "server/lib/Api.h"
 #include "server/lib/RRM.h"
@@ -82,6 +85,22 @@ TEST_F(ApiDomain, UnansweredAccessPointIsDescribedAndCountedAsUnanswered) {
             R"(,"unanswered-ap":{"mac":"00:11:22:00:01:00)");
   EXPECT_EQ(body("{}"), R"(,"domains":[{"name":"site","ap-count":0,"unanswered-ap-count":1,)"
                         R"("deleted-ap-count":0,"common-config":0}]})");
+}
+
+TEST_F(ApiDomain, CommandWaitsForWhatTheWorkerIsDoing) {
+  std::atomic<bool> held{false};
+  std::atomic<bool> released{false};
+  std::thread busy([&] {
+    engine_.worker().run_locked([&] {
+      held = true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(30));
+      released = true;
+    });
+  });
+  while (!held) std::this_thread::yield();
+  EXPECT_EQ(body(R"({"domain":"site","ap":"x"})"), R"(,"error":"ap not found"})");
+  EXPECT_TRUE(released);
+  busy.join();
 }
 
 TEST_F(ApiDomain, WorkerThatHasEndedMeanwhileLeavesTheReplyAsItIs) {
