@@ -507,6 +507,13 @@ TEST_F(ApiCommands, DropSessionsAnswersWithTheHeader) {
   EXPECT_EQ(ask(R"({"rrm":{"drop_session":1}})"), header() + "}");
 }
 
+TEST_F(ApiCommands, AddedPatternRestartsTheDomainsThatHaveWaitedForIt) {
+  config_.load(JsonReader(R"({"domains":[{"domain":"w","pattern":"late"}]})"));
+  EXPECT_NE(ask(R"({"cfg":{"operation":"add","level":"pattern","config":{"pattern":"late"}}})"),
+            "none");
+  EXPECT_EQ(log_.count(LogLevel::Debug, "Worker with domain 'w' erased."), 1U);
+}
+
 TEST_F(ApiCommands, FailedReportQueriesAreLogged) {
   config_.reports_path = folder_.path();
   const auto logs = [&](const char* command, const char* text) {
