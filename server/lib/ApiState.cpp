@@ -126,7 +126,7 @@ void Api::process_rrm_cmd_get_report_list(const JsonReader& command, JsonWriter&
 }
 
 void Api::process_rrm_cmd_get_last_report(const JsonReader& command, JsonWriter& reply) {
-  if (command.child("last_report").is_null())
+  if (!command.has("last_report"))
     throw std::invalid_argument("process_rrm_cmd_get_last_report: Invalid argument 'cmd'.");
   const std::string domain = command.get_str("domain");
   const bool known = config_.is_domain_exist(domain);
