@@ -154,6 +154,7 @@ template <class T, std::size_t kApart, class GiveUp>
 bool push_with_backoff(MessageRing<T, kApart>& ring, std::type_identity_t<T>&& value,
                        GiveUp&& give_up) {
   PushBackoff backoff;
+  // NOLINTNEXTLINE(bugprone-use-after-move): it is moved from on success only
   while (!ring.try_push(std::move(value)))
     if (give_up() || !backoff.wait()) return false;
   return true;

@@ -1,6 +1,5 @@
 #include "server/lib/RrmProblist.h"
 
-
 #include "server/lib/Hooks.h"
 
 namespace rrm {

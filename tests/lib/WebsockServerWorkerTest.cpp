@@ -19,6 +19,7 @@
 #include "server/lib/Envelope.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/FakeClock.h"
+#include "tests/support/FewDescriptors.h"
 #include "tests/support/HttpClient.h"
 #include "tests/support/LoopbackServer.h"
 #include "tests/support/VirtualSleep.h"
@@ -950,21 +951,19 @@ TEST_F(WaitingServer, TriesAgainWhileItsThreadsCannotBeStarted) {
 }
 
 TEST(WebsockServer, TriesAgainWhileItsLoopWouldGetNoDescriptors) {
+  if (!test::FewDescriptors::kPossible) GTEST_SKIP() << test::FewDescriptors::kWhyNot;
   const test::CapturedLog log;
   const test::VirtualSleep sleep;
   GlobalConfig config;
   config.listen_port = 0;
   RRM rrm(&config);
-  rlimit normal{};
-  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &normal), 0);
-  const rlimit low{3, normal.rlim_max};  // what is open stays so
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+  auto few = std::make_unique<test::FewDescriptors>(0);
   rrm.websock_server().start();
   EXPECT_TRUE(wait_until([] { return test::slept_us >= 2000000; }));
   EXPECT_EQ(rrm.websock_server().port(), 0);
   EXPECT_EQ(log.texts(LogLevel::Error).at(0),
             "too few descriptors are left for the access-point server");
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &normal), 0);
+  few.reset();
   EXPECT_TRUE(wait_until([&] { return rrm.websock_server().port() != 0; }));
   EXPECT_TRUE(RawClient(rrm.websock_server().port()).handshake());
 }

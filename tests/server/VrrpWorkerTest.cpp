@@ -21,6 +21,7 @@ using rrm::JsonReader;
 using rrm::JsonWriter;
 using rrm::VrrpRole;
 using rrm::test::Engine;
+using rrm::test::FewDescriptors;
 using rrm::test::RadioSpec;
 using rrm::test::TempFolder;
 
@@ -225,11 +226,12 @@ TEST_F(Vrrp, FileThatIsNoJsonStillRestoresTheOthers) {
 }
 
 TEST_F(Vrrp, FilesThatCannotBeOpenedAreLoggedOneByOne) {
+  if (!FewDescriptors::kPossible) GTEST_SKIP() << FewDescriptors::kWhyNot;
   std::filesystem::create_directory(backups());
   folder_.write("backup/a.json", R"({"name":"a"})");
   folder_.write("backup/b.json", R"({"name":"b"})");
   {
-    const rrm::test::FewDescriptors for_the_folder(1);
+    const FewDescriptors for_the_folder(1);
     EXPECT_EQ(restored(), "[]");
   }
   auto errors = log_.texts(el::Level::Error);
