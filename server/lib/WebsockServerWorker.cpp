@@ -469,11 +469,13 @@ void WebsockServerWorker::count_message(const SessionAddress& address, std::int6
 }
 
 void WebsockServerWorker::queue_for_parsing(ReceivedText&& received) {
+  const std::size_t size = received.text.size();
+  const std::uint32_t id = received.session->address.id;
   if (parsing_.push(std::move(received))) return;
-  backlog_ -= received.text.size();
+  backlog_ -= size;
   if (stop_) return;
   RRM_LOG(Error, "jsonificator_queue overflow: message dropped from session %d",
-          static_cast<int>(received.session->address.id));
+          static_cast<int>(id));
   raise_event(EventCode::WebsocketOverflow);
 }
 
