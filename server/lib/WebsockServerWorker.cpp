@@ -39,6 +39,11 @@ constexpr int kLibraryLogAll = 0x3ff;
 constexpr useconds_t kRetryStep_us = 100000;
 constexpr int kRetrySteps = 10;  ///< about a second between two attempts to listen
 
+/// The library's own watch over idle connections, switched off: it would ping after five minutes
+/// without a pong however much the access point sends, hang up ten seconds later, and write over
+/// the reason of a close that is on its way. The ping worker watches the sessions.
+constexpr lws_retry_bo_t kNoIdlePolicy{};
+
 struct ReasonName {
   int reason;
   const char* name;
@@ -223,6 +228,7 @@ bool WebsockServerWorker::create_context() {
   info.options = LWS_SERVER_OPTION_DISABLE_IPV6 | LWS_SERVER_OPTION_LIBEV |
                  LWS_SERVER_OPTION_FAIL_UPON_UNABLE_TO_BIND;
   info.foreign_loops = loops_.data();
+  info.retry_and_idle_policy = &kNoIdlePolicy;
   info.user = this;
   update_library_log_level();
 

@@ -66,4 +66,28 @@ TEST_F(SteeredClock, DutiesOfSecondsMinutesAndDaysRunFasterAndAnInterruptEndsItW
   EXPECT_EQ(process_->wait(), 0) << process_->errors();
 }
 
+TEST_F(SteeredClock, AnAccessPointThatKeepsTalkingIsNeverPingedNorHungUpOn) {
+  configure("");
+  start_with({kLauncher, "-f", "+0 x100"}, {"c.conf"});
+  ASSERT_TRUE(is_serving(ap_port_)) << process_->errors();
+  rrm::test::RawClient ap(ap_port_);
+  ASSERT_TRUE(ap.handshake());
+  // 330 seconds of the process, a message in every fifth of them. Five minutes are what the library
+  // by itself allows between two pongs.
+  for (int i = 0; i < 66; ++i) {
+    ASSERT_TRUE(ap.send_frame(rrm::test::RawClient::Text, "{}")) << "message " << i;
+    const auto frame = ap.receive_frame(50);
+    if (frame.opcode == rrm::test::RawClient::Ping && frame.payload == "lws_ping") {
+      // The machine has kept this test waiting for half a minute of that clock.
+      ASSERT_TRUE(ap.send_frame(rrm::test::RawClient::Pong, frame.payload));
+      continue;
+    }
+    ASSERT_EQ(frame.opcode, -1) << "message " << i << ": " << frame.payload;
+  }
+  const pid_t child = controller();
+  ASSERT_GT(child, 0);
+  EXPECT_EQ(::kill(child, SIGINT), 0);
+  EXPECT_EQ(process_->wait(), 0) << process_->errors();
+}
+
 }  // namespace
