@@ -18,6 +18,10 @@
 namespace rrm {
 namespace {
 
+/// The lock is not fair: a thread with messages left would have it again before one that waits for
+/// it is awake. So long it keeps off after each message while somebody waits.
+constexpr useconds_t kTurn_us = 50;
+
 std::size_t ring_capacity(int requested) {
   return requested < 1 ? 2 : static_cast<std::size_t>(requested);
 }
@@ -187,6 +191,7 @@ void Worker::serve() {
 void Worker::process_until_not_ready() {
   while (can_process(running_)) {
     bool idle = false;
+    if (waiting_ > 0) usleep(kTurn_us);
     {
       const std::lock_guard lock(processing_mutex_);
       on_loop();

@@ -85,7 +85,9 @@ class Worker : public std::enable_shared_from_this<Worker> {
   /// own operations: the processing lock is not recursive.
   template <class Function>
   auto run_locked(Function&& function) {
+    ++waiting_;
     const std::lock_guard lock(processing_mutex_);
+    --waiting_;
     return function();
   }
 
@@ -95,6 +97,7 @@ class Worker : public std::enable_shared_from_this<Worker> {
   std::size_t queue_size() const noexcept { return normal_.size() + force_.size(); }
   std::size_t queue_capacity() const noexcept { return normal_.capacity(); }  ///< of each queue
   std::uint64_t dropped_count() const noexcept { return dropped_; }
+  int waiting_count() const noexcept { return waiting_; }  ///< callers that run_locked holds up
   /// Called after every successful enqueue, on the producer's thread. Set before anyone enqueues.
   void set_enqueue_hook(std::function<void()> hook) { enqueue_hook_ = std::move(hook); }
   const std::string& name() const noexcept { return name_; }
@@ -128,6 +131,7 @@ class Worker : public std::enable_shared_from_this<Worker> {
   std::thread take_thread();
 
   std::mutex processing_mutex_;
+  std::atomic<int> waiting_{0};       ///< callers of run_locked that do not have the lock yet
   std::atomic<bool> started_{false};  ///< a thread was started and neither joined nor detached
   std::atomic<bool> ready_{false};    ///< connect() succeeded, disconnect() has not run since
   std::thread thread_;                ///< guarded by thread_mutex_

@@ -1,8 +1,10 @@
 #include "server/lib/Worker.h"
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/prctl.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -241,6 +243,25 @@ TEST_F(WorkerTest, AMessageAndAStopWakeOneThatWaitsForItsDescriptor) {
   }
   sleepy->stop();
   EXPECT_EQ(sleepy->messages, 5);
+}
+
+TEST_F(WorkerTest, KeepsOffAfterAMessageWhileACallerOfRunLockedWaits) {
+  const test::VirtualSleep sleep;
+  std::vector<std::int64_t> kept_off;  // so far, at each message
+  std::thread caller;
+  worker_->on_message = [&](const JsonReader&) {
+    kept_off.push_back(test::sleeps);
+    if (caller.joinable()) return;
+    caller = std::thread([&] { worker_->run_locked([] {}); });
+    wait_until([&] { return worker_->waiting_count() == 1; });
+  };
+  for (int i = 0; i < 3; ++i) worker_->enqueue_message(message(i), kNoSession);
+  worker_->start();
+  ASSERT_TRUE(wait_until([&] { return worker_->record_count() == 3; }));
+  caller.join();
+  EXPECT_EQ(kept_off[0], 0);
+  EXPECT_GE(kept_off[1], 1) << "the caller was let in first";
+  EXPECT_EQ(worker_->waiting_count(), 0);
 }
 
 TEST_F(WorkerTest, OnLoopRunsAlsoWhileIdle) {
