@@ -1,10 +1,8 @@
 #include "server/lib/Worker.h"
 
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/prctl.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <memory>
