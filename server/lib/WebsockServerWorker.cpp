@@ -372,6 +372,9 @@ int WebsockServerWorker::on_event(lws* wsi, int reason, void* user, const char* 
     case LWS_CALLBACK_SERVER_WRITEABLE:
       if (WebsockSession* const session = session_of(user)) return on_writeable(*session);
       return 0;
+    case LWS_CALLBACK_WS_PEER_INITIATED_CLOSE:
+      if (WebsockSession* const session = session_of(user)) session->closing = true;
+      return 0;
     case LWS_CALLBACK_CLOSED:
     case LWS_CALLBACK_CLOSED_HTTP:
       on_closed(wsi, user);
@@ -591,6 +594,7 @@ void WebsockServerWorker::serve_waiting(std::size_t index) {
     if (target.queue->closed) continue;
     target.queue->listed = false;
     lws* const wsi = session.address.wsi;
+    if (session.closing && !session.drop_due) continue;  // nothing may follow a close frame
     if (!session.drop_due && lws_partial_buffered(wsi) == 0) {
       // There is room: no need to wait for the moment to write. Closing needs a callback, though.
       if (send_next(session, *target.queue) == 0) continue;
@@ -605,7 +609,6 @@ void WebsockServerWorker::serve_waiting(std::size_t index) {
 // --- sending
 
 int WebsockServerWorker::on_writeable(WebsockSession& session) {
-  if (session.closing) return -1;
   lws* const wsi = session.address.wsi;
   const std::int32_t tsi = session.address.tsi;
   if (!is_service_thread(tsi)) {
@@ -614,7 +617,10 @@ int WebsockServerWorker::on_writeable(WebsockSession& session) {
     return 0;
   }
   const auto queue = outgoing_[static_cast<std::size_t>(tsi)].find(wsi);
-  return queue == nullptr ? 0 : send_next(session, *queue);
+  if (!session.closing && (queue == nullptr || send_next(session, *queue) == 0)) return 0;
+  session.closing = true;
+  if (queue != nullptr) queue->closed = true;  // nobody need wait for room any more
+  return -1;
 }
 
 /// Sends one message of the queue. @return what the callback returns: -1 closes the connection

@@ -27,7 +27,7 @@ struct WebsockSession : std::enable_shared_from_this<WebsockSession> {
   /// It was asked to close; a peer that takes nothing more is then cut off.
   std::atomic<bool> drop_due{false};
   std::shared_ptr<Outgoing> outgoing;  ///< as in its service thread's map; empty until first used
-  bool closing = false;                ///< its end was sent for; service thread only
+  bool closing = false;                ///< its end is under way; service thread only
   std::string receive_buffer;          ///< fragments of the message being received
 };
 

@@ -427,6 +427,24 @@ TEST_P(Drop, ClosesThatSessionWithCode1000Done) {
   }));
 }
 
+TEST_P(Drop, NothingFollowsTheCloseFrame) {
+  RawClient ap(server_.server().port());
+  ASSERT_TRUE(ap.handshake());
+  const auto address = server_.wait_sessions(1)[0];
+  server_.rrm.drop_session_at_websock_worker(address, GetParam());
+  for (int i = 0; i < 10; ++i) server_.rrm.send_text("too late", address);
+  const auto frame = ap.receive_frame();
+  EXPECT_EQ(frame.opcode, RawClient::Close);
+  EXPECT_EQ(frame.payload,
+            "\x03\xe8"
+            "done");
+  for (int i = 0; i < 10; ++i) {
+    server_.rrm.send_text("later still", address);
+    usleep(1000);
+  }
+  EXPECT_EQ(ap.receive_frame(50).opcode, -1);
+}
+
 INSTANTIATE_TEST_SUITE_P(Force, Drop, testing::Bool(),
                          [](const auto& test) { return test.param ? "Yes" : "No"; });
 
