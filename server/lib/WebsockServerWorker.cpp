@@ -373,7 +373,8 @@ int WebsockServerWorker::on_event(lws* wsi, int reason, void* user, const char* 
       if (WebsockSession* const session = session_of(user)) return on_writeable(*session);
       return 0;
     case LWS_CALLBACK_WS_PEER_INITIATED_CLOSE:
-      if (WebsockSession* const session = session_of(user)) session->closing = true;
+      if (WebsockSession* const session = session_of(user))
+        session->end = WebsockSession::End::UnderWay;
       return 0;
     case LWS_CALLBACK_CLOSED:
     case LWS_CALLBACK_CLOSED_HTTP:
@@ -594,11 +595,12 @@ void WebsockServerWorker::serve_waiting(std::size_t index) {
     if (target.queue->closed) continue;
     target.queue->listed = false;
     lws* const wsi = session.address.wsi;
-    if (session.closing && !session.drop_due) continue;  // nothing may follow a close frame
+    // Nothing may follow a close frame.
+    if (session.end != WebsockSession::End::None && !session.drop_due) continue;
     if (!session.drop_due && lws_partial_buffered(wsi) == 0) {
       // There is room: no need to wait for the moment to write. Closing needs a callback, though.
       if (send_next(session, *target.queue) == 0) continue;
-      session.closing = true;
+      session.end = WebsockSession::End::Due;
     }
     lws_callback_on_writable(wsi);
     if (session.drop_due) lws_set_timeout(wsi, PENDING_TIMEOUT_USER_OK, stuck_peer_s_);
@@ -617,8 +619,10 @@ int WebsockServerWorker::on_writeable(WebsockSession& session) {
     return 0;
   }
   const auto queue = outgoing_[static_cast<std::size_t>(tsi)].find(wsi);
-  if (!session.closing && (queue == nullptr || send_next(session, *queue) == 0)) return 0;
-  session.closing = true;
+  using End = WebsockSession::End;
+  if (session.end == End::UnderWay) return 0;
+  if (session.end == End::None && (queue == nullptr || send_next(session, *queue) == 0)) return 0;
+  session.end = End::UnderWay;
   if (queue != nullptr) queue->closed = true;  // nobody need wait for room any more
   return -1;
 }

@@ -27,8 +27,10 @@ struct WebsockSession : std::enable_shared_from_this<WebsockSession> {
   /// It was asked to close; a peer that takes nothing more is then cut off.
   std::atomic<bool> drop_due{false};
   std::shared_ptr<Outgoing> outgoing;  ///< as in its service thread's map; empty until first used
-  bool closing = false;                ///< its end is under way; service thread only
-  std::string receive_buffer;          ///< fragments of the message being received
+  /// Of the connection: still to be begun by a callback, or begun by either end, when nothing more
+  /// may be sent. Service thread only.
+  enum class End { None, Due, UnderWay } end = End::None;
+  std::string receive_buffer;  ///< fragments of the message being received
 };
 
 }  // namespace rrm
