@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -18,6 +19,7 @@
 #include "server/lib/report_alarm.h"
 #include "server/lib/report_fields.h"
 #include "tests/support/CapturedLog.h"
+#include "tests/support/NoNewThreads.h"
 #include "tests/support/RecordingWorker.h"
 #include "tests/support/TempFolder.h"
 #include "tests/support/WebsockClients.h"
@@ -99,14 +101,10 @@ TEST_F(RRMTest, ANewWorkerHasTheTimeZoneOfItsDomain) {
 }
 
 TEST_F(RRMTest, ADomainWhoseThreadCannotBeStartedIsGivenUpAndComesToLifeLater) {
-  pthread_attr_t normal;
-  ASSERT_EQ(pthread_getattr_default_np(&normal), 0);
-  pthread_attr_t huge = normal;
-  ASSERT_EQ(pthread_attr_setstacksize(&huge, std::size_t{1} << 50), 0);
-  ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
+  auto no_threads = std::make_unique<test::NoNewThreads>();
   receive(subscription("site"));
   rrm_.restore_domains(R"([{"name":"site"},{"name":"other"}])");
-  ASSERT_EQ(pthread_setattr_default_np(&normal), 0);
+  no_threads.reset();
   EXPECT_EQ(rrm_.workers().size(), 0U);
   const std::string reason = "': Resource temporarily unavailable";
   EXPECT_EQ(log_.texts(LogLevel::Error),

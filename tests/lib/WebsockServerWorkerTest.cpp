@@ -4,8 +4,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <pthread.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -20,8 +18,11 @@
 #include "tests/support/CapturedLog.h"
 #include "tests/support/FakeClock.h"
 #include "tests/support/FewDescriptors.h"
+#include "tests/support/FileLimit.h"
+#include "tests/support/FreePort.h"
 #include "tests/support/HttpClient.h"
 #include "tests/support/LoopbackServer.h"
+#include "tests/support/NoNewThreads.h"
 #include "tests/support/VirtualSleep.h"
 
 namespace rrm {
@@ -855,11 +856,7 @@ TEST_F(WebsockClientsTest, AStormOfConnectionsThatAreResetAtOnceLeavesNothingBeh
 }
 
 TEST_F(WebsockServerTest, ConnectionsThatWouldTakeTheLastDescriptorsAreRefused) {
-  rlimit normal{};
-  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &normal), 0);
-  rlimit low = normal;
-  low.rlim_cur = 160;  // an eighth of it is spared
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+  const test::FileLimit low(160);  // an eighth of it is spared
   std::vector<std::unique_ptr<RawClient>> clients;
   do {
     clients.push_back(std::make_unique<RawClient>(server_.port()));
@@ -876,7 +873,6 @@ TEST_F(WebsockServerTest, ConnectionsThatWouldTakeTheLastDescriptorsAreRefused) 
   clients.resize(clients.size() - 6);  // the refused one and some that were served
   EXPECT_EQ(server_.wait_sessions(clients.size()).size(), clients.size());
   EXPECT_TRUE(RawClient(server_.port()).handshake());
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &normal), 0);
 }
 
 // --- the worker's own life
@@ -895,18 +891,35 @@ TEST_F(WebsockServerTest, ComesBackAfterAStopWithItsSessionsGone) {
   }
 }
 
+/// A port on which somebody else listens.
+class TakenPort {
+ public:
+  TakenPort() {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(number_));
+    EXPECT_EQ(bind(listener_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(listen(listener_, 1), 0);
+  }
+  ~TakenPort() { release(); }
+  TakenPort(const TakenPort&) = delete;
+  TakenPort& operator=(const TakenPort&) = delete;
+
+  void release() {
+    if (listener_ >= 0) close(std::exchange(listener_, -1));
+  }
+  int number() const { return number_; }
+
+ private:
+  const int number_ = test::free_port();
+  int listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+};
+
 TEST(WebsockServer, TriesAgainWhileItsPortIsTakenAndCanBeStoppedMeanwhile) {
   test::CapturedLog log;
-  const int blocker = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  ASSERT_EQ(bind(blocker, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-  ASSERT_EQ(listen(blocker, 1), 0);
-  socklen_t length = sizeof address;
-  getsockname(blocker, reinterpret_cast<sockaddr*>(&address), &length);
-
+  TakenPort port;
   GlobalConfig config;
-  config.listen_port = ntohs(address.sin_port);
+  config.listen_port = port.number();
   RRM rrm(&config);
   rrm.websock_server().start();
   const test::VirtualSleep sleep;  // no real pause between the attempts
@@ -914,7 +927,7 @@ TEST(WebsockServer, TriesAgainWhileItsPortIsTakenAndCanBeStoppedMeanwhile) {
   EXPECT_EQ(rrm.websock_server().port(), 0);
   rrm.websock_server().stop();
   rrm.websock_server().start();
-  close(blocker);
+  port.release();
   EXPECT_TRUE(wait_until([&] { return rrm.websock_server().port() != 0; }));
   EXPECT_EQ(rrm.websock_server().port(), config.listen_port);
   EXPECT_TRUE(RawClient(rrm.websock_server().port()).handshake());
@@ -925,17 +938,11 @@ TEST(WebsockServer, TriesAgainWhileItsPortIsTakenAndCanBeStoppedMeanwhile) {
 class WaitingServer : public testing::Test {
  protected:
   void SetUp() override {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    ASSERT_EQ(bind(blocker_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    ASSERT_EQ(listen(blocker_, 1), 0);
-    socklen_t length = sizeof address;
-    getsockname(blocker_, reinterpret_cast<sockaddr*>(&address), &length);
-    config_.listen_port = ntohs(address.sin_port);
+    config_.listen_port = port_.number();
     rrm_.websock_server().start();
     ASSERT_TRUE(wait_until([] { return test::slept_us >= 1000000; }));
   }
-  void release() { close(std::exchange(blocker_, -1)); }
+
   bool has_logged(const std::string& text) {
     return wait_until([&] {
       const Texts errors = log_.texts(LogLevel::Error);
@@ -949,22 +956,18 @@ class WaitingServer : public testing::Test {
 
   const test::CapturedLog log_;
   const test::VirtualSleep sleep_;
-  int blocker_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  TakenPort port_;
   GlobalConfig config_;
   RRM rrm_{&config_};
 };
 
 TEST_F(WaitingServer, TriesAgainWhileItsThreadsCannotBeStarted) {
-  pthread_attr_t normal;
-  ASSERT_EQ(pthread_getattr_default_np(&normal), 0);
-  pthread_attr_t huge = normal;
-  ASSERT_EQ(pthread_attr_setstacksize(&huge, std::size_t{1} << 50), 0);
-  ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
-  release();
+  auto no_threads = std::make_unique<test::NoNewThreads>();
+  port_.release();
   EXPECT_TRUE(
       has_logged("threads of the access-point server cannot be started: "
                  "Resource temporarily unavailable"));
-  ASSERT_EQ(pthread_setattr_default_np(&normal), 0);
+  no_threads.reset();
   EXPECT_TRUE(serves());
 }
 

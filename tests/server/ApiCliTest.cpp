@@ -20,6 +20,7 @@
 #include "tests/server/CapturedProcessLog.h"
 #include "tests/server/FrontEndParts.h"
 #include "tests/support/FewDescriptors.h"
+#include "tests/support/FileLimit.h"
 #include "tests/support/HttpClient.h"
 #include "tests/support/WebsockClients.h"
 
@@ -316,10 +317,7 @@ TEST_F(TcpApiLimits, BeyondTheMostConnectionsTheOldestGivesWay) {
 }
 
 TEST_F(TcpApi, NearTheLimitOfOpenFilesTheOldestGivesWay) {
-  rlimit normal{};
-  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &normal), 0);
-  const rlimit low{160, normal.rlim_max};
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+  const rrm::test::FileLimit low(160);
   std::vector<std::unique_ptr<TcpClient>> clients;
   do {
     clients.push_back(std::make_unique<TcpClient>(api_.port()));
@@ -329,7 +327,6 @@ TEST_F(TcpApi, NearTheLimitOfOpenFilesTheOldestGivesWay) {
   EXPECT_GT(clients.size(), 50U);
   EXPECT_LT(clients.size(), 80U);
   EXPECT_EQ(ask(*clients[1], R"({"foo":1})"), kError);
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &normal), 0);
 }
 
 TEST(TcpApiPort, IsTakenAgainAtOnceWhenItsConnectionsWereOpen) {

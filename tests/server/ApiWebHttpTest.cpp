@@ -11,6 +11,7 @@
 
 #include "server/lib/Descriptors.h"
 #include "tests/server/WebApi.h"
+#include "tests/support/FileLimit.h"
 
 /// How the HTTP(S) front-end speaks the protocol: with by-hand clients over real sockets.
 namespace {
@@ -496,10 +497,7 @@ TEST_F(WebHttp, BeyondTheMostConnectionsTheOneIdleTheLongestGivesWay) {
 
 TEST_F(WebHttp, ConnectionsThatWouldTakeTheLastDescriptorsAreRefused) {
   start();
-  rlimit normal{};
-  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &normal), 0);
-  const rlimit low{160, normal.rlim_max};
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+  const rrm::test::FileLimit low(160);
   std::vector<std::unique_ptr<TcpClient>> clients;
   do {
     clients.push_back(std::make_unique<TcpClient>(port_));
@@ -512,7 +510,6 @@ TEST_F(WebHttp, ConnectionsThatWouldTakeTheLastDescriptorsAreRefused) {
   clients.resize(clients.size() - 6);  // the refused one and some that were served
   EXPECT_TRUE(wait_connections(clients.size()));
   EXPECT_TRUE(tells_role(http_post(port_, kAskRole)));
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &normal), 0);
 }
 
 }  // namespace

@@ -1,7 +1,8 @@
 #pragma once
 
-#include <sys/resource.h>
 #include <unistd.h>
+
+#include "tests/support/FileLimit.h"
 
 namespace rrm::test {
 
@@ -16,19 +17,16 @@ class FewDescriptors {
   static constexpr char kWhyNot[] =
       "the undefined-behaviour sanitizer looks at objects through pipes";
 
-  explicit FewDescriptors(rlim_t free) {
-    ::getrlimit(RLIMIT_NOFILE, &before_);
-    const int next = ::dup(STDIN_FILENO);
-    ::close(next);
-    const rlimit few{static_cast<rlim_t>(next) + free, before_.rlim_max};
-    ::setrlimit(RLIMIT_NOFILE, &few);
-  }
-  ~FewDescriptors() { ::setrlimit(RLIMIT_NOFILE, &before_); }
-  FewDescriptors(const FewDescriptors&) = delete;
-  FewDescriptors& operator=(const FewDescriptors&) = delete;
+  explicit FewDescriptors(rlim_t free) : limit_(next_descriptor() + free) {}
 
  private:
-  rlimit before_{};
+  static rlim_t next_descriptor() {
+    const int next = ::dup(STDIN_FILENO);
+    ::close(next);
+    return static_cast<rlim_t>(next);
+  }
+
+  const FileLimit limit_;
 };
 
 }  // namespace rrm::test

@@ -1,10 +1,7 @@
 #include "tests/support/ProcessUnderTest.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -74,19 +71,5 @@ int ProcessUnderTest::wait(int timeout_ms) {
 
 std::string ProcessUnderTest::output() const { return content(folder_ + kOutput); }
 std::string ProcessUnderTest::errors() const { return content(folder_ + kErrors); }
-
-int free_port() {
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof(address);
-  int port = 0;
-  if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), length) == 0 &&
-      ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0)
-    port = ntohs(address.sin_port);
-  ::close(fd);
-  return port;
-}
 
 }  // namespace rrm::test

@@ -34,7 +34,4 @@ class ProcessUnderTest {
   int status_ = -1;
 };
 
-/// A TCP port of loopback that nobody uses at the moment.
-int free_port();
-
 }  // namespace rrm::test

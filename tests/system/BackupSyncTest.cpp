@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/FreePort.h"
 #include "tests/support/ProcessUnderTest.h"
 #include "tests/support/TempFolder.h"
 #include "tests/support/WebsockClients.h"

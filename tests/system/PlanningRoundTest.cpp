@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "server/lib/report_fields.h"
+#include "tests/support/FreePort.h"
 #include "tests/support/HttpClient.h"
 #include "tests/support/ProcessUnderTest.h"
 #include "tests/support/TempFolder.h"

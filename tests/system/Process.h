@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/FreePort.h"
 #include "tests/support/HttpClient.h"
 #include "tests/support/ProcessUnderTest.h"
 #include "tests/support/TempFolder.h"

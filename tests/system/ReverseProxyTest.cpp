@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/FreePort.h"
 #include "tests/system/Process.h"
 
 /// The reverse proxy that is shipped as a sample, before the real process.
