@@ -23,9 +23,8 @@ inline constexpr std::size_t kCacheLine = 64;  ///< bytes
 /// Threading: try_push and try_pop from any thread; size() and empty() are a moment's impression.
 /// Ownership: owns the values it holds; no allocation after construction.
 /// @tparam T default-constructible and nothrow move-assignable
-/// @tparam kApart bytes from one end's position to the other's: a cache line where both ends are
-/// busy
-///         at once, less where there are many rings that are mostly empty
+/// @tparam kApart bytes between the positions of the two ends: a cache line where both are busy at
+///         once, less where there are many rings that are mostly empty
 template <class T, std::size_t kApart = kCacheLine>
 class MessageRing {
  public:

@@ -51,7 +51,7 @@ class ParsingThreads {
   /// Queues a message, without waking anybody yet. A full queue holds the caller for up to about a
   /// minute. @return whether it was queued; otherwise it is still the caller's
   bool push(ReceivedText&& received);
-  /// Wakes a thread if something waits and all are asleep.
+  /// Wakes a thread if something waits and one sleeps.
   void wake() noexcept;
 
  private:

@@ -23,7 +23,7 @@ struct alignas(kCacheLine) _SafeQueue {
   Ring force{kCapacity};
   int tsi = -1;  ///< service thread of the session
 
-  std::atomic<bool> closed{false};   ///< the session is gone: waiting producers give up
+  std::atomic<bool> closed{false};   ///< the session ends: waiting producers give up
   std::atomic<bool> listed{false};   ///< the service thread already knows that something waits
   std::atomic<bool> clogged{false};  ///< a producer gave up and nothing was taken since
 

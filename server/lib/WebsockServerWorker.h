@@ -28,8 +28,8 @@ class GlobalConfig;
 /// Websocket server of the access points.
 ///
 /// Purpose:   joins received frames to messages and hands them to the parsing threads, which pass
-///            them to the dispatcher; sends what other threads queue for a session. Its
-///            own worker thread only connects, waits and disconnects.
+///            them to the dispatcher; sends what other threads queue for a session. Its own worker
+///            thread only connects, waits and disconnects.
 /// Threading: enqueue_* and sessions() from any thread. Callbacks of libwebsockets run on its
 ///            service threads; foreign threads only wake these through their loops, because even
 ///            lws_cancel_service writes log lines into a buffer that all threads share.
