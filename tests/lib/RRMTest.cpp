@@ -658,8 +658,8 @@ TEST_F(RRMReportsTest, ConfiguredDomainsKeepTheReportsOfTheirDaysToLive) {
   JsonWriter errors = JsonWriter::array(document, "errors");
   ASSERT_TRUE(config_.pattern_change("common", JsonReader(R"({"report_days_to_live":3})"), errors,
                                      invalid, changed));
-  const auto line = [](int days_ago) {
-    return "1.1," + reports::format_time(std::time(nullptr) - days_ago * 86400 - 60) + "\n";
+  const auto line = [now = std::time(nullptr)](int days_ago) {
+    return "1.1," + reports::format_time(now - days_ago * 86400 - 60) + "\n";
   };
   for (const std::string domain : {"site", "other"})
     for (const char* kind : {"report_", "report_cfg_", "report_idx_"})

@@ -23,13 +23,16 @@ std::string content(const std::string& path) {
   return text.str();
 }
 
-[[noreturn]] void become(const std::string& folder, const std::vector<std::string>& arguments) {
+int create(const std::string& path) {
+  return ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+}
+
+[[noreturn]] void become(const std::string& folder, const std::vector<std::string>& arguments,
+                         int output, int errors) {
   std::vector<char*> words;
   for (const std::string& argument : arguments)
     words.push_back(const_cast<char*>(argument.c_str()));
   words.push_back(nullptr);
-  const int output = ::open((folder + kOutput).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  const int errors = ::open((folder + kErrors).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
   ::dup2(output, STDOUT_FILENO);
   ::dup2(errors, STDERR_FILENO);
   if (::chdir(folder.c_str()) == 0) ::execv(words[0], words.data());
@@ -40,8 +43,14 @@ std::string content(const std::string& path) {
 
 ProcessUnderTest::ProcessUnderTest(const std::string& folder,
                                    const std::vector<std::string>& arguments)
-    : folder_(folder), pid_(::fork()) {
-  if (pid_ == 0) become(folder, arguments);
+    : folder_(folder), pid_(-1) {
+  // Here and not in the child: what an earlier process wrote there is no sign of life of this one.
+  const int output = create(folder + kOutput);
+  const int errors = create(folder + kErrors);
+  pid_ = ::fork();
+  if (pid_ == 0) become(folder, arguments, output, errors);
+  ::close(output);
+  ::close(errors);
 }
 
 ProcessUnderTest::~ProcessUnderTest() {

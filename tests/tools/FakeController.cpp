@@ -100,6 +100,7 @@ void FakeController::answer(lws* wsi, Session& session, const std::string& text)
   if (cmd == "subscribe-request") return subscribe(wsi, session);
   if (cmd == "rrm-mode-response" && ++modes_ == behaviour_.aps) {
     send_all(R"({"service":"rrm","cmd":"rrm-update","rrm-scan-delay":0})");
+    if (behaviour_.when_modes_known) behaviour_.when_modes_known();
   }
   if (cmd == "rrm-response" && ++scans_ == behaviour_.aps) {
     send_all(

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <thread>
@@ -22,10 +23,11 @@ class FakeController {
  public:
   struct Behaviour {
     std::uint32_t aps = 1;
-    std::uint32_t drop_subscriptions = 0;    ///< the first so many are answered by closing
-    std::uint32_t refuse_subscriptions = 0;  ///< the next so many by "fail" 503
-    std::string plan_padding{};              ///< added to every plan, to make it long
-    bool keys = false;                       ///< one 802.11r link each, some ms behind the plan
+    std::uint32_t drop_subscriptions = 0;      ///< the first so many are answered by closing
+    std::uint32_t refuse_subscriptions = 0;    ///< the next so many by "fail" 503
+    std::string plan_padding{};                ///< added to every plan, to make it long
+    bool keys = false;                         ///< one 802.11r link each, some ms behind the plan
+    std::function<void()> when_modes_known{};  ///< called once all have answered for modes
   };
 
   explicit FakeController(Behaviour behaviour);

@@ -4,8 +4,6 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <thread>
-
 #include "tests/tools/FakeController.h"
 #include "tests/tools/SmallWorld.h"
 
@@ -70,7 +68,7 @@ TEST(Simulation, ComesBackAfterConnectionsThatWereClosedOrRefused) {
 TEST(Simulation, EndsInTimeWhenNobodyAnswers) {
   World world(two_aps(10));
   SimulationOptions options = quick(1);  // nobody listens there
-  options.duration = 100;
+  options.duration = 1000;
   const SimulationResult result = simulate(world, options);
   EXPECT_EQ(result.ending, Ending::Duration);
   EXPECT_EQ(result.report.subscribed, 0u);
@@ -78,14 +76,10 @@ TEST(Simulation, EndsInTimeWhenNobodyAnswers) {
 }
 
 TEST(Simulation, EndsAtASignalWithItsFigures) {
-  FakeController controller({.aps = 99});
+  FakeController controller({.aps = 2, .when_modes_known = [] { kill(getpid(), SIGINT); }});
   World world(two_aps(10));
   SimulationOptions options = quick(controller.port());
   options.once = false;
-  std::thread([pid = getpid()] {
-    usleep(200000);
-    kill(pid, SIGINT);
-  }).detach();
   const SimulationResult result = simulate(world, options);
   EXPECT_EQ(result.ending, Ending::Signal);
   EXPECT_EQ(result.report.subscribed, 2u);
