@@ -10,6 +10,7 @@
 #include "server/lib/RRM.h"
 #include "tests/support/Engine.h"
 #include "tests/support/RecordingWorker.h"
+#include "tests/support/TempFolder.h"
 
 /// Commands that concern one domain, on a domain worker without a thread.
 namespace rrm {
@@ -156,6 +157,60 @@ TEST_F(ApiDomain, AccessPointComesBeforeOptimisationAndReports) {
             R"(,"error":"ap not found"})");
   EXPECT_EQ(body(R"({"domain":"site","start_optimization":"no","last_report":1})"),
             R"(,"status":"failure"})");
+}
+
+TEST_F(ApiDomain, AccessPointThatSeveralMapsHoldIsDescribedForEachOfThem) {
+  engine_.subscribe(1, {RadioSpec{}});
+  engine_.worker().aps_to_delete().insert(engine_.ap(1));
+  engine_.worker().unanswered_aps().insert(engine_.ap(1));
+  const std::string text = body(R"({"domain":"site","ap":"00:11:22:00:01:00"})");
+  std::size_t last = 0;
+  for (const std::string key : {"active-ap", "deleted-ap", "unanswered-ap"}) {
+    const std::size_t place = text.find(",\"" + key + R"(":{"mac":"00:11:22:00:01:00")");
+    ASSERT_NE(place, std::string::npos) << key;
+    EXPECT_GE(place, last) << key;
+    last = place;
+  }
+}
+
+/// A domain with a worker, a place in the configuration and an empty folder for its reports.
+class ApiDomainReports : public ApiDomain {
+ protected:
+  ApiDomainReports() {
+    engine_.global().reports_path = folder_.path();
+    engine_.global().domain_add("site", {"common", 0, "0:00"});
+  }
+
+  test::TempFolder folder_;
+};
+
+constexpr char kOneDay[] = R"("report_list":{"date_start":"2024-05-01,00:00:00 UTC",)"
+                           R"("date_finish":"2024-05-02,00:00:00 UTC"})";
+
+TEST_F(ApiDomainReports, QueriesAreAnsweredInPlaceOfTheWorkersDetails) {
+  EXPECT_EQ(body(R"({"domain":"site",)" + std::string(kOneDay) + "}"),
+            R"(,"data":[],"count":0,"status":"success"})");
+  EXPECT_EQ(body(R"({"domain":"site","last_report":1})"), R"(,"status":"success"})");
+}
+
+TEST_F(ApiDomainReports, TheListComesBeforeTheLastReport) {
+  const std::string both = std::string(R"(,"last_report":1,)") + kOneDay + "}";
+  for (const char* domain : {"site", "elsewhere"}) {
+    engine_.global().domain_add("elsewhere", {"common", 0, "0:00"});
+    EXPECT_EQ(body(R"({"domain":")" + std::string(domain) + '"' + both),
+              R"(,"data":[],"count":0,"status":"success"})")
+        << domain;
+  }
+}
+
+TEST_F(ApiDomainReports, AReportComesBeforeEverythingElse) {
+  const std::string id = "2024-05-01,03:15:00,site";
+  const std::string reply = R"(,"report":{"id":")" + id +
+                            R"(","domain":"site","date":"2024-05-01,03:15:00 UTC"},)" +
+                            R"("status":"failure"})";
+  for (const char* others : {"", R"(,"ap":"x")", R"(,"start_optimization":"true")",
+                             R"(,"last_report":1)", R"(,"report_list":{})"})
+    EXPECT_EQ(body(R"({"domain":"site","report":")" + id + '"' + others + "}"), reply) << others;
 }
 
 TEST_F(ApiDomain, WorkersThatAreNoDomainsHaveOnlyTheirName) {

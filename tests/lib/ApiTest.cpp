@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -11,6 +12,7 @@
 #include "server/lib/RRM.h"
 #include "server/lib/WebsockServerWorker.h"
 #include "tests/support/CapturedLog.h"
+#include "tests/support/RecordingWorker.h"
 #include "tests/support/TempFolder.h"
 #include "tests/support/WebsockClients.h"
 
@@ -148,6 +150,28 @@ TEST_F(ApiCommands, EveryAnsweredCommandSavesTheFile) {
   folder_.write("c.conf", "");
   EXPECT_NE(ask(R"({"cfg":{"operation":"sing","level":"global"}})"), "none");
   EXPECT_NE(saved(), "");
+}
+
+/// Runs something when its domain is restarted.
+class WatchedWorker : public test::RecordingWorker {
+ public:
+  using RecordingWorker::RecordingWorker;
+  void stop() override {
+    if (on_stop) on_stop();
+    RecordingWorker::stop();
+  }
+
+  std::function<void()> on_stop;
+};
+
+TEST_F(ApiCommands, TheFileIsSavedBeforeDomainsAreRestarted) {
+  const auto worker = std::make_shared<WatchedWorker>("d1", &rrm_);
+  rrm_.workers().insert("d1", worker);
+  std::string at_restart;
+  worker->on_stop = [&] { at_restart = saved(); };
+  ask(R"({"cfg":{"operation":"set","level":"pattern",)"
+      R"("config":{"pattern":"p1","dca_threshold":41}}})");
+  EXPECT_NE(at_restart.find("\"dca_threshold\": 41"), std::string::npos);
 }
 
 // --- configuration: set ------------------------------------------------------------------------
