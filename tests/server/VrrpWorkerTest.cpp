@@ -13,6 +13,7 @@
 #include "tests/server/CapturedProcessLog.h"
 #include "tests/support/Engine.h"
 #include "tests/support/FewDescriptors.h"
+#include "tests/support/NoNewThreads.h"
 #include "tests/support/TempFolder.h"
 
 namespace {
@@ -348,6 +349,22 @@ INSTANTIATE_TEST_SUITE_P(
                     RoleCase{"Empty", "", VrrpRole::Master},
                     RoleCase{"NoFile", nullptr, VrrpRole::Master}),
     [](const auto& row) { return row.param.name; });
+
+TEST_F(Vrrp, RoleThatCannotBeTakenOnStartIsLoggedAndTheControllerStaysWhatItIs) {
+  folder_.write("keep.mode", "MASTER\n");
+  config().listen_port = 0;
+  rrm::RRM dispatcher(&config());
+  VrrpWorker vrrp(&dispatcher, &config());
+  dispatcher.start();
+  {
+    const rrm::test::NoNewThreads none;
+    vrrp.set_vrrp_role_on_start();
+  }
+  EXPECT_EQ(log_.texts(el::Level::Error),
+            (std::vector<std::string>{"Resource temporarily unavailable",
+                                      "Api request to set VRRP role master failed."}));
+  EXPECT_EQ(dispatcher.get_vrrp_role(), VrrpRole::Backup);
+}
 
 TEST_F(Vrrp, WithoutVrrpTheStateFileIsNotRead) {
   config().vrrp_enabled = false;
