@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <libwebsockets.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -139,6 +140,46 @@ TEST_F(WebsockClientsTest, RecordsWhatLibwebsocketsCallsItFor) {
     return text.starts_with("libwebsocket-debug> 16: ");
   })) << "its own lines of every level, too";
 }
+
+struct ReasonCase {
+  lws_callback_reasons reason;
+  const char* record;  ///< null for none
+};
+
+class Reason : public testing::TestWithParam<ReasonCase> {};
+
+TEST_P(Reason, IsRecordedByItsNameOrNotAtAll) {
+  const test::CapturedLog log;
+  EXPECT_EQ(
+      WebsockServerWorker::worker_lws_callback(nullptr, GetParam().reason, nullptr, nullptr, 0), 0);
+  const auto records = log.records();
+  if (GetParam().record == nullptr) {
+    EXPECT_TRUE(records.empty());
+    return;
+  }
+  ASSERT_EQ(records.size(), 1U);
+  EXPECT_EQ(records[0].text, GetParam().record);
+  EXPECT_EQ(records[0].level, LogLevel::Debug);
+  EXPECT_EQ(records[0].function, "worker_lws_callback");
+}
+
+#define NAMED(reason) \
+  ReasonCase { reason, #reason }
+INSTANTIATE_TEST_SUITE_P(
+    Of, Reason,
+    testing::Values(NAMED(LWS_CALLBACK_ESTABLISHED), NAMED(LWS_CALLBACK_RECEIVE),
+                    NAMED(LWS_CALLBACK_RECEIVE_PONG), NAMED(LWS_CALLBACK_CLOSED),
+                    NAMED(LWS_CALLBACK_CLOSED_HTTP), NAMED(LWS_CALLBACK_EVENT_WAIT_CANCELLED),
+                    NAMED(LWS_CALLBACK_CLIENT_CONNECTION_ERROR),
+                    NAMED(LWS_CALLBACK_CLIENT_ESTABLISHED), NAMED(LWS_CALLBACK_CLIENT_RECEIVE),
+                    NAMED(LWS_CALLBACK_CLIENT_RECEIVE_PONG), NAMED(LWS_CALLBACK_CLIENT_WRITEABLE),
+                    NAMED(LWS_CALLBACK_SERVER_NEW_CLIENT_INSTANTIATED),
+                    NAMED(LWS_CALLBACK_PROTOCOL_INIT), NAMED(LWS_CALLBACK_PROTOCOL_DESTROY),
+                    NAMED(LWS_CALLBACK_WSI_CREATE), ReasonCase{LWS_CALLBACK_WSI_DESTROY, nullptr},
+                    ReasonCase{LWS_CALLBACK_SERVER_WRITEABLE, nullptr},
+                    ReasonCase{LWS_CALLBACK_GET_THREAD_ID, nullptr}),
+    [](const auto& test) { return "Number" + std::to_string(test.param.reason); });
+#undef NAMED
 
 // --- receiving
 
