@@ -270,6 +270,68 @@ TEST_F(FetchReportTest, ChannelsThatAreNoNumbersAreWrittenAsZeroAndEndIt) {
   expect_failure(EIO);
 }
 
+/// One radio of access point "AA" whose every number is the place of its field in the line.
+class ReportLineTest : public FetchReportTest {
+ protected:
+  /// The report when the line has a text in place of one of its fields.
+  int fetch_with(std::size_t place, const std::string& field) {
+    std::string line = "1.1,2024-05-01,03:15:00,AA";
+    for (std::size_t i = 4; i <= 20; ++i) line += "," + (i == place ? field : std::to_string(i));
+    folder.write(kReport, line + "\n");
+    return fetch(kId);
+  }
+  /// The same as JSON, with a value in place of that of the field.
+  static std::string expected_with(std::size_t place, const std::string& value) {
+    const auto at = [&](std::size_t i) { return i == place ? value : std::to_string(i); };
+    const auto channels = place == 14 ? value : "[14]";
+    const auto mac = place == 4 ? value : "\"4\"";
+    return std::string(R"({"report":{"id":"2024-05-01,03:15:00,office","domain":"office",)") +
+           R"("date":"2024-05-01,03:15:00 UTC","domain_config":)" + settings_json() +
+           R"(,"details":[{"ap_mac":"AA","radio_interfaces":[{"radio_id":)" + at(9) +
+           R"(,"radio_mac":)" + mac + R"(,"before":{"power":)" + at(5) + R"(,"channel":)" + at(7) +
+           R"(,"eirp":)" + at(15) + R"(},"after":{"power":)" + at(6) + R"(,"channel":)" + at(8) +
+           R"(,"eirp":)" + at(16) + R"(},"bandwidth":)" + at(10) + R"(,"max_power":)" + at(11) +
+           R"(,"min_power":)" + at(12) + R"(,"primary_channel":)" + at(13) +
+           R"(,"available_channels":)" + channels + R"(,"eirp-min":)" + at(17) + R"(,"eirp-max":)" +
+           at(18) + R"(,"antenna-configuration":{"antenna-gain":)" + at(19) + R"(,"cable-loss":)" +
+           at(20) + "}}]}]}}";
+  }
+};
+
+TEST_F(ReportLineTest, HasEveryNumberUnderItsKey) {
+  EXPECT_EQ(fetch_with(0, ""), 0);
+  EXPECT_EQ(text, expected_with(0, ""));
+}
+
+TEST_F(ReportLineTest, ANumberThatCannotBeReadIsWrittenAsZeroUnderItsKeyAndEndsIt) {
+  for (const std::size_t place : {5, 6, 7, 8, 9, 10, 11, 12, 13, 15, 16, 17, 18, 19, 20}) {
+    for (const char* field : {"x", "", "2147483648"}) {
+      log.clear();
+      EXPECT_EQ(fetch_with(place, field), EIO) << place;
+      EXPECT_EQ(text, expected_with(place, "0")) << place;
+      expect_failure(EIO);
+    }
+  }
+}
+
+TEST_F(ReportLineTest, ARadioWithoutAMacEndsIt) {
+  EXPECT_EQ(fetch_with(4, ""), EIO);
+  EXPECT_EQ(text, expected_with(4, "\"\""));
+  expect_failure(EIO);
+}
+
+TEST_F(ReportLineTest, ARadioWithoutChannelsToChooseFromIsWhole) {
+  EXPECT_EQ(fetch_with(14, ""), 0);
+  EXPECT_EQ(text, expected_with(14, "[]"));
+}
+
+TEST_F(FetchReportTest, ALineOfTheOldLayoutThatEndsBeforeItsChannelsEndsIt) {
+  folder.write(kReport, "1.0,2024-05-01,03:15:00,AA,A1,1,1,1,1,0,20,16,10,0\n");
+  EXPECT_EQ(fetch(kId), EIO);
+  EXPECT_NE(text.find(R"("available_channels":[])"), std::string::npos);
+  expect_failure(EIO);
+}
+
 TEST_F(FetchReportTest, ALineThatEndsEarlyEndsIt) {
   folder.write(kReport, "1.1,2024-05-01,03:15:00,AA,A1,10,20,1,6,0,20,20,5,0,1 6\n");
   EXPECT_EQ(fetch(kId), EIO);
