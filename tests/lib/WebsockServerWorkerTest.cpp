@@ -193,6 +193,21 @@ TEST_F(WebsockClientsTest, AMessageInSeveralFragmentsReachesTheDispatcherOnceAnd
   EXPECT_EQ(server_.site->records()[0].second, address);
 }
 
+TEST_F(WebsockServerTest, OnlyAWholeMessageIsASignOfActivity) {
+  RawClient ap(server_.port());
+  ASSERT_TRUE(ap.handshake());
+  server_.wait_sessions(1);
+  const auto session = server_.server().sessions().at(0);
+  const std::int64_t established_s = session->last_activity_s;
+  FakeClock::now_s += 5;
+  ap.send_frame(RawClient::Text, R"({"domain":)", false);
+  ASSERT_TRUE(wait_until([&] { return server_.server().backlog() == 10; }));
+  EXPECT_EQ(session->last_activity_s, established_s);
+  ap.send_frame(RawClient::Continuation, R"("site"})");
+  ASSERT_TRUE(server_.wait_records(1));
+  EXPECT_EQ(session->last_activity_s, established_s + 5);
+}
+
 class MessageSize : public WebsockClientsTest, public testing::WithParamInterface<std::size_t> {};
 
 TEST_P(MessageSize, ArrivesWholeAndGoesOutWhole) {
@@ -301,6 +316,18 @@ TEST_F(FloodTest, Of1024MessagesInOneSecondPausesLoadBalancingOnceAndNotAgainWit
   next_second();
   send(1);
   EXPECT_EQ(stops(), 2U);
+}
+
+TEST_F(FloodTest, OfAllSessionsTogetherIsOneToo) {
+  clients_.open_all(2);
+  server_.wait_sessions(2);
+  for (int i = 0; i < 511; ++i) clients_.send(1, R"({"domain":"site","other":1})");
+  sent_ += 511;
+  send(513);
+  EXPECT_EQ(stops(), 0U);
+  next_second();
+  send(1);
+  EXPECT_EQ(stops(), 1U);
 }
 
 TEST_F(FloodTest, Of1023MessagesInOneSecondIsNone) {
