@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -284,6 +285,16 @@ TEST_F(RRMTest, DroppingASessionIsRecordedWithItsForce) {
                        "enqueue_message: no live websocket session for wsi (dropped id=5)"));
 }
 
+TEST_F(RRMTest, PingsWaitBehindWhatWasSentAndForcedMessagesDoNot) {
+  rrm_.ping_session(kSession);
+  EXPECT_EQ(log_.texts(LogLevel::Debug),
+            (Texts{"enqueue_message: no live websocket session for wsi (dropped id=5)"}));
+  log_.clear();
+  rrm_.send_message_force("{}", kSession);
+  EXPECT_EQ(log_.texts(LogLevel::Debug),
+            (Texts{"enqueue_message_force: no live websocket session for wsi (dropped id=5)"}));
+}
+
 TEST_F(RRMTest, SendingToASessionThatIsNotThereIsDropped) {
   rrm_.send_text("{}", kSession);
   EXPECT_EQ(log_.count(LogLevel::Debug,
@@ -364,6 +375,10 @@ TEST_F(RRMTest, RestartServesAgainWithTheConfigurationAsItIsNow) {
   ASSERT_TRUE(wait_until([&] { return rrm_.websock_server().port() != 0; }));
   rrm_.restart();
   EXPECT_EQ(log_.count(LogLevel::Debug, "Wavelom version 1.9.1.323-amd64 start\n"), 2U);
+  const auto texts = log_.texts(LogLevel::Debug);
+  EXPECT_TRUE(std::none_of(texts.begin(), texts.end(), [](const std::string& text) {
+    return text.starts_with("Wavelom start in vrrp mode");
+  })) << "there is no role to preserve";
   EXPECT_TRUE(wait_until([&] { return rrm_.websock_server().port() != 0; }));
   receive(subscription("site"));
   EXPECT_EQ(created(), 1U);
@@ -577,6 +592,29 @@ TEST_F(RRMTest, NewMasterRestoresItsDomainsBeforeItLetsAccessPointsIn) {
     return std::find(records.begin(), records.end(), text) - records.begin();
   };
   EXPECT_LT(position("Created new worker 'site'."), position("Starting 1 lws threads"));
+}
+
+TEST_F(RRMTest, NewMasterReadsItsBackupsBeforeItStartsAnyThread) {
+  config_.vrrp_enabled = true;
+  rrm_.start();
+  log_.clear();
+  {
+    // The restored domain, and after it the first service, is then refused its thread.
+    const test::NoNewThreads none;
+    EXPECT_THROW(
+        rrm_.update_vrrp_role(VrrpRole::Master,
+                              R"([{"name":"site","aps":[{"mac":"00:11:22:00:01:00","board":"B",)"
+                              R"("hw":"H","serial":"S"}]}])"),
+        std::system_error);
+  }
+  Texts texts;
+  for (const auto& record : log_.records())
+    if (record.level != LogLevel::Trace) texts.push_back(record.text);
+  EXPECT_EQ(texts,
+            (Texts{"VRRP role: backup -> master", "Restore ap '00:11:22:00:01:00' from backup",
+                   "Exception at processing message for domain 'site': Resource "
+                   "temporarily unavailable"}));
+  EXPECT_EQ(rrm_.get_vrrp_role(), VrrpRole::Backup);
 }
 
 TEST_F(RRMTest, RestartInVrrpModeKeepsTheRole) {
