@@ -723,6 +723,26 @@ TEST_F(RRMReportsTest, AFileThatCannotBeDeletedIsReportedAndRaisedOnce) {
   EXPECT_EQ(log_.events()[0].first, EventCode::ReportCheckFailed);
 }
 
+TEST_F(RRMReportsTest, FailuresOfSeveralDomainsAreReportedEachAndRaisedOnce) {
+  for (const char* index : {"report_idx_gone.txt/inside", "report_idx_lost.txt/inside"})
+    std::filesystem::create_directories(folder_.file(index));
+  folder_.write("report_cfg_lost.txt", "\n");
+  rrm_.check_old_reports();
+  EXPECT_EQ(log_.texts(LogLevel::Error).size(), 2U);
+  EXPECT_EQ(log_.events().size(), 1U);
+  EXPECT_FALSE(folder_.has("report_cfg_lost.txt"));
+}
+
+TEST_F(RRMReportsTest, SettingsThatCannotBeDeletedAreReportedAndRaisedToo) {
+  std::filesystem::create_directories(folder_.file("report_cfg_gone.txt/inside"));
+  folder_.write("report_idx_gone.txt", "");
+  rrm_.check_old_reports();
+  EXPECT_EQ(log_.texts(LogLevel::Error),
+            (Texts{"Error while delete \"" + folder_.path() +
+                   "/report_cfg_gone.txt\", errno = 39: Directory not empty"}));
+  EXPECT_EQ(log_.events().size(), 1U);
+}
+
 TEST_F(RRMReportsTest, AMissingFolderIsReported) {
   config_.reports_path = folder_.file("missing");
   rrm_.check_old_reports();
