@@ -159,6 +159,15 @@ TEST_F(Vrrp, DomainsThatGiveNoAnswerAreSkipped) {
   EXPECT_TRUE(log_.texts(el::Level::Error).empty()) << "the first has no worker that could answer";
 }
 
+TEST_F(Vrrp, DomainWhoseAccessPointIsNoLongerWhereItWasListedIsSkipped) {
+  engine_.subscribe(1, {RadioSpec{}});
+  // What is listed under this address is not found under it.
+  engine_.ap(1)->base_mac = rrm::MacAddress::from_text("00:11:22:00:99:00");
+  back_up();
+  EXPECT_FALSE(folder_.has("backup/site.json"));
+  EXPECT_TRUE(log_.texts(el::Level::Error).empty());
+}
+
 TEST_F(Vrrp, NameThatIsAPathIsSkippedWithARecord) {
   engine_.rrm().workers().insert("../site", engine_.shared_worker());
   vrrp_.on_domain_changed("../site");
@@ -224,6 +233,22 @@ TEST_F(Vrrp, FileThatIsNoJsonStillRestoresTheOthers) {
             "Reading backup file " + folder_.file("backup/bad.json") +
                 " failed: JSON parse error at line 1, column 9: unexpected end of input: "
                 "unexpected end of input");
+}
+
+TEST_F(Vrrp, RestoreCreatesAMissingBackupFolder) {
+  EXPECT_EQ(restored(), "[]");
+  EXPECT_TRUE(std::filesystem::is_directory(backups()));
+  EXPECT_TRUE(log_.texts(el::Level::Error).empty());
+}
+
+TEST_F(Vrrp, LongBackupIsReadWhole) {
+  std::filesystem::create_directory(backups());
+  for (const std::size_t size : {4095, 4096, 4097, 20000}) {
+    const std::string head = R"({"name":")";
+    const std::string text = head + std::string(size - head.size() - 2, 'x') + "\"}";
+    folder_.write("backup/long.json", text);
+    EXPECT_EQ(restored(), "[" + text + "]") << size;
+  }
 }
 
 TEST_F(Vrrp, FilesThatCannotBeOpenedAreLoggedOneByOne) {
