@@ -148,6 +148,31 @@ TEST(GlobalConfig, WhatItWritesIsValidAndReadsBack) {
   EXPECT_TRUE(other.equals_globally(config));
 }
 
+TEST(GlobalConfig, EveryGlobalOptionByItselfMakesADifference) {
+  const GlobalConfig defaults;
+  const std::vector<std::string> changes = {
+      R"("enabled":0)",
+      R"("api_port":1)",
+      R"("cli_api_port":1)",
+      R"("listen_port":1)",
+      R"("use_https":1)",
+      R"("report_delete_at_time_utc":"21:01")",
+      R"("reports_path":"/r")",
+      R"("www_path":"/w")",
+      R"("vrrp_enabled":1)",
+      R"("vrrp_timeout":16)",
+      R"("vrrp_backup_path":"/b")",
+      R"("vrrp_state_file":"/s")",
+      R"("use_wildcard_80211r":1)",
+  };
+  EXPECT_EQ(changes.size(), global_options().size());
+  for (const std::string& change : changes) {
+    const GlobalConfig other("", (R"({"global":{)" + change + "}}").c_str());
+    EXPECT_FALSE(other.equals_globally(defaults)) << change;
+    EXPECT_TRUE(other.compare(defaults).global) << change;
+  }
+}
+
 struct ZoneCase {
   const char* name;
   const char* text;
@@ -208,6 +233,12 @@ TEST(GlobalConfig, DomainOfAMissingPatternWaitsForThePattern) {
   EXPECT_TRUE(
       config.pattern_add("late", JsonReader(R"({"dca_threshold":11})"), errors.list, invalid));
   EXPECT_EQ(config.get_domain_config("d1").dca_threshold, 11);
+}
+
+TEST(GlobalConfig, DomainThatWaitsForItsPatternExistsAndIsNotAddedAgain) {
+  GlobalConfig config("", R"({"domains":[{"domain":"d1","pattern":"late","time_zone":"1:00"}]})");
+  EXPECT_FALSE(config.domain_add("d1", {"common", 0, ""}));
+  EXPECT_EQ(*config.get_domain_info("d1"), (DomainInfo{"late", 3600, "1:00"}));
 }
 
 TEST(GlobalConfig, TellsAtTraceLevelWhetherADomainExists) {
