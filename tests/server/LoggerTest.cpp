@@ -211,7 +211,10 @@ TEST_F(Logger, TimeoutSetsTheFileAsideOnceItsPeriodIsOver) {
   EXPECT_TRUE(logger.has_rollout_thread());
   EXPECT_TRUE(wait_until([&] { return set_aside_files() > 0; }));
   EXPECT_TRUE(log_.has(el::Level::Info, "About to rollout log file!"));
-  EXPECT_NE(content_of_set_aside().find("Start logging.\n"), std::string::npos);
+  const std::string content = content_of_set_aside();
+  EXPECT_NE(content.find("Start logging.\n"), std::string::npos);
+  EXPECT_NE(content.find("About to rollout log file!\n"), std::string::npos)
+      << "its last record tells of it";
 }
 
 TEST_F(Logger, RolloverForAnotherReasonStartsThePeriodAgain) {
@@ -237,6 +240,34 @@ TEST_F(Logger, RolloverThatCannotRenameTheFileEmptiesIt) {
   force_rollover(*el::Loggers::getLogger("default"));
   PROCESS_LOG(Info) << "after";
   EXPECT_EQ(folder_.read("log/wavelom.log"), "after\n");
+}
+
+TEST_F(Logger, RolledOverFileIsNamedByTheTimeOfItsRollover) {
+  configure("");
+  const RRM_Logger logger(settings());
+  const std::time_t earliest = std::time(nullptr);
+  force_rollover(*el::Loggers::getLogger("default"));
+  const std::time_t latest = std::time(nullptr);
+  bool found = false;
+  for (std::time_t time = earliest; time <= latest; ++time) {
+    std::tm local{};
+    ASSERT_NE(::localtime_r(&time, &local), nullptr);
+    char name[64];
+    std::strftime(name, sizeof(name), "log/%Y.%m.%d_%H.%M.%S.log", &local);
+    found = found || folder_.has(name);
+  }
+  EXPECT_TRUE(found);
+}
+
+TEST_F(Logger, NothingIsSetAsideOnceTheLoggerIsGone) {
+  configure("");
+  { const RRM_Logger logger(settings()); }
+  ASSERT_EQ(set_aside_files(), 1U);
+  for (const auto& entry : std::filesystem::directory_iterator(folder_.file("log")))
+    std::filesystem::remove(entry.path());
+  folder_.write("log/wavelom.log", "of somebody else");
+  force_rollover(*el::Loggers::getLogger("default"));
+  EXPECT_EQ(set_aside_files(), 0U);
 }
 
 TEST_F(Logger, ForcedRolloverLeavesAnEmptyFileThatIsWrittenTo) {
@@ -306,6 +337,20 @@ TEST_F(Logger, FolderThatCannotBeWrittenLeavesStandardOutput) {
   }
   EXPECT_NE(testing::internal::GetCapturedStdout().find("still heard\n"), std::string::npos);
   testing::internal::GetCapturedStderr();
+}
+
+TEST_F(Logger, EveryOtherLoggerIsConfiguredAlike) {
+  el::Logger* const other = el::Loggers::getLogger("other");
+  configure(" FORMAT = \"%logger %msg\"\n* DEBUG:\n ENABLED = false\n");
+  {
+    const RRM_Logger logger(settings());
+    other->info("heard");
+    el::Loggers::flushAll();
+    EXPECT_NE(folder_.read("log/wavelom.log").find("other heard\n"), std::string::npos);
+    EXPECT_FALSE(other->enabled(el::Level::Debug));
+  }
+  EXPECT_FALSE(other->enabled(el::Level::Info)) << "disabled at the end";
+  el::Loggers::unregisterLogger("other");
 }
 
 TEST_F(Logger, LevelThatNamesAFileOfItsOwnLogsToTheOneFileToo) {
