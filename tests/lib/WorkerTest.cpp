@@ -245,20 +245,21 @@ TEST_F(WorkerTest, AMessageAndAStopWakeOneThatWaitsForItsDescriptor) {
 
 TEST_F(WorkerTest, KeepsOffAfterAMessageWhileACallerOfRunLockedWaits) {
   const test::VirtualSleep sleep;
-  std::vector<std::int64_t> kept_off;  // so far, at each message
+  std::atomic<bool> was_in{false};
+  std::vector<bool> yielded;  // at each message: the loop has slept, or the caller is in already
   std::thread caller;
   worker_->on_message = [&](const JsonReader&) {
-    kept_off.push_back(test::sleeps);
+    yielded.push_back(test::sleeps > 0 || was_in);
     if (caller.joinable()) return;
-    caller = std::thread([&] { worker_->run_locked([] {}); });
+    caller = std::thread([&] { worker_->run_locked([&] { was_in = true; }); });
     wait_until([&] { return worker_->waiting_count() == 1; });
   };
-  for (int i = 0; i < 3; ++i) worker_->enqueue_message(message(i), kNoSession);
+  for (int i = 0; i < 2; ++i) worker_->enqueue_message(message(i), kNoSession);
   worker_->start();
-  ASSERT_TRUE(wait_until([&] { return worker_->record_count() == 3; }));
+  ASSERT_TRUE(wait_until([&] { return worker_->record_count() == 2; }));
   caller.join();
-  EXPECT_EQ(kept_off[0], 0);
-  EXPECT_GE(kept_off[1], 1) << "the caller was let in first";
+  worker_->stop();
+  EXPECT_EQ(yielded, (std::vector<bool>{false, true}));
   EXPECT_EQ(worker_->waiting_count(), 0);
 }
 
@@ -316,6 +317,33 @@ TEST_F(WorkerTest, AnIdleOneWaitsBetweenTwoPasses) {
   }
 }
 
+/// One whose loop never waits.
+class RestlessWorker : public Worker {
+ public:
+  RestlessWorker() : Worker("restless", nullptr, 0, 16, false) {}
+  void process_message(const JsonReader& document, const SessionAddress&) override {
+    process_internal_ipc_msg(document);
+  }
+  void on_loop() override {
+    slept = test::sleeps;
+    ++passes;
+  }
+  void get_status(JsonWriter&) override {}
+  void get_status_full(JsonWriter&) override {}
+
+  std::atomic<std::int64_t> slept{0};  ///< times, so far
+  std::atomic<int> passes{0};
+};
+
+TEST_F(WorkerTest, OneWithoutAnIdleWaitGoesOnAtOnce) {
+  const test::VirtualSleep sleep;
+  const auto restless = std::make_shared<RestlessWorker>();
+  restless->start();
+  while (restless->passes < 100) sched_yield();
+  restless->stop();
+  EXPECT_EQ(restless->slept, 0);
+}
+
 TEST_F(WorkerTest, ManyProducersLoseNothing) {
   worker_->start();
   std::vector<std::thread> producers;
@@ -341,6 +369,8 @@ TEST_F(WorkerTest, WithBothQueuesFullAMessageIsDroppedAfterAbout65SecondsAndRepo
     full->enqueue_message(message(i), kNoSession);
     full->enqueue_message_force(message(i), kNoSession);
   }
+  int calls = 0;
+  full->set_enqueue_hook([&] { ++calls; });
   const test::VirtualSleep sleep;
   full->enqueue_message(message(9), session(12));
   // 65409 sleeps: 1, 2, 4 ... 512 us, then 1 ms each.
@@ -356,6 +386,7 @@ TEST_F(WorkerTest, WithBothQueuesFullAMessageIsDroppedAfterAbout65SecondsAndRepo
   EXPECT_EQ(full->dropped_count(), 2U);
   EXPECT_TRUE(log_.has(LogLevel::Error,
                        "Worker 'full' force queue overflow: message dropped from session 13"));
+  EXPECT_EQ(calls, 0) << "nothing was enqueued";
   EXPECT_EQ(full->queue_size(), 4U);
 }
 
