@@ -87,6 +87,16 @@ TEST(RrmWorkerSubscription, RefusesEveryoneWith404WhenTheServiceIsDisabled) {
   EXPECT_TRUE(engine.worker().aps().empty());
 }
 
+TEST(RrmWorkerSubscription, IsRefusedWith404AlsoWhereItsVersionWouldBeRefused) {
+  Engine engine;
+  engine.global().enabled = false;
+  engine.receive(
+      "{\"service\":\"rrm\",\"cmd\":\"subscribe-request\",\"version\":\"9.9\",\"ap-mac\":\"" +
+          ap_mac(1) + "\"}",
+      101);
+  EXPECT_EQ(only(engine.rrm().take()), fail(404, "00:11:22:00:01:00"));
+}
+
 class SubscribeVersion : public testing::TestWithParam<std::pair<const char*, bool>> {};
 
 TEST_P(SubscribeVersion, IsAnsweredWith503UnlessItIsThisOneOrALowerMinor) {
@@ -160,6 +170,13 @@ TEST(RrmWorkerSubscription, FromTheSameSessionDropsNothing) {
   engine.subscribe(1, {RadioSpec{}}, 7);
   engine.subscribe(1, {RadioSpec{}}, 7);
   EXPECT_TRUE(engine.rrm().take_drops().empty());
+}
+
+TEST(RrmWorkerSubscription, OfAKnownAccessPointIsIndexedAnew) {
+  Engine engine;
+  engine.subscribe(1, {RadioSpec{}});
+  engine.subscribe(1, {RadioSpec{}, RadioSpec{.id = 2}});
+  EXPECT_TRUE(engine.worker().aps().contains_bssid(MacAddress::from_text("00:11:22:00:01:20")));
 }
 
 TEST(RrmWorkerSubscription, FindsAnAccessPointByAnyOfItsMacs) {
@@ -608,6 +625,54 @@ TEST(RrmWorkerConfigChanged, OfTheLoadUpdatesTheListsAndMarksTheRadios) {
   EXPECT_TRUE(known.changed);
 }
 
+TEST(RrmWorkerConfigChanged, OfChannelOrVapsUpdatesThe80211vLists) {
+  DomainConfig config = Engine::quiet_config();
+  config.use_80211v = true;
+  Engine engine(config);
+  const auto describe = [](int channel, const std::string& ssid) {
+    return std::vector<RadioSpec>{{.channel = channel,
+                                   .vaps = {{.ssid = ssid, .v = true}},
+                                   .locked_80211v = 0,
+                                   .extra = ",\"locked-for-dca\":1"}};
+  };
+  engine.subscribe(1, describe(36, "office"));
+  const auto report = [&](int channel, const std::string& ssid) {
+    engine.log().clear();
+    engine.receive("rrm-config-changed", 1, 101,
+                   "\"radios\":" + radios_text(describe(channel, ssid)));
+    return engine.log().has(LogLevel::Debug, "Planning 802.11v optimization (timer restarted)");
+  };
+  EXPECT_FALSE(report(36, "office"));
+  EXPECT_TRUE(engine.log().has(LogLevel::Info, "process_exists_ap update_802dot11kv 0 (1/1/0)"));
+  EXPECT_TRUE(report(40, "office"));
+  EXPECT_TRUE(engine.log().has(LogLevel::Info, "process_exists_ap update_802dot11kv 1 (0/1/0)"));
+  EXPECT_TRUE(report(40, "lab"));
+  EXPECT_TRUE(engine.log().has(LogLevel::Info, "process_exists_ap update_802dot11kv 1 (1/0/0)"));
+}
+
+TEST(RrmWorkerConfigChanged, ThatBringsRoamingSupportIsWeighedByTheNewRadios) {
+  struct Case {
+    bool DomainConfig::*option;
+    VapSpec vap;
+    const char* record;
+  };
+  for (const Case& c : {Case{&DomainConfig::use_80211v, {.v = true}, "update_802dot11kv 1 (1/0/0)"},
+                        Case{&DomainConfig::use_80211k, {.k = true}, "update_802dot11k 1 (1/0)"}}) {
+    DomainConfig config = Engine::quiet_config();
+    config.*c.option = true;
+    Engine engine(config);
+    engine.subscribe(1, {RadioSpec{.locked_80211v = 0}});
+    const RadioSpec supporting{.vaps = {c.vap}, .locked_80211v = 0};
+    engine.receive("rrm-config-changed", 1, 101, "\"radios\":" + radios_text({supporting}));
+    EXPECT_TRUE(engine.log().has(LogLevel::Info, std::string("process_exists_ap ") + c.record));
+    // Nobody asks for lists on behalf of radios that no longer support them.
+    engine.log().clear();
+    engine.receive("rrm-config-changed", 1, 101,
+                   "\"radios\":" + radios_text({RadioSpec{.locked_80211v = 0}}));
+    EXPECT_TRUE(engine.log().texts(LogLevel::Info).empty());
+  }
+}
+
 // --- events of clients
 
 struct BalancerRoute {
@@ -674,6 +739,17 @@ TEST(RrmWorkerBalancerCmd, OfAParkedAccessPointIsHandled) {
   EXPECT_TRUE(engine.log().has(LogLevel::Debug, kBy80211v));
 }
 
+TEST(RrmWorkerBalancerCmd, OfAnAccessPointWithoutA80211vVapIsDropped) {
+  DomainConfig config = Engine::quiet_config();
+  config.use_80211v = true;
+  Engine engine(config);
+  engine.subscribe(1, {RadioSpec{.vaps = {{.k = true, .v = false}}, .locked_80211v = 0}});
+  engine.receive("rrm-client-assoc", 1, 101,
+                 R"("radio":0,"rssi":-50,"sta-mac":"02:aa:00:00:00:01","ssid":"office")");
+  EXPECT_FALSE(engine.log().has(LogLevel::Debug, kBy80211v));
+  EXPECT_TRUE(engine.ap(1)->radios.find(0)->assoc_clients.associated().empty());
+}
+
 // --- ageing
 
 TEST(RrmWorkerTick, ErasesAccessPointsThatStayAwayAndEndsTheDomain) {
@@ -701,6 +777,34 @@ TEST(RrmWorkerTick, PlansAnewWhenTheLastAbsentAccessPointIsForgotten) {
   engine.log().clear();
   engine.pass(120);
   EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Not event optimization dmain site"));
+  EXPECT_FALSE(engine.worker().is_stopped());
+}
+
+TEST(RrmWorkerTick, PlansNothingWhileOthersAreAbsent) {
+  Engine engine;
+  ASSERT_TRUE(engine.worker().connect());
+  for (int n = 1; n <= 3; ++n) engine.subscribe(n, {RadioSpec{}});
+  engine.close_session(101);
+  engine.pass(50);
+  engine.close_session(102);
+  engine.log().clear();
+  engine.pass(70);
+  EXPECT_EQ(engine.worker().aps_to_delete().size(), 1u);
+  EXPECT_TRUE(engine.log().has_event(EventCode::DomainChanged, "site"));
+  EXPECT_FALSE(engine.log().has(LogLevel::Debug, "Not event optimization dmain site"));
+}
+
+TEST(RrmWorkerTick, PlansNothingForParkedAccessPointsAlone) {
+  Engine engine;
+  ASSERT_TRUE(engine.worker().connect());
+  engine.subscribe(1, {RadioSpec{}});
+  engine.subscribe(2, {RadioSpec{}});
+  engine.close_session(101);
+  engine.worker().aps().move_all(engine.worker().unanswered_aps());
+  engine.log().clear();
+  engine.pass(120);
+  EXPECT_TRUE(engine.worker().aps_to_delete().empty());
+  EXPECT_FALSE(engine.log().has(LogLevel::Debug, "Not event optimization dmain site"));
   EXPECT_FALSE(engine.worker().is_stopped());
 }
 
@@ -762,6 +866,25 @@ TEST(RrmWorkerBalancerTick, RunsWithEitherOptionAndForgetsClientsThatWereExpecte
     engine.pass(1);
     EXPECT_EQ(clients.expected().size(), options == 0 ? 1u : 0u) << options;
   }
+}
+
+TEST(RrmWorkerBalancerTick, PlansTheListsOfARadioWhoseLoadChangedWithoutRestartingTheirTimer) {
+  DomainConfig config = Engine::quiet_config();
+  config.use_80211v = true;
+  config.use_balance = true;
+  Engine engine(config);
+  engine.subscribe(1, {RadioSpec{.vaps = {{.v = true}}, .locked_80211v = 0}});
+  engine.pass(1);
+  engine.log().clear();
+  engine.pass(1);
+  EXPECT_TRUE(engine.log().texts(LogLevel::Info).empty());
+  engine.ap(1)->radios.find(0)->load_level = 7;
+  engine.pass(1);
+  EXPECT_EQ(engine.ap(1)->radios.find(0)->load_level, 255u);
+  EXPECT_TRUE(
+      engine.log().has(LogLevel::Debug, "Planning 802.11v optimization (without timer restart)"));
+  EXPECT_FALSE(
+      engine.log().has(LogLevel::Debug, "Planning 802.11v optimization (timer restarted)"));
 }
 
 TEST(RrmWorkerTick, EndsADomainThatNeverGotAnAccessPoint) {

@@ -375,6 +375,16 @@ TEST_F(TpcDcaOptimiserTest, TheLockedRadioOnTheChannelHidesTheFreeOneOfTheBand) 
   EXPECT_FALSE(has_plan(kApB));
 }
 
+TEST_F(TpcDcaOptimiserTest, ADisabledRadioOnTheChannelDoesNotHideTheEnabledOneOfTheBand) {
+  ApEntry& listener = add_ap(domain, kApA);
+  enable_radio(listener, 0, 2, 1).status = false;
+  enable_radio(listener, 1, 2, 6);
+  add_radio(kApB, 1, {1}).power = 15;
+  hears(kApA, kApB, -67);
+  optimise_with(false, true);
+  EXPECT_EQ(planned(kApB).power, 12);
+}
+
 TEST_F(TpcDcaOptimiserTest, AnEntryWithoutBandIsOfTheBandOfItsChannel) {
   add_radio(kApA, 1, {1});
   add_radio(kApB, 1, {1}).power = 15;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -243,6 +244,34 @@ TEST(TpcDcaPlanning, PublishesTheStateAndTheDomainWhenNothingIsPlanned) {
   EXPECT_EQ(events[0], std::pair(EventCode::DomainChanged, std::string("site")));
   EXPECT_EQ(events[1], std::pair(EventCode::PlannerStatus, status_text(0)));
   EXPECT_EQ(events[2], std::pair(EventCode::DomainChanged, std::string("site")));
+}
+
+TEST(TpcDcaPlanning, SeedsTheKeysThatItDrawsWithTheMillisecondsOfTheDay) {
+  Engine engine;
+  const int drawn = std::rand();
+  std::srand(static_cast<unsigned>(1'714'521'600'000));  // of the engine's clock
+  EXPECT_EQ(drawn, std::rand());
+}
+
+TEST(TpcDcaPlanning, TimesEachTimerByItself) {
+  Engine engine(round_config());
+  const PlannerTimes& times = engine.worker().tpc_dca().times();
+  const auto counts = [&times] {
+    return std::vector<std::uint32_t>{times.request_modes.count(), times.request_scan.count(),
+                                      times.optimize.count()};
+  };
+  using Counts = std::vector<std::uint32_t>;
+  engine.worker().tpc_dca().set_optimiser(plan_nothing);
+  engine.subscribe(1, {RadioSpec{}});
+  engine.pass(20);
+  EXPECT_EQ(counts(), (Counts{1, 0, 0}));
+  engine.pass(15);
+  EXPECT_EQ(counts(), (Counts{1, 1, 0}));
+  engine.pass(19);  // nobody answered
+  EXPECT_EQ(counts(), (Counts{1, 1, 1}));
+  engine.pass(20 + 15);
+  answer_scan(engine, 1, {RadioSpec{}});  // everybody answered
+  EXPECT_EQ(counts(), (Counts{2, 2, 2}));
 }
 
 TEST(TpcDcaPlanning, StartsAgainWithEveryEvent) {
@@ -644,6 +673,35 @@ TEST(TpcDcaScan, IndexesTheRadiosThatAnAnswerSwitchesOn) {
   EXPECT_FALSE(engine.worker().aps().contains_bssid(second));
 }
 
+TEST(TpcDcaScan, TakesAnswersUnderAnyMacOfTheAccessPoint) {
+  Engine engine(round_config());
+  const std::string radios = "\"radios\":" + radios_text({RadioSpec{.id = 1}});
+  engine.subscribe(1, {RadioSpec{.id = 1}});
+  engine.subscribe(2, {RadioSpec{}});
+  engine.pass(20 + 15);
+  engine.receive(
+      "{\"service\":\"rrm\",\"cmd\":\"rrm-response\",\"version\":\"2.4\","
+      "\"ap-mac\":\"00:11:22:00:01:10\"," +
+          radios + "}",
+      101);
+  EXPECT_TRUE(engine.ap(1)->active);
+}
+
+TEST(TpcDcaScan, AnswersToTheRequestOfModesMarkTheRadiosAsChangedThoseToTheScanDoNot) {
+  Engine engine(round_config());
+  engine.subscribe(1, {RadioSpec{}});
+  engine.subscribe(2, {RadioSpec{}});
+  engine.pass(20);
+  Radio& radio = *engine.ap(1)->radios.find(0);
+  radio.changed = false;
+  engine.receive("rrm-mode-response", 1, 101, "\"radios\":" + radios_text({RadioSpec{}}));
+  EXPECT_TRUE(radio.changed);
+  engine.pass(15);
+  radio.changed = false;
+  answer_scan(engine, 1, {RadioSpec{}});
+  EXPECT_FALSE(radio.changed);
+}
+
 TEST(TpcDcaScan, CountsADescriptionAsReceivedOnlyWithWhatWasHeard) {
   Engine engine(round_config());
   start_scan(engine, 2);
@@ -684,8 +742,10 @@ TEST(TpcDcaScan, IsGivenUpWhenNobodyCanTakePart) {
   Engine engine(round_config());
   engine.subscribe(1, {RadioSpec{}});
   engine.ap(1)->radios.find(0)->channel = 0;
+  engine.log().clear();
   engine.pass(20);
   EXPECT_TRUE(engine.log().has(LogLevel::Debug, "not optimization scan on domain site"));
+  EXPECT_EQ(statuses(engine.log()), Texts{status_text(0)});
   EXPECT_EQ(engine.state(), 0);
   EXPECT_EQ(engine.worker().aps().size(), 1u);
   EXPECT_FALSE(engine.worker().load_balancer_lock());
@@ -696,8 +756,10 @@ TEST(TpcDcaScan, IsDelayedWhenEverybodyHasLeftBeforeIt) {
   engine.subscribe(1, {RadioSpec{}});
   engine.pass(20);
   engine.close_session(101);
+  engine.log().clear();
   engine.pass(15);
   EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Optimization scan on domain site delayed"));
+  EXPECT_EQ(statuses(engine.log()), (Texts{status_text(0), status_text(4)}));
   EXPECT_EQ(engine.state(), 4);
 }
 
