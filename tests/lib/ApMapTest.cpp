@@ -307,6 +307,20 @@ TEST_F(ApMapScan, LogsAnElementWithChannel20AndNoBandAndKeepsItWithBand0) {
                           "bandwidth=40 rssi=-71"));
 }
 
+TEST_F(ApMapScan, InfersAMissingBandFromTheChannelSilently) {
+  NeighbourMap members;
+  NeighbourMap rogue;
+  CapturedLog log;
+  map_.fill_from_json_rf_environment(JsonReader(R"([{"bssid":"00:AA:00:00:00:01","channel":14},
+                     {"bssid":"00:AA:00:00:00:02","channel":165},
+                     {"bssid":"00:AA:00:00:00:03","channel":166}])"),
+                                     members, rogue);
+  EXPECT_EQ(rogue.at(mac("00:AA:00:00:00:01")).band, 2);
+  EXPECT_EQ(rogue.at(mac("00:AA:00:00:00:02")).band, 5);
+  EXPECT_EQ(rogue.at(mac("00:AA:00:00:00:03")).band, 6);
+  EXPECT_TRUE(log.records().empty());
+}
+
 TEST_F(ApMapScan, TakesABandAsItIsGiven) {
   NeighbourMap members;
   NeighbourMap rogue;
@@ -413,9 +427,21 @@ TEST_F(ApMapHeard, FallsBackToTheRadioMac) {
   EXPECT_EQ(map_.heard_bssid(*ap, 1, observer.get()), mac("00:11:22:33:44:10"));
   EXPECT_EQ(map_.heard_bssid(*ap, 1, ap.get()), mac("00:11:22:33:44:10"));
   EXPECT_EQ(map_.heard_bssid(*ap, 1, nullptr), mac("00:11:22:33:44:10"));
+  add(kC)->visible_members[mac("00:11:22:33:44:11")] = {};  // of no use to the observer
+  EXPECT_EQ(map_.heard_bssid(*ap, 1, observer.get()), mac("00:11:22:33:44:10"));
   CapturedLog log;
   EXPECT_EQ(map_.heard_bssid(*ap, 9, observer.get()), mac(kA));
   EXPECT_EQ(log.texts(LogLevel::Warning).size(), 1u);
+}
+
+TEST_F(ApMapHeard, PassesOverWhatBelongsToNobodyAnyMore) {
+  const auto ap = add(kA);
+  const auto observer = add(kB);
+  add(kC);
+  observer->visible_members[mac("00:11:22:33:66:11")] = {};
+  observer->visible_members[mac("00:11:22:33:44:11")] = {};
+  map_.erase(mac(kC));
+  EXPECT_EQ(map_.heard_bssid(*ap, 1, observer.get()), mac("00:11:22:33:44:11"));
 }
 
 TEST_F(ApMapHeard, WithoutObserverAnyOtherAccessPointWillDo) {

@@ -26,17 +26,21 @@ TEST_P(MacScan, ReadsSixHexadecimalFieldsOrAllZeros) {
 
 INSTANTIATE_TEST_SUITE_P(
     Texts, MacScan,
-    testing::Values(ScanCase{"UpperCase", "0A:1B:2C:3D:4E:5F", true, "0A:1B:2C:3D:4E:5F"},
-                    ScanCase{"LowerCase", "0a:1b:2c:3d:4e:5f", true, "0A:1B:2C:3D:4E:5F"},
-                    ScanCase{"OneDigitFields", "1:2:3:4:5:f", true, "01:02:03:04:05:0F"},
-                    ScanCase{"TrailingText", "00:11:22:33:44:55 and more", true,
-                             "00:11:22:33:44:55"},
-                    ScanCase{"FiveFields", "00:11:22:33:44", false, "00:00:00:00:00:00"},
-                    ScanCase{"OtherSeparator", "00-11-22-33-44-55", false, "00:00:00:00:00:00"},
-                    ScanCase{"NoHexDigit", "00:11:22:33:44:zz", false, "00:00:00:00:00:00"},
-                    ScanCase{"CutInTheLastField", "00:11:22:33:44:", false, "00:00:00:00:00:00"},
-                    ScanCase{"Empty", "", false, "00:00:00:00:00:00"},
-                    ScanCase{"NoText", nullptr, false, "00:00:00:00:00:00"}),
+    testing::Values(
+        ScanCase{"UpperCase", "0A:1B:2C:3D:4E:5F", true, "0A:1B:2C:3D:4E:5F"},
+        ScanCase{"LowerCase", "0a:1b:2c:3d:4e:5f", true, "0A:1B:2C:3D:4E:5F"},
+        ScanCase{"OneDigitFields", "1:2:3:4:5:f", true, "01:02:03:04:05:0F"},
+        ScanCase{"TrailingText", "00:11:22:33:44:55 and more", true, "00:11:22:33:44:55"},
+        ScanCase{"FiveFields", "00:11:22:33:44", false, "00:00:00:00:00:00"},
+        ScanCase{"OtherSeparator", "00-11-22-33-44-55", false, "00:00:00:00:00:00"},
+        ScanCase{"NoHexDigit", "00:11:22:33:44:zz", false, "00:00:00:00:00:00"},
+        ScanCase{"NoSecondDigit", "00:11:22:33:44:5z", true, "00:11:22:33:44:05"},
+        ScanCase{"OneDigitBeforeOther", "0z:11:22:33:44:55", false, "00:00:00:00:00:00"},
+        ScanCase{"SignBetweenTheCases", "00:11:[2:33:44:55", false, "00:00:00:00:00:00"},
+        ScanCase{"TwoSeparators", "00:1::22:33:44:55", false, "00:00:00:00:00:00"},
+        ScanCase{"CutInTheLastField", "00:11:22:33:44:", false, "00:00:00:00:00:00"},
+        ScanCase{"Empty", "", false, "00:00:00:00:00:00"},
+        ScanCase{"NoText", nullptr, false, "00:00:00:00:00:00"}),
     [](const auto& test) { return test.param.name; });
 
 TEST(MacAddress, PrintsInBothCases) {

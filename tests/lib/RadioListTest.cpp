@@ -347,6 +347,7 @@ TEST_F(RadioListTest, MarksTheEnabledRadiosOfABandAsConflicted) {
   EXPECT_TRUE(any.radios[0].conflicted);
   EXPECT_FALSE(any.radios[1].conflicted);
   any.clear_conflicted();
+  any.radios[1].band = 0;  // of no band, as a channel that tells none
   any.mark_conflicted(20, 0);
   any.mark_conflicted(36, 6);  // the only radio of that band is off
   for (const Radio& radio : any.radios) EXPECT_FALSE(radio.conflicted);
@@ -362,6 +363,9 @@ TEST_F(RadioListTest, StepsTheRadiosOfABandDown) {
   EXPECT_EQ(any.radios[0].power, 10);
   EXPECT_EQ(any.radios[1].power, 7);
   EXPECT_EQ(any.radios[2].power, 15);
+  any.radios[0].band = 0;  // of no band, as a channel that tells none
+  any.radios[0].status = true;
+  any.radios[0].power = 16;
   EXPECT_EQ(any.apply_power_step_for_band(20, 0, -60, -70), 0);
   EXPECT_EQ(any.apply_power_step_for_band(36, 6, -60, -70), 0);
   any.radios[1].status = false;
@@ -381,6 +385,9 @@ TEST_F(RadioListTest, PairsNewLimitsById) {
   EXPECT_EQ(any.radios[1].power, 9);
   EXPECT_EQ(any.radios[0].power_max, 0);
   EXPECT_EQ(any.radios[0].power, 0);
+  limits.radios.clear();
+  any.set_validate_power(limits);
+  EXPECT_EQ(any.radios[1].power_max, 9);
 }
 
 TEST_F(RadioListTest, SetsMacsChangedMarksAndLoadLevels) {

@@ -229,6 +229,8 @@ TEST_F(RadioPower, EirpLimitsCountOnlyWithAnAntennaConfiguration) {
   EXPECT_EQ(any.clamp_power(12), 16);  // the lower bound wins
   EXPECT_EQ(any.clamp_power(30), 16);
   any.eirp_min = -1;
+  any.eirp_max = 0;  // a limit too
+  EXPECT_EQ(any.effective_max(), -4);
   any.eirp_max = -1;
   EXPECT_EQ(any.effective_min(), 10);
   EXPECT_EQ(any.effective_max(), 16);
@@ -314,6 +316,10 @@ TEST_F(RadioPower, WithoutAntennaOnlyLimitsTheEirpItHas) {
   any.update_eirp();
   EXPECT_EQ(any.eirp, 5);
   EXPECT_EQ(any.power, 12);
+  any.eirp_min = 0;
+  any.eirp_max = 0;
+  any.update_eirp();
+  EXPECT_EQ(any.eirp, 0);
 }
 
 TEST_F(RadioPower, AMaximumAloneDoesNotTouchTheEirp) {
@@ -430,6 +436,18 @@ TEST_F(RadioPower, ANewAntennaThatChangesOnlyTheEirpIsLogged) {
   EXPECT_THAT(log.texts(LogLevel::Debug),
               ElementsAre("00:11:22:33:44:00: Power/eirp adjusted to new limits: power 12 -> 12, "
                           "eirp 12 -> 15 (power min/max -1/-1, eirp min/max -1/-1)"));
+}
+
+TEST_F(RadioPower, NewLimitsThatChangeOnlyThePowerAreLogged) {
+  Radio any = radio(16);
+  any.power_initialised = true;
+  Radio limits = radio(0);
+  limits.power_max = 12;
+  CapturedLog log;
+  any.set_validate_power(limits);
+  EXPECT_THAT(log.texts(LogLevel::Debug),
+              ElementsAre("00:11:22:33:44:00: Power/eirp adjusted to new limits: power 16 -> 12, "
+                          "eirp -1 -> -1 (power min/max -1/12, eirp min/max -1/-1)"));
 }
 
 TEST_F(RadioPower, NewLimitsThatFitAreNotLogged) {
@@ -706,7 +724,9 @@ TEST_F(RadioMessage, ReadsClientsAlsoWhereVapsAreLeftAlone) {
   EXPECT_EQ(any.assoc_clients.count(), 1u);
   EXPECT_TRUE(log.has(LogLevel::Debug, "Assocc clients:  1 - 0"));
   apply(any, R"({"assoclist":null})");
+  apply(any, "{}");
   EXPECT_EQ(any.assoc_clients.count(), 1u);
+  EXPECT_EQ(log.count(LogLevel::Debug, "Assocc clients:  1 - 0"), 1u);  // not without a list
   apply(any, R"({"assoclist":[]})");
   EXPECT_EQ(any.assoc_clients.count(), 0u);
 }
@@ -768,6 +788,10 @@ TEST_F(RadioMacPool, OfANewRadioDefaultsToItsIdTimes16) {
   EXPECT_EQ(any.max_mac_count, 16u);
   EXPECT_EQ(any.mac, mac("00:11:22:33:44:10"));
   EXPECT_EQ(read(R"({"radio-mac-count":4})").max_mac_count, 4u);
+  Radio restored(config_, kBase, 1, false, 1, 0, 0, 0, 20);
+  restored.mac_offset = 5;
+  apply(restored, "{}", true);
+  EXPECT_EQ(restored.mac_offset, 16u);
 }
 
 TEST_F(RadioMacPool, IsTakenFromTheMessage) {
@@ -932,6 +956,8 @@ TEST_F(RadioJson, HasEirpWithALimitOrAnAntenna) {
   any.eirp_min = -1;
   any.eirp_max = 20;
   EXPECT_EQ(eirp_members(any), R"("eirp-max":20,"eirp":14,)");
+  any.eirp_max = 0;
+  EXPECT_EQ(eirp_members(any), R"("eirp-max":0,"eirp":14,)");
   any.eirp_max = -1;
   any.has_antenna_configuration = true;
   EXPECT_EQ(eirp_members(any),
