@@ -578,6 +578,15 @@ TEST_F(ApMap80211k, IsEmptyWhereNothingIsHeard) {
   EXPECT_EQ(list_of(map_, *receiver), "[]");
 }
 
+TEST_F(ApMap80211k, LeavesOutAnAccessPointThatOnlyItsIndexRemembers) {
+  const auto receiver = add(kA);
+  add(kB);
+  receiver->visible_members[mac("00:11:22:33:55:11")] = {};
+  EXPECT_NE(list_of(map_, *receiver), "[]");
+  map_.erase_node(mac(kB));
+  EXPECT_EQ(list_of(map_, *receiver), "[]");
+}
+
 TEST_F(ApMap80211k, NeedsAnSsidWith80211kOnBothSides) {
   const auto receiver = add(kA);
   const auto neighbour = add(kB);

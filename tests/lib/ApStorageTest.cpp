@@ -111,6 +111,20 @@ TEST(ApStorage, AMacCannotBeTakenOverByAnotherAccessPoint) {
   EXPECT_EQ(storage.size(), 4u);
 }
 
+TEST(ApStorage, WhatAnAccessPointGaveUpIsNoLongerItsToErase) {
+  const DomainConfig config;
+  const auto first = make_ap(config, "00:11:22:33:44:00", kTwoRadios);
+  const auto heir = make_ap(config, "00:11:22:33:44:10", kTwoRadios);  // radio 0 as radio 1 above
+  ApStorage storage;
+  storage.insert_ap(first);
+  for (Radio& radio : first->radios.radios) radio.status = false;
+  storage.insert_ap(first);
+  storage.insert_ap(heir);
+  storage.insert_ap(first);
+  storage.erase_ap(first);
+  EXPECT_EQ(storage.find(mac("00:11:22:33:44:10"))->ap, heir);
+}
+
 TEST(ApStorage, TracesItsSize) {
   const DomainConfig config;
   const auto ap = make_ap(config, "00:11:22:33:44:00", kTwoRadios);
