@@ -160,7 +160,6 @@ void RrmWorker::process_exists_ap(const Message& message, const Ap& ap, bool for
   fresh.from_json(message.json, channel_sets_, true, false);
   const bool same_channels = ap->radios.same_channel_plan(fresh);
   const bool same_vaps = ap->radios.same_vaps(fresh);
-  const bool same_settings = ap->radios.same_settings(fresh);
   const bool level_changed = ap->radios.update_load_levels();
 
   bool wildcard_changed = false;
@@ -184,7 +183,9 @@ void RrmWorker::process_exists_ap(const Message& message, const Ap& ap, bool for
     RRM_LOG(Info, "process_exists_ap update_802dot11r %d", due.links_80211r);
   }
 
+  // New limits are taken and the power fitted at once, so that they alone ask for no new round.
   ap->radios.set_validate_power(fresh);
+  const bool same_settings = ap->radios.same_settings(fresh);
   const bool not_equivalent = force || !same_settings;
   if (!same_channels || !same_settings) raise_domain_changed();
   ap->radios.from_json(message.json, channel_sets_, true, due.lists_80211kv);

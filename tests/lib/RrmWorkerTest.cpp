@@ -512,15 +512,29 @@ TEST(RrmWorkerConfigChanged, IndexesTheAccessPointAnew) {
   EXPECT_TRUE(engine.worker().aps().contains_bssid(MacAddress::from_text("00:11:22:00:01:20")));
 }
 
-TEST(RrmWorkerConfigChanged, OfOtherPowerLimitsIsAChangeOfSettings) {
+TEST(RrmWorkerConfigChanged, OfPowerLimitsAloneFitsThePowerAndPlansNoRound) {
   Engine engine;
   engine.subscribe(1, {RadioSpec{}});
-  engine.receive("rrm-config-changed", 1, 101,
-                 "\"radios\":[{\"id\":0,\"status\":1,\"channel\":36,\"band\":5,\"power\":15,"
-                 "\"power-max\":12,\"power-min\":5,\"bandwidth\":20,\"available-channels\":"
-                 "\"36,40,44,48\"}]");
+  engine.ap(1)->visible_rogue[MacAddress::from_text(client_mac(1).c_str())] = {};
+  engine.rrm().take();
+  engine.log().clear();
+  const auto report = [&](const std::string& members) {
+    engine.receive("rrm-config-changed", 1, 101,
+                   "\"radios\":[{\"id\":0,\"status\":1,\"channel\":36,\"band\":5,\"power\":15,"
+                   "\"power-max\":12,\"power-min\":5," +
+                       members + "}]");
+  };
+  report(R"("bandwidth":20,"available-channels":"36,40,44,48")");
+  EXPECT_TRUE(engine.log().has(
+      LogLevel::Debug,
+      "00:11:22:00:01:00: Power/eirp adjusted to new limits: power 15 -> 12, eirp -1 -> -1 (power "
+      "min/max 5/12, eirp min/max -1/-1)"));
+  EXPECT_EQ(only(engine.rrm().take()), info("00:11:22:00:01:00", told_radio(0, 36, 5, 12)));
+  EXPECT_FALSE(engine.log().has(LogLevel::Debug, "Not-equivalent or force (0) subscribe request"));
+  EXPECT_TRUE(engine.log().events().empty());
+  EXPECT_EQ(engine.ap(1)->visible_rogue.size(), 1u);
+  report(R"("bandwidth":40,"available-channels":"36,40,44,48")");  // any other setting does
   EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Not-equivalent or force (0) subscribe request"));
-  EXPECT_EQ(engine.ap(1)->radios.find(0)->power, 12);
 }
 
 TEST(RrmWorkerConfigChanged, ReachesParkedAccessPoints) {
