@@ -68,10 +68,6 @@ void TpcDcaSubworker::set_state(PlannerState state, bool balancers_locked) {
   set_state(state);
 }
 
-bool TpcDcaSubworker::round_running() const noexcept {
-  return scanning() || state_ == PlannerState::Optimising;
-}
-
 /// The scan is needed for DCA and TPC, and for the neighbour lists and balancers that look only at
 /// access points that hear each other.
 bool TpcDcaSubworker::answers_matter() const noexcept {
@@ -395,7 +391,7 @@ void TpcDcaSubworker::planning_update_802dot11k() {
 }
 
 void TpcDcaSubworker::process_timer_802dot11k() {
-  if (round_running()) {
+  if (scanning()) {
     RRM_LOG(Debug, "Not update 802dot11k domain %s", domain_name());
     return;
   }
@@ -420,7 +416,7 @@ void TpcDcaSubworker::planning_update_802dot11r() {
 }
 
 void TpcDcaSubworker::process_timer_802dot11r() {
-  if (round_running()) {
+  if (scanning()) {
     RRM_LOG(Debug, "Not update 802dot11r domain %s", domain_name());
     return;
   }

@@ -109,7 +109,6 @@ class TpcDcaSubworker : public IRrmSubworker {
   void set_state(PlannerState state);
   void set_state(PlannerState state, bool balancers_locked);
   bool answers_matter() const noexcept;
-  bool round_running() const noexcept;
 
   // results
   void take_result(const OptimisationResult& result);

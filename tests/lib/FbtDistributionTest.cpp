@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <cstdio>
 #include <random>
@@ -552,6 +555,42 @@ TEST(FbtPlanning, ThatComesDueInARoundIsSkipped) {
   EXPECT_FALSE(engine.log().has(LogLevel::Debug, "Process update 802dot11r domain site"));
 }
 
+/// Lets optimisations run until they are cancelled or told to end.
+void hold_optimisations(Engine& engine, const std::atomic<bool>& end) {
+  engine.worker().tpc_dca().set_optimiser([&end](ApMap&, const DomainConfig&,
+                                                 const OptimisationSwitches&, std::int64_t,
+                                                 const std::atomic<bool>& cancel) {
+    while (!end && !cancel) ::usleep(1000);
+    OptimisationResult result;
+    result.ok = true;
+    return result;
+  });
+}
+
+TEST(FbtPlanning, ThatComesDueWhileARoundIsOptimisedIsDone) {
+  DomainConfig config = fbt_config();
+  config.use_optimization_time = true;
+  config.optimization_time_s = 30;
+  std::atomic<bool> end{false};
+  Engine engine(config);
+  hold_optimisations(engine, end);
+  engine.subscribe(1, {fbt_radio()});
+  engine.pass(29);
+  engine.worker().tpc_dca().planning_update_802dot11r();
+  engine.pass(1 + 15);
+  engine.receive("rrm-response", 1, 101, "\"radios\":" + radios_text({fbt_radio()}));
+  ASSERT_EQ(engine.state(), 5);
+  engine.log().clear();
+  engine.pass(3);
+  EXPECT_EQ(engine.worker().tpc_dca().fbt_status(), 1);
+  engine.pass(1);
+  ASSERT_EQ(engine.state(), 5);
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Process update 802dot11r domain site"));
+  EXPECT_EQ(engine.worker().tpc_dca().fbt_status(), 0);
+  end = true;
+  engine.finish_optimisation();
+}
+
 // --- 802.11k lists
 
 DomainConfig list_config() {
@@ -616,6 +655,26 @@ TEST(NeighbourListPlanning, ThatComesDueInARoundIsSkipped) {
   ASSERT_EQ(engine.state(), 3);
   EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Not update 802dot11k domain site"));
   EXPECT_TRUE(engine.rrm().take("rrm-info").empty());
+}
+
+TEST(NeighbourListPlanning, ThatComesDueWhileARoundIsOptimisedIsDone) {
+  DomainConfig config = list_config();
+  config.use_optimization_event = true;
+  std::atomic<bool> end{false};
+  Engine engine(config);
+  hold_optimisations(engine, end);
+  engine.subscribe(1, {list_radio()});
+  engine.pass(20 + 15);
+  engine.receive("rrm-response", 1, 101, "\"radios\":" + radios_text({list_radio()}));
+  ASSERT_EQ(engine.state(), 5);
+  engine.worker().tpc_dca().update_802dot11k();
+  engine.rrm().take();
+  engine.pass(20);
+  ASSERT_EQ(engine.state(), 5);
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Process update 802dot11k domain site"));
+  EXPECT_EQ(engine.rrm().take("rrm-info").size(), 1u);
+  end = true;
+  engine.finish_optimisation();
 }
 
 TEST(NeighbourList, OfASubscriptionNamesAbsentNeighboursToo) {
