@@ -46,6 +46,7 @@ void LoadBalancerSubworker::process_timer() {
     const ProbeEntry* entry = pending_.find(client);
     if (entry == nullptr) continue;
     process_result(client, *entry);
+    if (entry->countdown == 0) log_problist_drop("timeout");
     pending_.remove(client);
   }
 }

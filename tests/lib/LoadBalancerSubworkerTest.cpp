@@ -472,8 +472,18 @@ TEST(BalancingDecision, WaitsForTheAnswersOrFiveSeconds) {
   hear(engine, 1, -80);
   engine.pass(4);
   EXPECT_TRUE(pending(engine));
+  EXPECT_FALSE(engine.log().has(LogLevel::Debug, "RrmProblist: drop - timeout"));
   engine.pass(1);
   EXPECT_FALSE(pending(engine));
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "RrmProblist: drop - timeout"));
+  // With all answers nothing runs out.
+  engine.log().clear();
+  associate(engine, 1, -80);
+  hear(engine, 1, -80);
+  hear(engine, 2, -70);
+  engine.pass(1);
+  EXPECT_FALSE(pending(engine));
+  EXPECT_FALSE(engine.log().has(LogLevel::Debug, "RrmProblist: drop - timeout"));
 }
 
 TEST(BalancingDecision, OfALoadedRadioNeedsAClearlyBetterOne) {
