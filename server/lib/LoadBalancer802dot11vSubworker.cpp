@@ -129,8 +129,6 @@ void LoadBalancer802dot11vSubworker::process_client_roam(const JsonReader& messa
   const std::int32_t radio_id = message.get_int("radio");
   const char* client_text = message.get_str("sta-mac");
   const char* target_text = message.get_str("target-mac");
-  MacAddress client;
-  if (!MacAddress::scan(client_text, client)) return;
   const auto target = aps().find_any(MacAddress::from_text(target_text));
   if (target == nullptr) {
     RRM_LOG(Error, "No target ap with mac %s", target_text);
@@ -142,6 +140,8 @@ void LoadBalancer802dot11vSubworker::process_client_roam(const JsonReader& messa
             target->base_mac.upper().c_str());
     return;
   }
+  MacAddress client;
+  if (!MacAddress::scan(client_text, client)) return;  // it could never arrive
   if (radio->expected_roams.size() >= AssocMap::kMaxClients &&
       !radio->expected_roams.contains(client)) {
     RRM_LOG(Warning, "Too many expected clients on radio %d of AP(%s)", radio_id,

@@ -241,8 +241,23 @@ TEST(Roam, ToAnUnknownAccessPointOrRadioIsReported) {
   EXPECT_TRUE(engine.log().has(
       LogLevel::Warning,
       "Skip 802.11v roam: target radio_id=1 invalid/disabled for ap=00:11:22:00:02:00"));
-  engine.receive("rrm-sta-roam", 1, 101,
-                 R"("radio":0,"sta-mac":"no mac","target-mac":")" + ap_mac(2) + "\"");
+}
+
+TEST(Roam, OfAClientWhoseAddressDoesNotScanIsDroppedBehindTheTests) {
+  Engine engine(steering_config());
+  subscribe_all(engine, 2);
+  const auto roam_nameless = [&](const std::string& target, int radio) {
+    engine.receive("rrm-sta-roam", 1, 101,
+                   "\"radio\":" + std::to_string(radio) + R"(,"sta-mac":"no mac","target-mac":")" +
+                       target + "\"");
+  };
+  roam_nameless("66:00:00:00:00:01", 0);
+  EXPECT_TRUE(engine.log().has(LogLevel::Error, "No target ap with mac 66:00:00:00:00:01"));
+  roam_nameless(ap_mac(2), 1);
+  EXPECT_TRUE(engine.log().has(
+      LogLevel::Warning,
+      "Skip 802.11v roam: target radio_id=1 invalid/disabled for ap=00:11:22:00:02:00"));
+  roam_nameless(ap_mac(2), 0);
   EXPECT_TRUE(radio_of(engine, 2).expected_roams.empty());
 }
 
