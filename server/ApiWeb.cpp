@@ -1,5 +1,7 @@
 #include "server/ApiWeb.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
@@ -77,6 +79,19 @@ bool is_in_mount(std::string_view path) {
   return path.starts_with(kMount) && (path.size() == kMount.size() || path[kMount.size()] == '/');
 }
 
+/// How the library opens files.
+decltype(lws_plat_file_ops::LWS_FOP_OPEN) open_file = nullptr;
+
+/// A pipe among the files of the site would keep whoever opens it waiting for its other end, and
+/// with the loop everything that it serves.
+lws_fop_fd_t open_served_file(const lws_plat_file_ops* files, const char* name,
+                              const char* virtual_path, lws_fop_flags_t* flags) {
+  struct stat state {};
+  const bool found = ::stat(name, &state) == 0;
+  if (!found || !(S_ISREG(state.st_mode) || S_ISDIR(state.st_mode))) return nullptr;
+  return open_file(files, name, virtual_path, flags);
+}
+
 bool has_body(lws* wsi) {
   if (lws_hdr_total_length(wsi, WSI_TOKEN_HTTP_TRANSFER_ENCODING) > 0) return true;
   const std::string length = header(wsi, WSI_TOKEN_HTTP_CONTENT_LENGTH);
@@ -142,6 +157,10 @@ bool ApiWeb::create_context(lws_context_creation_info& info) {
   info.options |= LWS_SERVER_OPTION_EXPLICIT_VHOSTS;
   context_ = lws_create_context(&info);
   if (context_ == nullptr) return false;
+  if (lws_plat_file_ops* const files = lws_get_fops(context_); files != nullptr) {
+    open_file = files->LWS_FOP_OPEN;
+    files->LWS_FOP_OPEN = &open_served_file;
+  }
   info.options = port_options;
   if (lws_create_vhost(context_, &info) != nullptr) return true;
   destroy_context();

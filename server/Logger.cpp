@@ -101,8 +101,10 @@ RRM_Logger::RRM_Logger(LoggerSettings settings)
 }
 
 bool RRM_Logger::configure() {
-  std::ifstream file(settings_.config_file);
-  if (!is_file(settings_.config_file) || !file.is_open()) {
+  std::ifstream file;
+  // A pipe would not be opened before its other end is.
+  if (is_file(settings_.config_file)) file.open(settings_.config_file);
+  if (!file.is_open()) {
     std::cout << "Logger cfg file does not exist. Using default logger settings." << std::endl;
     el::Loggers::setVerboseLevel(1);
     el::Loggers::addFlag(el::LoggingFlag::NewLineForContainer);

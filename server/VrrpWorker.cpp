@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstring>
 #include <exception>
-#include <fstream>
 #include <memory>
 #include <string_view>
 #include <utility>
@@ -18,6 +17,7 @@
 #include "server/ProcessLog.h"
 #include "server/lib/ConfigFile.h"
 #include "server/lib/RRM.h"
+#include "server/lib/RegularFile.h"
 
 using rrm::JsonReader;
 using rrm::JsonWriter;
@@ -43,7 +43,7 @@ bool provide_folder(const std::string& path) {
 
 /// The whole file; false when it cannot be opened, with errno telling why.
 bool read_file(const std::string& path, std::string& text) {
-  const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  const int file = rrm::open_regular_file(path, O_RDONLY);
   if (file < 0) return false;
   char piece[4096];
   ssize_t length = 0;
@@ -206,14 +206,11 @@ void VrrpWorker::set_vrrp_role_on_start() {
   if (!config().vrrp_enabled) return;
   bool master = true;
   const std::string path = config().vrrp_state_file;
-  std::ifstream file(path);
-  if (file.is_open()) {
-    std::string line;
-    std::getline(file, line);
-    master = line != "BACKUP";
-  } else {
+  std::string text;
+  if (read_file(path, text))
+    master = text.substr(0, text.find('\n')) != "BACKUP";
+  else
     PROCESS_LOG(Error) << "Error opening VRRP state file " << path;
-  }
   const std::lock_guard lock(command_mutex());
   bool switched = false;
   try {

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "server/lib/Hooks.h"
+#include "server/lib/RegularFile.h"
 #include "server/lib/report_fields.h"
 
 namespace rrm::reports {
@@ -36,7 +37,7 @@ bool ends_within_line(int descriptor, off_t length) {
 
 LineReader::LineReader(const std::string& file) : file_(file) {
   errno = 0;
-  stream_ = std::fopen(file.c_str(), "re");
+  stream_ = open_regular_stream(file, O_RDONLY, "r");
   if (stream_ == nullptr) fail(errno);
 }
 
@@ -72,7 +73,7 @@ void log_read_error(const std::string& file, int code) {
 }
 
 int append_to_file(const std::string& file, const std::string& text) {
-  const int descriptor = ::open(file.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+  const int descriptor = open_regular_file(file, O_RDWR | O_APPEND | O_CREAT);
   if (descriptor < 0) return errno;
   const off_t length = ::lseek(descriptor, 0, SEEK_END);
   int code = write_all(descriptor, ends_within_line(descriptor, length) ? "\n" + text : text);

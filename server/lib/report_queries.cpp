@@ -14,6 +14,7 @@
 
 #include "server/lib/Config.h"
 #include "server/lib/Hooks.h"
+#include "server/lib/RegularFile.h"
 #include "server/lib/report_fields.h"
 #include "server/lib/report_lines.h"
 #include "server/lib/report_optimize_tpc_dca.h"
@@ -364,7 +365,7 @@ std::string last_line(const std::string& text) {
 /// The end of a file, at most 4096 bytes: far more than a line of an index has.
 int read_tail(const std::string& file, std::string& tail) {
   constexpr off_t kLimit = 4096;
-  const int descriptor = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+  const int descriptor = open_regular_file(file, O_RDONLY);
   if (descriptor < 0) return errno;
   const off_t length = ::lseek(descriptor, 0, SEEK_END);
   tail.resize(static_cast<std::size_t>(std::min(std::max<off_t>(length, 0), kLimit)));

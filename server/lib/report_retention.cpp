@@ -11,6 +11,7 @@
 #include <stdexcept>
 
 #include "server/lib/Hooks.h"
+#include "server/lib/RegularFile.h"
 #include "server/lib/report_fields.h"
 #include "server/lib/report_lines.h"
 #include "server/lib/report_optimize_tpc_dca.h"
@@ -69,7 +70,7 @@ int rename_file(const std::string& from, const std::string& to, const char* purp
 
 /// Makes an empty file; `flags` tell what happens to one that is there.
 int create_file(const std::string& file, int flags) {
-  const int descriptor = ::open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | flags, 0644);
+  const int descriptor = open_regular_file(file, O_WRONLY | O_CREAT | flags);
   if (descriptor >= 0 && ::close(descriptor) == 0) return 0;
   RRM_LOG(Error, "Error while create file \"%s\".", file.c_str());
   return EIO;
@@ -150,7 +151,7 @@ class KeptLines {
   }
   int open() {
     if (stream_ != nullptr) return 0;
-    stream_ = std::fopen(name_.c_str(), "ae");
+    stream_ = open_regular_stream(name_, O_WRONLY | O_APPEND | O_CREAT, "a");
     return stream_ != nullptr ? 0 : failed("create", errno);
   }
   bool is_open() const noexcept { return stream_ != nullptr; }

@@ -1,6 +1,7 @@
 #include "server/lib/report_queries.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <array>
 #include <cerrno>
@@ -369,6 +370,15 @@ TEST_F(FetchReportTest, FilesThatCannotBeReadEndIt) {
   EXPECT_EQ(errors().front(), "Error while read file \"" + path(kReport) +
                                   "\", errno = 2: No such file or directory");
   expect_failure(ENOENT);
+}
+
+TEST_F(FetchReportTest, APipeInAFilesPlaceEndsItAtOnce) {
+  std::filesystem::remove(path(kReport));
+  ASSERT_EQ(::mkfifo(path(kReport).c_str(), 0600), 0);
+  EXPECT_EQ(fetch(kId), EINVAL);
+  EXPECT_EQ(errors().front(),
+            "Error while read file \"" + path(kReport) + "\", errno = 22: Invalid argument");
+  expect_failure(EINVAL);
 }
 
 TEST_F(FetchReportTest, BadReportIdsAreNamed) {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <time.h>
 
 #include <chrono>
@@ -182,6 +183,14 @@ INSTANTIATE_TEST_SUITE_P(
                     PathCase{"OutOfTheRoot", "/www/wavelom/../secret"},
                     PathCase{"OutOfTheRootEscaped", "/www/wavelom/%2e%2e/secret"}),
     [](const auto& row) { return row.param.name; });
+
+TEST_F(WebHttp, APipeAmongTheFilesIsNotFoundAndHoldsUpNobody) {
+  ASSERT_EQ(::mkfifo(folder_.file("www/pipe.js").c_str(), 0600), 0);
+  start();
+  TcpClient client(port_);
+  EXPECT_EQ(ask(client, get("/www/wavelom/pipe.js")).status, 404);
+  EXPECT_EQ(ask(client, get("/www/wavelom/app.js")).body, "let x;");
+}
 
 TEST_F(WebHttp, HeadOfAFileHasItsLengthAndNoBody) {
   start();

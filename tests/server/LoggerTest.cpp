@@ -1,6 +1,7 @@
 #include "server/Logger.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <utime.h>
 
 #include <chrono>
@@ -75,6 +76,14 @@ TEST_F(Logger, FolderInPlaceOfTheConfigurationFileCountsAsMissing) {
   std::filesystem::create_directory(folder_.file("wavelom_logger.conf"));
   testing::internal::CaptureStdout();
   { const RRM_Logger logger(settings()); }
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "Logger cfg file does not exist. Using default logger settings.\n");
+}
+
+TEST_F(Logger, PipeInPlaceOfTheConfigurationFileCountsAsMissing) {
+  ASSERT_EQ(::mkfifo(settings().config_file.c_str(), 0600), 0);
+  testing::internal::CaptureStdout();
+  EXPECT_FALSE(RRM_Logger(settings()).has_threads());
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "Logger cfg file does not exist. Using default logger settings.\n");
 }

@@ -1,6 +1,7 @@
 #include "server/VrrpWorker.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -350,6 +351,16 @@ TEST_P(VrrpStateFile, GivesTheRoleOnStart) {
       log_.has(el::Level::Error, "Error opening VRRP state file " + folder_.file("keep.mode")),
       missing);
   EXPECT_EQ(log_.texts(el::Level::Error).size(), missing ? 1U : 0U);
+}
+
+TEST_F(Vrrp, APipeInPlaceOfTheStateFileCountsAsMissing) {
+  ASSERT_EQ(::mkfifo(folder_.file("keep.mode").c_str(), 0600), 0);
+  config().listen_port = 0;
+  engine_.rrm().workers().clear();
+  vrrp_.set_vrrp_role_on_start();
+  EXPECT_EQ(engine_.rrm().get_vrrp_role(), VrrpRole::Master);
+  EXPECT_TRUE(
+      log_.has(el::Level::Error, "Error opening VRRP state file " + folder_.file("keep.mode")));
 }
 
 TEST(VrrpConfiguration, IsReadAgainByWhoeverBecomesMaster) {
