@@ -33,6 +33,8 @@ constexpr std::size_t kIntMax = 2147483647;
 constexpr std::uint32_t kFlood = 1024;      ///< messages in one second
 constexpr std::int64_t kFloodPause_s = 29;  ///< between two load-balancer stops
 constexpr double kTick_s = 1;
+/// Life of a connection without the subprotocol. It has no session, so nobody would ping it.
+constexpr lws_usec_t kStranger_us = 91 * LWS_USEC_PER_SEC;
 /// Of the context and its loop, generously: libev ends the process when it gets none.
 constexpr std::size_t kContextDescriptors = 16;
 constexpr int kLibraryLogAll = 0x3ff;
@@ -103,6 +105,11 @@ int http_callback(lws* wsi, lws_callback_reasons reason, void* user, void* in, s
     case LWS_CALLBACK_FILTER_HTTP_CONNECTION:
       lws_return_http_status(wsi, HTTP_STATUS_NOT_FOUND, nullptr);
       return 1;
+    case LWS_CALLBACK_ESTABLISHED:
+      lws_set_timer_usecs(wsi, kStranger_us);
+      return 0;
+    case LWS_CALLBACK_TIMER:
+      return -1;
     case LWS_CALLBACK_HTTP_CONFIRM_UPGRADE:
       return ::strcasecmp(static_cast<const char*>(in), "websocket") == 0 ? 0 : -1;
     default:

@@ -118,7 +118,7 @@ TEST_F(WebsockClientsTest, AnUpgradeNeedsTheSubprotocolOnWhateverPath) {
   EXPECT_TRUE(clients_.wait_open(elsewhere));
   server_.wait_sessions(1);
   RawClient without(server_.port());
-  without.handshake("");
+  EXPECT_TRUE(without.handshake("")) << "but it gets no session";
   RawClient wrong(server_.port());
   EXPECT_FALSE(wrong.handshake("no-such-protocol"));
   EXPECT_TRUE(still_serves());

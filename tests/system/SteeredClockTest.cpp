@@ -23,12 +23,15 @@ class SteeredClock : public Process {
     ::setenv("TZ", "UTC", 1);
     Process::SetUp();
   }
-  /// The launcher waits for the process it has started, and ends with its status.
-  pid_t controller() const {
+  /// Interrupts the process that the launcher has started; the launcher ends with its status.
+  int interrupt() {
     const std::string id = std::to_string(process_->pid());
-    pid_t child = 0;
-    std::ifstream("/proc/" + id + "/task/" + id + "/children") >> child;
-    return child;
+    pid_t controller = 0;
+    std::ifstream("/proc/" + id + "/task/" + id + "/children") >> controller;
+    if (controller <= 0 || ::kill(controller, SIGINT) != 0) return -1;
+    const int status = process_->wait();
+    if (status != 0) ADD_FAILURE() << process_->errors();
+    return status;
   }
   bool says(const std::string& text) const {
     return process_->output().find(text) != std::string::npos;
@@ -60,10 +63,18 @@ TEST_F(SteeredClock, DutiesOfSecondsMinutesAndDaysRunFasterAndAnInterruptEndsItW
       << "the backup waits 20 s for further changes";
   EXPECT_TRUE(wait_until([&] { return says("Report alarm fired: trigger=\"21:00\" UTC"); }, 30000));
   EXPECT_TRUE(says("ApiWeb periodic tick: invoking check_old_reports."));
-  const pid_t child = controller();
-  ASSERT_GT(child, 0);
-  EXPECT_EQ(::kill(child, SIGINT), 0);
-  EXPECT_EQ(process_->wait(), 0) << process_->errors();
+  EXPECT_EQ(interrupt(), 0);
+}
+
+TEST_F(SteeredClock, AConnectionWithoutTheSubprotocolEndsAfterAMinuteAndAHalf) {
+  configure("");
+  start_with({kLauncher, "-f", "+0 x100"}, {"c.conf"});
+  ASSERT_TRUE(is_serving(ap_port_)) << process_->errors();
+  rrm::test::RawClient stranger(ap_port_);
+  ASSERT_TRUE(stranger.handshake(""));
+  EXPECT_TRUE(stranger.send_frame(rrm::test::RawClient::Text, "{}"));
+  EXPECT_TRUE(stranger.wait_end());
+  EXPECT_EQ(interrupt(), 0);
 }
 
 TEST_F(SteeredClock, AnAccessPointThatKeepsTalkingIsNeverPingedNorHungUpOn) {
@@ -85,10 +96,7 @@ TEST_F(SteeredClock, AnAccessPointThatKeepsTalkingIsNeverPingedNorHungUpOn) {
     EXPECT_EQ(frame.opcode, -1) << "message " << i << ": " << frame.payload;
     if (HasFailure()) break;
   }
-  const pid_t child = controller();
-  ASSERT_GT(child, 0);
-  EXPECT_EQ(::kill(child, SIGINT), 0);
-  EXPECT_EQ(process_->wait(), 0) << process_->errors();
+  EXPECT_EQ(interrupt(), 0);
 }
 
 }  // namespace
