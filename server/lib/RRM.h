@@ -16,7 +16,7 @@
 namespace rrm {
 
 class DefaultWorker;
-struct DomainConfig;
+struct DomainInfo;
 class GlobalConfig;
 class PingWorker;
 class WebsockServerWorker;
@@ -135,7 +135,7 @@ class RRM {
   void enqueue_everywhere(const char* document, const SessionAddress& address);
   void delete_old_reports(const std::string& domain, std::int32_t days, const std::string& path);
   static void delete_reports_of_unknown_domains(const std::string& path,
-                                                const std::map<std::string, DomainConfig>& domains);
+                                                const std::map<std::string, DomainInfo>& domains);
 
   SafeUnorderedMap<std::string, Worker> workers_;
   const GlobalConfig* const config_;

@@ -77,10 +77,11 @@ void RRM::check_old_reports() {
   bool fired = false;
   if (reports::check_report_alarm_clock_every_min(time, fired) != 0 || !fired) return;
   RRM_LOG(Info, "Check old reports.");
-  const auto domains = config_->domain_configs();
-  for (const auto& [name, settings] : domains)
-    delete_old_reports(name, settings.report_days_to_live, path);
-  delete_reports_of_unknown_domains(path, domains);
+  const auto settings = config_->domain_configs();
+  for (const auto& [name, config] : settings)
+    delete_old_reports(name, config.report_days_to_live, path);
+  // A domain that waits for its pattern has no settings yet, but it is known.
+  delete_reports_of_unknown_domains(path, config_->domains());
 }
 
 void RRM::delete_old_reports(const std::string& domain, std::int32_t days,
@@ -117,7 +118,7 @@ void RRM::delete_old_reports(const std::string& domain, std::int32_t days,
 }
 
 void RRM::delete_reports_of_unknown_domains(const std::string& path,
-                                            const std::map<std::string, DomainConfig>& domains) {
+                                            const std::map<std::string, DomainInfo>& domains) {
   const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir(path.c_str()), &closedir);
   if (folder == nullptr) {
     RRM_LOG(Error, "Could not open directory: %s", path.c_str());

@@ -689,6 +689,15 @@ TEST_F(RRMReportsTest, DeletesTheFilesOfDomainsThatAreNotConfigured) {
   EXPECT_TRUE(log_.texts(LogLevel::Error).empty());
 }
 
+TEST_F(RRMReportsTest, ADomainThatWaitsForItsPatternKeepsItsReports) {
+  config_.load(JsonReader(R"({"domains":[{"domain":"waits","pattern":"late"}]})"));
+  write_reports("waits");
+  rrm_.check_old_reports();
+  EXPECT_FALSE(log_.has(LogLevel::Info, "Delete report files for domain: waits"));
+  for (const char* kind : {"report_", "report_cfg_", "report_idx_"})
+    EXPECT_TRUE(folder_.has(std::string(kind) + "waits.txt")) << kind;
+}
+
 TEST_F(RRMReportsTest, ConfiguredDomainsKeepTheReportsOfTheirDaysToLive) {
   bool invalid = false;
   bool changed = false;
