@@ -166,6 +166,19 @@ TEST_F(Process, BrokenConfigurationGivesTheDefaults) {
   EXPECT_EQ(rrm::GlobalConfig(folder_.file("c.conf")).api_port, 8089);
 }
 
+TEST_F(Process, FaultsOfItsConfigurationAreLogged) {
+  configure();
+  std::string text = folder_.read("c.conf");
+  text.replace(text.find("3:00"), 4, "33:00");
+  folder_.write("c.conf", text);
+  start_and_wait();
+  EXPECT_EQ(interrupt(), 0);
+  EXPECT_THAT(
+      process_->output(),
+      testing::ContainsRegex("WARNING \\[default\\] .*Invalid time value for 'time_zone': "
+                             "'33:00' \\(allowed range: \\[-43200, 50400\\] in seconds\\)\n"));
+}
+
 TEST_F(Process, DisabledControllerServesManagementOnly) {
   configure(R"(,"enabled":0)");
   start();
