@@ -392,7 +392,7 @@ int query_last(JsonWriter& out, const std::string& domain, const std::string& pa
   const std::string index = report_files(domain, path).index;
   std::string tail;
   const int read_code = read_tail(index, tail);
-  const bool missing = read_code == ENOENT || (read_code == 0 && tail.size() < kShortestIndex);
+  const bool missing = !file_exists(index) || (read_code == 0 && tail.size() < kShortestIndex);
   if (missing && missing_ok) {
     RRM_LOG(Debug, "No reports for domain: \"%s\".", domain.c_str());
     return 0;

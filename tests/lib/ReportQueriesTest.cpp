@@ -467,6 +467,21 @@ TEST_F(FetchReportTest, WithoutReportsNothingIsAddedWhenThatIsFine) {
   EXPECT_TRUE(log.events().empty());
 }
 
+TEST_F(ReportQueriesTest, AFileInPlaceOfTheFolderHoldsNoReports) {
+  const std::string file = folder.write("file", "");
+  for (const bool missing_ok : {true, false}) {
+    log.clear();
+    JsonWriter list;
+    JsonWriter latest;
+    EXPECT_EQ(get_radio_report_list(list, "office", file, "2024-05-01,00:00:00 UTC",
+                                    "2024-05-02,00:00:00 UTC", missing_ok),
+              missing_ok ? 0 : ENOTDIR);
+    EXPECT_EQ(get_last_radio_report(latest, "office", file, missing_ok), missing_ok ? 0 : ENOTDIR);
+    EXPECT_EQ(log.count(LogLevel::Debug, "No reports for domain: \"office\"."),
+              missing_ok ? 2U : 0U);
+  }
+}
+
 TEST_F(FetchReportTest, WithoutReportsItFailsOtherwise) {
   EXPECT_EQ(last(), ENOENT);
   EXPECT_TRUE(log.has_event(EventCode::ReportLastFailed, "office"));
