@@ -527,6 +527,12 @@ TEST_F(ApiCommands, SessionsAreListedOnlyWhenAskedForByANumber) {
   EXPECT_NE(ask(R"({"rrm":{"sessions":1}})"), header() + "}");
 }
 
+TEST_F(ApiCommands, DomainComesBeforeDroppedSessionsAndTheseBeforeTheList) {
+  EXPECT_EQ(ask(R"({"rrm":{"sessions":1,"drop_session":0}})"), header() + "}");
+  EXPECT_EQ(ask(R"({"rrm":{"sessions":1,"drop_session":1,"domain":"d9"}})"),
+            header() + R"(,"error":"domain not found"})");
+}
+
 TEST_F(ApiCommands, DropSessionsAnswersWithTheHeader) {
   EXPECT_EQ(ask(R"({"rrm":{"drop_session":1,"ids":[1,2,4294967295,"3",null,{}]}})"),
             header() + "}");
