@@ -131,6 +131,20 @@ TEST_F(TcpApi, ClientThatHasReadALongReplyAsksAgain) {
   EXPECT_EQ(ask(client, R"({"foo":1})"), kError);
 }
 
+TEST_F(TcpApi, RestOfAReplyThatItsClientDidNotWaitForReachesNobodyElse) {
+  add_domains(100'000);
+  TcpClient steady(api_.port());
+  TcpClient hasty(api_.port(), 4096);
+  ASSERT_TRUE(hasty.send(kGetDomains));
+  ::poll(nullptr, 0, 20);
+  EXPECT_EQ(ask(steady, R"({"foo":1})"), kError);
+  hasty.reset();
+  // Twice, so that the loop has certainly looked at the other one since.
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(ask(steady, R"({"foo":1})"), kError);
+  TcpClient next(api_.port());  // has the descriptor of the one before
+  EXPECT_EQ(ask(next, R"({"foo":1})"), kError);
+}
+
 TEST_F(TcpApi, InterruptedPollIsLoggedAndTheLoopGoesOn) {
   struct sigaction action {};
   action.sa_handler = [](int) {};
