@@ -323,6 +323,15 @@ TEST(RrmWorkerMessages, OfAnAccessPointCannotStopTheDomain) {
   EXPECT_TRUE(engine.log().has(LogLevel::Warning, "Incoming message validation failed"));
 }
 
+TEST(RrmWorkerMessages, AreRecordedWithTheirAddressAsItWasWritten) {
+  Engine engine;
+  for (const std::string mac : {"0a:1B:2c:3D:4e:5F", "no address"}) {
+    engine.receive(
+        R"({"service":"rrm","cmd":"rrm-sta-roam","version":"2.4","ap-mac":")" + mac + "\"}", 7);
+    EXPECT_TRUE(engine.log().has(LogLevel::Debug, "process_message rrm-sta-roam for " + mac));
+  }
+}
+
 TEST(RrmWorkerMessages, OfAnotherVersionAreReportedAndDropped) {
   Engine engine;
   engine.subscribe(1, {RadioSpec{}});
