@@ -415,8 +415,10 @@ TEST_F(WebsockClientsTest, SessionsThatComeOneAfterAnotherAreAllServed) {
   // Whatever memory of the last one its connection is given.
   for (std::size_t i = 0; i < 20; ++i) {
     const std::size_t client = clients_.open_all(1);
-    server_.rrm.send_text("hello", server_.wait_sessions(1).at(0));
-    ASSERT_EQ(clients_.wait_received(client), (Texts{"hello"})) << i;
+    const auto address = server_.wait_sessions(1).at(0);
+    const Texts texts{"one", "two", "three", "four", "five"};
+    for (const std::string& text : texts) server_.rrm.send_text(text.c_str(), address);
+    ASSERT_EQ(clients_.wait_received(client, texts.size()), texts) << i;
     clients_.close(client);
     server_.wait_sessions(0);
   }
