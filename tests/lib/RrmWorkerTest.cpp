@@ -149,6 +149,7 @@ TEST(RrmWorkerSubscription, OfASessionThatHasClosedIsDropped) {
   Engine engine;
   engine.rrm().close(101);
   engine.subscribe(1, {RadioSpec{}});
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Subscribe request of closed session 101 dropped"));
   EXPECT_TRUE(engine.rrm().take().empty());
   EXPECT_TRUE(engine.worker().aps().empty());
 }
@@ -248,6 +249,12 @@ INSTANTIATE_TEST_SUITE_P(
         MacCase{"Overlap", "", ",\"mac-offset\":0,\"radio-mac-count\":17", "",
                 "MAC ranges overlapped: radio0 00:11:22:00:01:00 max_mac_count=17, radio1 "
                 "00:11:22:00:01:10"},
+        MacCase{"OneMacIsEnoughForOneRadio", ",\"ap-mac-count\":1",
+                ",\"mac-offset\":0,\"radio-mac-count\":1", nullptr, nullptr},
+        MacCase{"SameAddress", "", ",\"mac-offset\":4,\"radio-mac-count\":4",
+                ",\"mac-offset\":4,\"radio-mac-count\":4",
+                "MAC ranges overlapped: radio0 00:11:22:00:01:04 max_mac_count=4, radio1 "
+                "00:11:22:00:01:04"},
         MacCase{"NeighbouringPoolsPass", "", "", "", nullptr}),
     [](const auto& test) { return test.param.name; });
 
@@ -294,6 +301,31 @@ TEST(RrmWorkerSubscription, SendsTheKeysOfTheAccessPointBehindTheAnswer) {
   ASSERT_EQ(sent.size(), 2u);
   EXPECT_STREQ(JsonReader(sent[0].text.c_str()).get_str("cmd"), "subscribe-response");
   EXPECT_STREQ(JsonReader(sent[1].text.c_str()).get_str("cmd"), "fbt-info");
+}
+
+TEST(RrmWorkerSubscription, BringsTheNeighbourListThatItsRadiosTakePartIn) {
+  struct Case {
+    bool use_80211v;
+    bool use_80211k;
+    int locked_80211v;
+    const char* list;
+  };
+  // The list for 802.11v names the radios, the one for 802.11k alone does not.
+  for (const Case& c :
+       {Case{true, true, 0, R"("802dot11k":[{"id":0}])"}, Case{true, true, 1, R"("802dot11k":[])"},
+        Case{false, true, 0, R"("802dot11k":[])"}, Case{true, false, 1, ""},
+        Case{false, false, 0, ""}}) {
+    DomainConfig config = Engine::quiet_config();
+    config.use_80211v = c.use_80211v;
+    config.use_80211k = c.use_80211k;
+    Engine engine(config);
+    engine.subscribe(
+        1, {RadioSpec{.vaps = {{.k = true, .v = true}}, .locked_80211v = c.locked_80211v}});
+    const std::string text = only(engine.rrm().take());
+    const std::size_t list = text.find(",\"802dot11k\"");
+    EXPECT_EQ(list == std::string::npos ? "" : text.substr(list + 1),
+              std::string(c.list) + (*c.list != '\0' ? "}}" : ""));
+  }
 }
 
 TEST(RrmWorkerSubscription, OfAnUnansweredAccessPointIsIndexedAnew) {
@@ -513,6 +545,21 @@ TEST(RrmWorkerConfigChanged, WithOtherSettingsForgetsTheNeighboursAndPlans) {
   EXPECT_TRUE(engine.ap(1)->visible_members.empty());
 }
 
+TEST(RrmWorkerConfigChanged, WithOtherSettingsIsAChangeOfTheDomain) {
+  DomainConfig config = Engine::quiet_config();
+  config.use_optimization_event = true;  // a round that is planned says nothing of the domain
+  Engine engine(config);
+  engine.subscribe(1, {RadioSpec{}});
+  for (const std::string channels : {"36,40", "36,40", "36"}) {
+    const bool same =
+        engine.ap(1)->radios.find(0)->available_channels.size() == 2 && channels == "36,40";
+    engine.log().clear();
+    engine.receive("rrm-config-changed", 1, 101,
+                   "\"radios\":" + radios_text({RadioSpec{.channels = channels}}));
+    EXPECT_EQ(engine.log().has_event(EventCode::DomainChanged, "site"), !same) << channels;
+  }
+}
+
 TEST(RrmWorkerConfigChanged, IndexesTheAccessPointAnew) {
   Engine engine;
   engine.subscribe(1, {RadioSpec{}});
@@ -554,6 +601,11 @@ TEST(RrmWorkerConfigChanged, ReachesParkedAccessPoints) {
   engine.receive("rrm-config-changed", 1, 101, "\"radios\":" + radios_text({RadioSpec{}}));
   EXPECT_TRUE(engine.log().has(LogLevel::Debug, "To unanswered rrm change request"));
   EXPECT_EQ(only(engine.rrm().take()), info("00:11:22:00:01:00", told_radio()));
+  engine.receive("rrm-config-changed", 1, 101,
+                 "\"radios\":" + radios_text({RadioSpec{}, RadioSpec{.id = 2}}));
+  const MacAddress added = MacAddress::from_text("00:11:22:00:01:20");
+  EXPECT_TRUE(engine.worker().unanswered_aps().contains_bssid(added));
+  EXPECT_FALSE(engine.worker().aps().contains_bssid(added));
 }
 
 TEST(RrmWorkerConfigChanged, FromADeletedAccessPointNeedsItsSession) {
@@ -571,6 +623,8 @@ TEST(RrmWorkerConfigChanged, OfAnUnknownAccessPointIsIgnored) {
   engine.receive("rrm-config-changed", 1, 101, "\"radios\":" + radios_text({RadioSpec{}}));
   EXPECT_TRUE(engine.rrm().take().empty());
   EXPECT_TRUE(engine.log().texts(LogLevel::Error).empty());
+  EXPECT_EQ(engine.log().texts(LogLevel::Debug),
+            Texts{"process_message rrm-config-changed for " + ap_mac(1)});
 }
 
 TEST(RrmWorkerConfigChanged, LogsWhatItMeansForRoamingLists) {
@@ -604,6 +658,41 @@ TEST(RrmWorkerConfigChanged, OfAChannelThatTheAccessPointChoosesIsAChangeOfTheDo
   EXPECT_TRUE(engine.log().has(LogLevel::Info, "process_exists_ap update_802dot11r 1"));
   EXPECT_TRUE(engine.log().has_event(EventCode::DomainChanged, "site"));
   EXPECT_FALSE(engine.log().has(LogLevel::Debug, "Not-equivalent or force (0) subscribe request"));
+}
+
+TEST(RrmWorkerConfigChanged, ThatChangesNothingPlansNothing) {
+  DomainConfig config = Engine::quiet_config();
+  config.use_80211k = true;
+  config.use_80211r = true;
+  Engine engine(config);
+  // With a key of its own, so that the links need no new one.
+  const RadioSpec radio{
+      .vaps = {{.k = true, .r = true, .extra = R"(,"fbt-rrb-key":"abcdefghijklmnop")"}}};
+  engine.subscribe(1, {radio});
+  engine.log().clear();
+  engine.receive("rrm-config-changed", 1, 101, "\"radios\":" + radios_text({radio}));
+  EXPECT_EQ(engine.log().texts(LogLevel::Info), (Texts{"process_exists_ap update_802dot11k 0 (1/1)",
+                                                       "process_exists_ap update_802dot11r 0"}));
+  EXPECT_FALSE(engine.log().has(LogLevel::Debug, "Update  domain site"));
+  EXPECT_FALSE(engine.log().has(LogLevel::Debug, "Planning update 802dot11r domain site"));
+  EXPECT_TRUE(engine.log().events().empty());
+}
+
+TEST(RrmWorkerConfigChanged, IsWeighedForWhatTheDomainUsesOnly) {
+  struct Case {
+    bool use_80211k;
+    Texts records;
+  };
+  for (const Case& c :
+       {Case{false, {}}, Case{true, {"process_exists_ap update_802dot11k 0 (1/1)"}}}) {
+    DomainConfig config = Engine::quiet_config();
+    config.use_80211k = c.use_80211k;
+    Engine engine(config);
+    const RadioSpec radio{.vaps = {{.k = true, .v = true}}, .locked_80211v = 0};
+    engine.subscribe(1, {radio});
+    engine.receive("rrm-config-changed", 1, 101, "\"radios\":" + radios_text({radio}));
+    EXPECT_EQ(engine.log().texts(LogLevel::Info), c.records);
+  }
 }
 
 TEST(RrmWorkerSubscription, WithAnotherWildcardFlagUpdatesTheLinks) {
