@@ -285,6 +285,16 @@ TEST(DomainRestore, KeepsAWishedLinkUpdate) {
   EXPECT_EQ(engine.worker().tpc_dca().fbt_status(), 0);
 }
 
+TEST(DomainRestore, PlansNoLinkUpdateThatNobodyWished) {
+  DomainConfig config = Engine::quiet_config();
+  config.use_80211r = true;
+  Engine engine(config);
+  engine.worker().load_backup(JsonReader(R"({"rrm-status":0,"fbt-status":0})"));
+  engine.pass(120);
+  EXPECT_FALSE(engine.log().has(LogLevel::Debug, "Planning update 802dot11r domain site"));
+  EXPECT_EQ(engine.worker().tpc_dca().fbt_status(), 0);
+}
+
 TEST(DomainRestore, OfAnythingButABackupRestoresNothing) {
   for (const char* text : {"null", "[]", "7", "{}", "{\"aps\":7}", "{\"aps\":{}}",
                            "{\"rrm-status\":\"x\",\"fbt-status\":[],\"aps\":[[],{},\"a\"]}"}) {

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "tests/support/CapturedLog.h"
+#include "tests/support/NoNewThreads.h"
 
 namespace rrm::test {
 namespace {
@@ -86,6 +87,27 @@ TEST(OptimisationThread, LeavesNoResultWhenItThrows) {
   ASSERT_TRUE(ends(thread));
   EXPECT_EQ(thread.take(), nullptr);
   EXPECT_TRUE(log.has(LogLevel::Error, "Exception at optimization thread: boom"));
+  thread.launch([](const auto&) -> OptimisationResult { throw 7; });
+  ASSERT_TRUE(ends(thread));
+  EXPECT_EQ(thread.take(), nullptr);
+  EXPECT_TRUE(log.has(LogLevel::Error, "Exception at optimization thread"));
+}
+
+TEST(OptimisationThread, LeavesNoResultWhenItCannotBeStarted) {
+  CapturedLog log;
+  OptimisationThread thread;
+  {
+    const NoNewThreads none;
+    thread.launch([](const auto&) { return result_named("one"); });
+  }
+  EXPECT_TRUE(thread.done());
+  EXPECT_EQ(thread.take(), nullptr);
+  const auto errors = log.texts(LogLevel::Error);
+  ASSERT_EQ(errors.size(), 1u);
+  EXPECT_TRUE(errors[0].starts_with("Optimization thread not started: ")) << errors[0];
+  thread.launch([](const auto&) { return result_named("two"); });
+  ASSERT_TRUE(ends(thread));
+  EXPECT_NE(thread.take(), nullptr);
 }
 
 }  // namespace

@@ -396,6 +396,19 @@ TEST(TpcDcaPlanning, OfADailyRoundThatNobodyCanAnswerDoesNotRepeatItself) {
   EXPECT_EQ(engine.state(), 1);
 }
 
+TEST(TpcDcaPlanning, CountsForEitherPlanOfRadiosWhoeverTheirNeighboursAre) {
+  for (const auto option : {&DomainConfig::use_dca, &DomainConfig::use_tpc}) {
+    DomainConfig config = round_config();
+    config.use_dca = false;
+    config.use_tpc = false;
+    config.*option = true;
+    config.use_all_ap_balance = true;
+    Engine engine(config);
+    engine.subscribe(1, {RadioSpec{}});
+    EXPECT_EQ(engine.state(), 4);
+  }
+}
+
 TEST(TpcDcaPlanning, CountsForBalancingOnlyWhileNotAllAccessPointsAreNeighbours) {
   for (const auto option :
        {&DomainConfig::use_80211k, &DomainConfig::use_balance, &DomainConfig::use_80211v}) {
