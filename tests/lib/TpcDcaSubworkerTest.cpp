@@ -1031,6 +1031,35 @@ TEST(TpcDcaResult, IsFollowedByTheNextDailyRound) {
   EXPECT_EQ(engine.state(), 1);
 }
 
+TEST(TpcDcaRound, HandsTheOptionsOfTheDomainToTheOptimisation) {
+  for (const int options : {1, 2, 3, 5, 6, 7}) {
+    const TempFolder folder;
+    DomainConfig config = round_config();
+    config.use_dca = (options & 1) != 0;
+    config.use_tpc = (options & 2) != 0;
+    config.use_rrm_report = (options & 4) != 0;
+    Engine engine(config, 0, ("{\"global\":{\"reports_path\":\"" + folder.path() + "\"}}").c_str());
+    OptimisationSwitches given;  // read after the join only
+    std::int64_t started_at = 0;
+    engine.worker().tpc_dca().set_optimiser([&](ApMap&, const DomainConfig&,
+                                                const OptimisationSwitches& switches,
+                                                std::int64_t start, const std::atomic<bool>&) {
+      given = switches;
+      started_at = start;
+      OptimisationResult result;
+      result.ok = true;
+      return result;
+    });
+    start_scan(engine, 1);
+    answer_scan(engine, 1, {RadioSpec{}});
+    engine.finish_optimisation();
+    EXPECT_EQ(given.use_dca, config.use_dca) << options;
+    EXPECT_EQ(given.use_tpc, config.use_tpc) << options;
+    EXPECT_EQ(given.use_report, config.use_rrm_report) << options;
+    EXPECT_EQ(started_at, 1'714'521'600 + 20 + 15);
+  }
+}
+
 TEST(TpcDcaResult, IsWaitedForWithoutBlocking) {
   std::atomic<bool> release{false};
   Engine engine(round_config());
