@@ -295,6 +295,18 @@ TEST(DomainRestore, PlansNoLinkUpdateThatNobodyWished) {
   EXPECT_EQ(engine.worker().tpc_dca().fbt_status(), 0);
 }
 
+TEST(DomainRestore, NotesALinkUpdateThatIsWishedWhileItWaits) {
+  DomainConfig config = Engine::quiet_config();
+  config.use_80211r = true;
+  Engine engine(config);
+  engine.worker().load_backup(JsonReader(R"({"rrm-status":0,"fbt-status":0})"));
+  engine.worker().tpc_dca().planning_update_802dot11r();
+  EXPECT_EQ(engine.worker().tpc_dca().fbt_status(), 1);
+  EXPECT_TRUE(engine.log().texts(LogLevel::Debug).empty());
+  engine.pass(120);
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Planning update 802dot11r domain site"));
+}
+
 TEST(DomainRestore, OfAnythingButABackupRestoresNothing) {
   for (const char* text : {"null", "[]", "7", "{}", "{\"aps\":7}", "{\"aps\":{}}",
                            "{\"rrm-status\":\"x\",\"fbt-status\":[],\"aps\":[[],{},\"a\"]}"}) {

@@ -538,14 +538,15 @@ TEST(TpcDcaScan, WithoutTavroScanNamesTheAccessPointsOwnChannels) {
   config.use_tavro_rrm_scan = false;
   Engine engine(config);
   engine.subscribe(1, {RadioSpec{.channels = "40,36,180,166,165,20"},
+                       RadioSpec{.id = 1, .channel = 1, .band = 2, .channels = "1,14"},
                        RadioSpec{.id = 2, .channel = 37, .band = 6, .channels = "233,166,234,5"}});
   engine.pass(20 + 15);
   const auto sent = engine.rrm().take("rrm-update");
   ASSERT_EQ(sent.size(), 1u);
   // From 166 on a channel needs a 6 GHz radio and above 233 it is none; 20 belongs to the radio's
   // band.
-  EXPECT_NE(sent[0].find("\"rrm-scan-channels\":\"20 36 40 165 5 166 233 \","
-                         "\"rrm-scan-channels-list\":{\"2\":\"\",\"5\":\"20 36 40 165 \","
+  EXPECT_NE(sent[0].find("\"rrm-scan-channels\":\"1 14 20 36 40 165 5 166 233 \","
+                         "\"rrm-scan-channels-list\":{\"2\":\"1 14 \",\"5\":\"20 36 40 165 \","
                          "\"6\":\"5 166 233 \"},\"tavro-rrm-scanning\":0}"),
             std::string::npos)
       << sent[0];
@@ -788,6 +789,23 @@ TEST(TpcDcaScan, IgnoresAnswersThatComeAtTheWrongTime) {
   EXPECT_EQ(engine.worker().tpc_dca().times().mode_response.count(), 0u);
 }
 
+TEST(TpcDcaScan, TakesEachAnswerOnlyWhereItIsAskedFor) {
+  Engine engine(round_config());
+  engine.subscribe(1, {RadioSpec{}});
+  engine.pass(20);
+  ASSERT_EQ(engine.state(), 2);
+  answer_scan(engine, 1, {RadioSpec{.channel = 44}});
+  EXPECT_EQ(engine.ap(1)->radios.find(0)->channel, 36);
+  engine.pass(15);
+  ASSERT_EQ(engine.state(), 3);
+  engine.receive("rrm-mode-response", 1, 101,
+                 "\"radios\":" + radios_text({RadioSpec{.channel = 44}}));
+  EXPECT_EQ(engine.ap(1)->radios.find(0)->channel, 36);
+  EXPECT_EQ(engine.state(), 3);
+  EXPECT_EQ(engine.worker().tpc_dca().times().response.count(), 0u);
+  EXPECT_EQ(engine.worker().tpc_dca().times().mode_response.count(), 0u);
+}
+
 TEST(TpcDcaScan, AnswersLeaveTheVapsAlone) {
   DomainConfig config = round_config();
   config.use_80211k = true;
@@ -867,6 +885,19 @@ TEST(TpcDcaResult, LeavesARadioAloneThatWasTakenOutWhileItWasPlanned) {
   EXPECT_EQ(engine.ap(2)->radios.find(0)->power, 9);
 }
 
+TEST(TpcDcaResult, LeavesARadioAloneThatWasSwitchedOnWhileOthersWerePlanned) {
+  Engine engine(round_config());
+  engine.worker().tpc_dca().set_optimiser(plan_44);
+  start_scan(engine, 1);
+  answer_scan(engine, 1, {RadioSpec{}});
+  engine.receive("rrm-config-changed", 1, 101,
+                 "\"radios\":" + radios_text({RadioSpec{}, RadioSpec{.id = 1, .channel = 40}}));
+  engine.finish_optimisation();
+  EXPECT_EQ(engine.ap(1)->radios.find(0)->channel, 44);
+  EXPECT_EQ(engine.ap(1)->radios.find(1)->channel, 40);
+  EXPECT_EQ(engine.ap(1)->radios.find(1)->power, 15);
+}
+
 /// A plan for every enabled radio, made by a change of what it is.
 TpcDcaSubworker::Optimiser plan_by(const std::function<void(Radio&)>& change) {
   return [change](ApMap& snapshot, auto&&...) {
@@ -923,6 +954,18 @@ TEST(TpcDcaResult, TellsThePositionOfThePrimaryChannel) {
   const auto sent = engine.rrm().take("rrm-info");
   ASSERT_EQ(sent.size(), 1u);
   EXPECT_NE(sent[0].find("\"bandwidth\":40,\"primary-channel\":\"upper\""), std::string::npos);
+}
+
+TEST(TpcDcaResult, GivesANewChannelThePositionThatItHasInItsBlock) {
+  Engine engine(round_config());
+  engine.worker().tpc_dca().set_optimiser(plan_by([](Radio& radio) { radio.channel = 44; }));
+  const RadioSpec radio{.bandwidth = 80};
+  engine.subscribe(1, {radio});
+  engine.pass(20 + 15);
+  answer_scan(engine, 1, {radio});
+  ASSERT_EQ(engine.ap(1)->radios.find(0)->primary_channel, PrimaryChannel::kLower);
+  engine.finish_optimisation();
+  EXPECT_EQ(engine.ap(1)->radios.find(0)->primary_channel, PrimaryChannel::kUpperLower);
 }
 
 TEST(TpcDcaResult, StaysWithinLimitsThatCameMeanwhileAndKeepsTheEirp) {
@@ -1109,6 +1152,7 @@ TEST(TpcDcaReport, IsAppendedWhenTheResultIsTaken) {
   EXPECT_EQ(folder.read("report_site.txt").substr(0, 59),
             "1.1,2024-05-01,00:00:35,00:11:22:00:01:00,00:11:22:00:01:00");
   EXPECT_TRUE(folder.has("report_cfg_site.txt"));
+  EXPECT_FALSE(engine.log().has_event(EventCode::ReportSaveFailed, "site"));
 }
 
 TEST(TpcDcaReport, IsMadeForEitherPlanAndOnlyWhenItIsWanted) {
