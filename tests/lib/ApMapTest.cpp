@@ -572,6 +572,29 @@ TEST_F(ApMap80211k, ListsTheRadiosThatAreHeardUnderTheirBssid) {
             R"("vaps":[{"id":1,"ssid":"corp","mac":"00:11:22:33:55:11"}]}])");
 }
 
+TEST_F(ApMap80211k, NamesARadioOnceByTheFirstOfItsBssidsAmongAll) {
+  config_.use_all_ap_balance = true;
+  const auto receiver = add(kA);
+  const auto neighbour = add(kB);
+  const auto bssid_of = [&](std::size_t radio) { return neighbour->radios.radios[radio].mac; };
+  const MacAddress first = neighbour->radios.radios[1].vaps.vaps().begin()->second.mac;
+  ASSERT_NE(first, bssid_of(1));
+  receiver->visible_members[first] = {};
+  receiver->visible_members[bssid_of(1)] = {};
+  EXPECT_NE(list_of(map_, *receiver).find("\"neighbour-mac\":\"" + first.upper().str() + "\""),
+            std::string::npos);
+  EXPECT_EQ(
+      list_of(map_, *receiver).find("\"neighbour-mac\":\"" + bssid_of(1).upper().str() + "\""),
+      std::string::npos);
+}
+
+TEST_F(ApMap80211k, TakesTheTwinOfTheReceiverForItself) {
+  config_.use_all_ap_balance = true;
+  const auto receiver = add(kA);
+  add(mac(kA).twin().lower().c_str());
+  EXPECT_EQ(list_of(map_, *receiver), "[]");
+}
+
 TEST_F(ApMap80211k, IsEmptyWhereNothingIsHeard) {
   const auto receiver = add(kA);
   add(kB);

@@ -177,6 +177,23 @@ TEST(Blacklist, ListsAKickedClientInOneRequest) {
   EXPECT_FALSE(blocked(engine, 1));
 }
 
+TEST(Blacklist, ListsNobodyAgainWithTheNextKickedClient) {
+  Engine engine(balance_config());
+  engine.subscribe(1, {balanced_radio()});
+  BlacklistSubworker& blacklist = engine.worker().blacklist();
+  blacklist.disconnect_pass(kClient, radio_of(engine, 1), "office");
+  engine.pass(1);
+  engine.rrm().take();
+  blacklist.disconnect_pass(kClient.twin(), radio_of(engine, 1), "office");
+  engine.pass(1);
+  const auto sent = engine.rrm().take("rrm-disassoc-request");
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_NE(sent[0].find("\"diassoc-list\":[{\"mac\":\"00:AA:00:00:00:07\",\"ssid\":\"office\","
+                         "\"timeout\":30}]"),
+            std::string::npos)
+      << sent[0];
+}
+
 TEST(Blacklist, NeitherSendsNorAgesWhileBalancingIsPaused) {
   for (const bool round : {true, false}) {
     Engine engine(balance_config());

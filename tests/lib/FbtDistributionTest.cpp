@@ -125,6 +125,33 @@ TEST(FbtInfo, NamesTheRadiosMacForABssidThatDiffersInTheLocalBitOnly) {
             std::string::npos);
 }
 
+TEST(FbtInfo, NamesABssidOfItsOwnAsItIs) {
+  Engine engine(fbt_config());
+  engine.subscribe(1, {RadioSpec{.vaps = {{.id = 3, .r = true}}}});
+  EXPECT_NE(engine.rrm().take("fbt-info").at(0).find("\"r1-key-holder-id\":\"00:11:22:00:01:03\""),
+            std::string::npos);
+}
+
+TEST(FbtInfo, FollowsAChangeOfAnyVap) {
+  for (const char* changed : {"a", "b"}) {
+    Engine engine(fbt_config());
+    const std::vector<RadioSpec> radios = {
+        RadioSpec{.vaps = {{.id = 0, .ssid = "a", .r = true}, {.id = 1, .ssid = "b", .r = true}}}};
+    engine.subscribe(1, radios);
+    engine.subscribe(2, radios);
+    engine.worker().tpc_dca().update_802dot11r();
+    engine.rrm().take();
+    engine.ap(1)->radios.find(0)->vaps.vaps().at(changed).links.clear();
+    engine.worker().tpc_dca().update_802dot11r();
+    EXPECT_EQ(engine.rrm().take("fbt-info").size(), 1u) << changed;
+    // A mark from before is not lost by an update that finds nothing to do.
+    engine.ap(2)->fbt_changed = true;
+    engine.worker().tpc_dca().update_802dot11r();
+    EXPECT_EQ(engine.rrm().take("fbt-info").size(), 1u);
+    EXPECT_FALSE(engine.ap(2)->fbt_changed);
+  }
+}
+
 TEST(FbtInfo, NeedsAChangeUnlessItIsForced) {
   Engine engine(fbt_config());
   engine.subscribe(1, {keyed_radio("K")});

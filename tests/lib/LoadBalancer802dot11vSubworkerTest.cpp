@@ -207,6 +207,18 @@ TEST(Association80211v, OfAMillionClientsFillsABoundedTable) {
       engine.log().has(LogLevel::Warning, "Client 02:AA:00:00:00:07 refused, the radio has 8192"));
 }
 
+TEST(Association80211v, AtAFullTableLeavesTheClientWhereItIsKnown) {
+  Engine engine(steering_config());
+  subscribe_all(engine, 2);
+  associate(engine, 2, 7);
+  AssocMap& clients = radio_of(engine, 1).assoc_clients;
+  for (std::uint32_t i = 0; i < AssocMap::kMaxClients; ++i) {
+    clients.add_client(mac_of("02:bb:00:00:00:00").plus(i), -50, "office", false, false);
+  }
+  associate(engine, 1, 7);
+  EXPECT_NE(radio_of(engine, 2).assoc_clients.find(mac_of(client_mac(7))), nullptr);
+}
+
 // --- moves
 
 void roam(Engine& engine, int ap, int client, const std::string& target, int radio = 0) {
@@ -230,6 +242,17 @@ TEST(Roam, MakesTheClientExpectedAtItsTargetUntilItArrives) {
   EXPECT_TRUE(engine.log().has(
       LogLevel::Debug,
       "Assoc: client(02:aa:00:00:00:07) was roamed by 802.11v, removing from expected list"));
+}
+
+TEST(Roam, NamesItsTargetByAnyAddressOfIt) {
+  const std::string other_radio = "00:11:22:00:02:10";
+  for (const std::string& target : {other_radio, mac_of(other_radio).twin().lower().str()}) {
+    Engine engine(steering_config());
+    engine.subscribe(1, all_radios({steering_radio()}));
+    engine.subscribe(2, all_radios({steering_radio(0), steering_radio(1, 44)}));
+    roam(engine, 1, 7, target);
+    EXPECT_EQ(radio_of(engine, 2).expected_roams.size(), 1u) << target;
+  }
 }
 
 TEST(Roam, ToAnUnknownAccessPointOrRadioIsReported) {
@@ -540,6 +563,29 @@ TEST(Lists80211v, WaitWhileARoundMeasures) {
   EXPECT_FALSE(balancer.lists_pending());
 }
 
+TEST(Lists80211v, ThatAreForcedWhileARoundMeasuresFollowIt) {
+  Engine engine(steering_config());
+  subscribe_all(engine, 2);
+  engine.rrm().take();
+  auto& balancer = engine.worker().load_balancer_80211v();
+  engine.worker().set_load_balancer_lock(true);
+  balancer.force_optimization();
+  EXPECT_TRUE(balancer.lists_pending());
+  engine.worker().set_load_balancer_lock(false);
+  engine.pass(20);
+  EXPECT_EQ(sent_lists(engine.rrm().take()).size(), 2u);
+}
+
+TEST(Lists80211v, AreForAnAccessPointThatHas80211kOnlyToo) {
+  DomainConfig config = steering_config();
+  config.use_80211k = true;
+  Engine engine(config);
+  RadioSpec radio = steering_radio();
+  radio.vaps[0].v = false;
+  engine.subscribe(1, all_radios({radio}));
+  EXPECT_EQ(list_of(engine.rrm().take("subscribe-response").at(0)), "[{\"id\":0}]");
+}
+
 TEST(Lists80211v, ArePutOffOnlyByARestart) {
   Engine engine(steering_config());
   subscribe_all(engine, 1);
@@ -613,6 +659,33 @@ INSTANTIATE_TEST_SUITE_P(
                     OverloadCase{"LowLoadIsNoOverload", 5, 0, 0, 0},
                     OverloadCase{"AFullNeighbourTakesNobody", 40, 20, 0, 0}),
     [](const auto& test) { return test.param.name; });
+
+TEST(OverloadLog, CountsWhatTheLastListFoundThoughItWasNotSent) {
+  Engine engine(steering_config());
+  subscribe_all(engine, 2);
+  fill(engine, 1, 0, 15);
+  fill(engine, 2, 100, 5);
+  auto& balancer = engine.worker().load_balancer_80211v();
+  balancer.force_optimization();
+  fill(engine, 2, 105, 4);  // the same priority
+  engine.log().clear();
+  balancer.force_optimization();
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug,
+                               "802.11kv list has not changed on 00:11:22:00:01:00, no need to "
+                               "send new one"));
+  EXPECT_TRUE(engine.log().has(
+      LogLevel::Debug, "AP(00:11:22:00:01:00): radio 0: total clients 24, nonzero prio aps 2;"));
+}
+
+TEST(OverloadLog, LeavesAccessPointsOutThatTakeNoPart) {
+  Engine engine(steering_config());
+  RadioSpec radio = steering_radio();
+  radio.vaps[0].v = false;
+  engine.subscribe(1, all_radios({radio}));
+  engine.worker().load_balancer_80211v().force_optimization();
+  EXPECT_FALSE(
+      engine.log().has(LogLevel::Debug, "AP(00:11:22:00:01:00): no radios need load balance"));
+}
 
 TEST(OverloadLog, LeavesOwnOtherRadiosOut) {
   Engine engine(steering_config());

@@ -154,6 +154,7 @@ TEST(Association, OfANoBalanceClientLeavesItWhereItsNetworkIsNot) {
   associate(engine, 1, -50, ",\"no-balance\":1");
   EXPECT_EQ(radio_of(engine, 2, 0).assoc_clients.find(kClient), nullptr);
   EXPECT_NE(radio_of(engine, 2, 1).assoc_clients.find(kClient), nullptr);
+  EXPECT_NE(radio_of(engine, 1).assoc_clients.find(kClient), nullptr);
 }
 
 TEST(Association, OfANoBalanceClientReachesOnlyAccessPointsThatHearThisOne) {
@@ -178,6 +179,9 @@ TEST(Association, OfAClientThatWasToMoveHereIsNotQuestioned) {
   associate(engine, 1, -80, ",\"need-ack\":1");
   EXPECT_FALSE(pending(engine));
   EXPECT_EQ(engine.rrm().take("rrm-client-assoc-ack"), (Texts{ack(1)}));
+  // It has arrived: that counts once.
+  associate(engine, 1, -80);
+  EXPECT_TRUE(pending(engine));
 }
 
 TEST(Association, WhileBalancingIsPausedIsOnlyStoredAndAcknowledged) {
@@ -288,11 +292,19 @@ TEST(Disassociation, TakesTheClientFromItsRadio) {
 
 TEST(Disassociation, OfAllClientsEmptiesEveryRadio) {
   Engine engine(balance_config());
+  engine.subscribe(1, {balanced_radio(0), balanced_radio(1)});
   subscribe_all(engine, 1);
-  fill(engine, 1, 3);
+  for (const int radio : {0, 1}) {
+    AssocMap& clients = radio_of(engine, 1, radio).assoc_clients;
+    clients.add_client(MacAddress::from_text(client_mac(radio).c_str()), -50, "office", false,
+                       false);
+    clients.expect_client(kClient, {}, 0, 5);
+  }
   engine.receive("rrm-disassoc-all-clients", 1, 101, "");
   EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Disassocc all clients"));
-  EXPECT_EQ(radio_of(engine, 1).assoc_clients.count(), 0u);
+  for (const int radio : {0, 1}) {
+    EXPECT_EQ(radio_of(engine, 1, radio).assoc_clients.count(), 0u) << radio;
+  }
 }
 
 // --- questions and answers
@@ -420,6 +432,55 @@ INSTANTIATE_TEST_SUITE_P(
                     Decision{"OneBelowFullIsTaken", 20, -80, {19}, {-50}, 2},
                     Decision{"AnEmptyRadioKeepsAWeakClientFromALoadedOne", 0, -80, {19}, {-50}, 0}),
     [](const auto& test) { return test.param.name; });
+
+/// Client 7 is at radio 1 of access point 1; access points have radios 0 and 1.
+void associate_at_radio_1(Engine& engine) {
+  for (int n = 1; n <= 2; ++n) engine.subscribe(n, {balanced_radio(0), balanced_radio(1)});
+  engine.receive("rrm-client-assoc", 1, 101,
+                 R"("radio":1,"rssi":-80,"sta-mac":"02:aa:00:00:00:07","ssid":"office")");
+  engine.rrm().take();
+}
+
+TEST(BalancingDecision, MovesAClientFromTheRadioThatItIsOn) {
+  Engine engine(balance_config());
+  associate_at_radio_1(engine);
+  hear(engine, 1, -80, "office", 1);
+  hear(engine, 2, -50, "office", 0);
+  hear(engine, 2, -70, "office", 1);
+  engine.pass(5);
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug,
+                               "LoadBalancer: radio 1 client 02:AA:00:00:00:07 src_ap "
+                               "00:11:22:00:01:10 size 1 sta_low 5 rssi -80"));
+  EXPECT_TRUE(radio_of(engine, 1, 1).blacklist.kicked.contains(kClient));
+  EXPECT_FALSE(kicked(engine, 1));
+  const auto& expected = radio_of(engine, 2, 0).assoc_clients.expected();
+  ASSERT_EQ(expected.size(), 1u);
+  EXPECT_EQ(expected.at(kClient).target_ap, engine.ap(1)->base_mac);
+  EXPECT_EQ(expected.at(kClient).radio_id, 1);
+  EXPECT_TRUE(blocked(engine, 1));
+  EXPECT_FALSE(blocked(engine, 2));
+  EXPECT_TRUE(radio_of(engine, 2, 1).blacklist.members.contains(kClient));
+}
+
+TEST(BalancingDecision, WithoutActionAcknowledgesTheRadioThatTheClientIsOn) {
+  Engine engine(balance_config());
+  associate_at_radio_1(engine);
+  engine.pass(5);
+  EXPECT_EQ(engine.rrm().take("rrm-client-assoc-ack"),
+            (Texts{"{\"service\":\"rrm\",\"version\":\"2.4\",\"cmd\":\"rrm-client-assoc-ack\","
+                   "\"domain\":\"site\",\"ap-mac\":\"00:11:22:00:01:00\",\"sta-mac\":"
+                   "\"02:aa:00:00:00:07\",\"radio\":1,\"ssid\":\"office\"}"}));
+}
+
+TEST(BalancingDecision, TakesTheFirstOfEquallyGoodRadios) {
+  Engine engine(balance_config());
+  subscribe_all(engine, 3);
+  associate(engine, 1, -80);
+  for (const int ap : {1, 3, 2}) hear(engine, ap, ap == 1 ? -80 : -50);
+  engine.pass(1);
+  EXPECT_EQ(radio_of(engine, 3).assoc_clients.expected().size(), 1u);
+  EXPECT_TRUE(blocked(engine, 2));
+}
 
 TEST(BalancingDecision, OfAClientThatTwoRadiosOfASingleAccessPointHearNeverSteersIt) {
   for (const int hearer : {1, 2}) {

@@ -643,6 +643,38 @@ TEST(RrmWorkerConfigChanged, LogsWhatItMeansForRoamingLists) {
   EXPECT_TRUE(engine.log().has(LogLevel::Debug, "Planning update 802dot11k domain site"));
 }
 
+TEST(RrmWorkerConfigChanged, ToANetworkThatTakesPartInRoamingUpdatesTheLists) {
+  for (const bool v : {false, true}) {
+    DomainConfig config = Engine::quiet_config();
+    config.use_80211k = !v;
+    config.use_80211v = v;
+    Engine engine(config);
+    const RadioSpec before{.vaps = {{}}, .locked_80211v = 0};
+    const RadioSpec after{.vaps = {{.k = !v, .v = v}}, .locked_80211v = 0};
+    const auto change_to = [&](const RadioSpec& radio) {
+      engine.log().clear();
+      engine.receive("rrm-config-changed", 1, 101, "\"radios\":" + radios_text({radio}));
+    };
+    const char* planned = v ? "process_exists_ap update_802dot11kv 1 (1/0/0)"
+                            : "process_exists_ap update_802dot11k 1 (1/0)";
+    engine.subscribe(1, {before});
+    change_to(after);
+    EXPECT_TRUE(engine.log().has(LogLevel::Info, planned));
+    // What takes no part any more needs no list.
+    change_to(before);
+    EXPECT_TRUE(engine.log().texts(LogLevel::Info).empty());
+  }
+}
+
+TEST(RrmWorkerConfigChanged, SaysNothingOfLinksWithout80211r) {
+  Engine engine;
+  engine.subscribe(1, {RadioSpec{}});
+  engine.receive("rrm-config-changed", 1, 101,
+                 "\"radios\":" + radios_text({RadioSpec{.channel = 40}}));
+  EXPECT_TRUE(engine.log().texts(LogLevel::Info).empty());
+  EXPECT_FALSE(engine.log().has(LogLevel::Debug, "NOT Planning update 802dot11r domain site"));
+}
+
 TEST(RrmWorkerConfigChanged, OfAChannelThatTheAccessPointChoosesIsAChangeOfTheDomain) {
   DomainConfig config = Engine::quiet_config();
   config.use_80211k = true;
