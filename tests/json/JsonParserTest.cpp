@@ -202,7 +202,7 @@ const Refusal kRefusals[] = {
      {{R"("\u123")", 6}, {R"("\ug123")", 3}, {R"("\u-123")", 3}, {R"("\ud83d\udexx")", 11}}},
     {4, "missing low surrogate", {{R"("\ud83d")", 7}, {R"("\ud83d)", 7}, {R"("\ud83d\n")", 7}}},
     {4, "invalid low surrogate value", {{R"("\ud83d\u0041")", 13}, {R"("\ud83d\ud83d")", 13}}},
-    {4, "unexpected low surrogate", {{R"("\ude00")", 7}, {R"("\udfff")", 7}}},
+    {4, "unexpected low surrogate", {{R"("\udc00")", 7}, {R"("\ude00")", 7}, {R"("\udfff")", 7}}},
     {5,
      "invalid number",
      {{"-", 1},
