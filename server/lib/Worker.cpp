@@ -7,6 +7,7 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <ctime>
 #include <exception>
 #include <string_view>
 #include <utility>
@@ -217,7 +218,9 @@ bool Worker::wait_for_messages() {
     sleeps_.exchange(true);
     if (!force_.empty() || !normal_.empty()) return true;
     pollfd wait{wakeup_fd_, POLLIN, 0};
-    if (poll(&wait, 1, (idle_wait_us_ + 999) / 1000) > 0 && (wait.revents & POLLIN) != 0) {
+    // In nanoseconds: a clock steered to run faster would shorten whole milliseconds to none.
+    const timespec longest{idle_wait_us_ / 1000000, idle_wait_us_ % 1000000 * 1000L};
+    if (ppoll(&wait, 1, &longest, nullptr) > 0 && (wait.revents & POLLIN) != 0) {
       clear_wakeup();
       return true;
     }
