@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -250,6 +251,17 @@ TEST_F(Vrrp, LongBackupIsReadWhole) {
     folder_.write("backup/long.json", text);
     EXPECT_EQ(restored(), "[" + text + "]") << size;
   }
+}
+
+TEST_F(Vrrp, BackupsAndTheirFolderAreClosedAgain) {
+  const auto open_files = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+  };
+  back_up();
+  const auto before = open_files();
+  back_up();
+  EXPECT_NE(restored(), "[]");
+  EXPECT_EQ(open_files(), before);
 }
 
 TEST_F(Vrrp, FilesThatCannotBeOpenedAreLoggedOneByOne) {
