@@ -69,6 +69,7 @@ TEST_F(ApiDomain, AccessPointIsDescribedByItsMacInEitherCase) {
   engine_.worker().aps().insert(ap);
   const std::string text = body(R"({"domain":"site","ap":"00:11:22:AB:CD:EF"})");
   EXPECT_EQ(text.substr(0, 46), R"(,"active-ap":{"mac":"00:11:22:AB:CD:EF","activ)");
+  EXPECT_EQ(text.find("\"error\""), std::string::npos);
   EXPECT_EQ(body(R"({"domain":"site","ap":"00:11:22:ab:cd:ef"})"), text);
 }
 
@@ -171,6 +172,7 @@ TEST_F(ApiDomain, AccessPointThatSeveralMapsHoldIsDescribedForEachOfThem) {
     EXPECT_GE(place, last) << key;
     last = place;
   }
+  EXPECT_EQ(text.find("\"error\""), std::string::npos);
 }
 
 /// A domain with a worker, a place in the configuration and an empty folder for its reports.
