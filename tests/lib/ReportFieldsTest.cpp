@@ -112,6 +112,14 @@ TEST_F(ReportFieldsTest, TextsThatAreNoIntegersAreRefusedWithTheirReason) {
   }
 }
 
+TEST_F(ReportFieldsTest, AnEarlierFailureElsewhereDoesNotSpoilANumber) {
+  errno = EACCES;
+  const IntResult result = str_to_int_with_log("0x1F");
+  EXPECT_TRUE(result.ok);
+  EXPECT_EQ(result.value, 31);
+  EXPECT_EQ(errors(), Texts{});
+}
+
 TEST_F(ReportFieldsTest, ANulByteInANumberIsTrailingText) {
   EXPECT_FALSE(str_to_int_with_log(std::string("5\0"
                                                "6",
@@ -147,6 +155,7 @@ TEST_F(ReportFieldsTest, TextsThatAreNoDatesAreRefused) {
       {"2024-13-01,03:15:00", "Parser error in string: \"2024-13-01,03:15:00\"."},
       {"2024-05-01,03:15:00Z", "Incorrect data/time in string: \"2024-05-01,03:15:00Z\"."},
       {"2024-05-01,03:15:001.1", "Incorrect data/time in string: \"2024-05-01,03:15:001.1\"."},
+      {"1969-12-31,23:59:59", "Incorrect data/time in string: \"1969-12-31,23:59:59\"."},
       {"2023-02-29,00:00:00", "Incorrect data/time in string: \"2023-02-29,00:00:00\"."},
   };
   for (const auto& [source, error] : cases) {

@@ -166,6 +166,7 @@ TEST_F(SaveReportTest, WritesTheLinesOfTheThreeFiles) {
             std::string("1.1,2024-05-01,03:15:00,") + kDefaultSettings + "\n");
   EXPECT_EQ(folder.read("report_idx_office.txt"), "1.1,2024-05-01,03:15:00\n");
   EXPECT_EQ(folder.entries(), 3U);
+  EXPECT_EQ(log.texts(LogLevel::Error), Texts{});
 }
 
 TEST_F(SaveReportTest, AppendsToWhatIsThere) {

@@ -80,6 +80,9 @@ TEST_F(ReportRetentionTest, WithEveryLineYounger30DaysAllFilesStayAndNoMarkerIsL
   EXPECT_EQ(delete_old(), 0);
   expect_reports({kNow - 29 * kDay, kNow - 5, kNow});
   EXPECT_TRUE(log.texts(LogLevel::Error).empty());
+  // The other two files are not even read.
+  EXPECT_EQ(log.texts(LogLevel::Debug),
+            Texts{"Check old reports in file: \"" + path(kIndex) + "\""});
 }
 
 TEST_F(ReportRetentionTest, OldReportsLeaveAllThreeFiles) {
@@ -149,6 +152,7 @@ TEST_F(ReportRetentionTest, AnInconsistentFileThatCannotBeRemovedEndsIt) {
   EXPECT_EQ(delete_old(), EISDIR);
   EXPECT_EQ(log.texts(LogLevel::Error),
             Texts{"Error while delete \"" + path(kIndex) + "\", errno = 21: Is a directory"});
+  EXPECT_EQ(log.texts(LogLevel::Warning), Texts{});
 }
 
 TEST_F(ReportRetentionTest, EmptyArgumentsAreInvalid) {
@@ -223,6 +227,10 @@ TEST_F(ReportRetentionTest, WriteErrorsEndTheCopy) {
   std::filesystem::create_symlink("/dev/full", path("x.tmp"));
   std::size_t dropped = 0;
   EXPECT_EQ(copy_new_reports_from_one_file(kNow, 1, file, dropped), ENOSPC);
+  EXPECT_EQ(log.texts(LogLevel::Error),
+            (Texts{"Error while write file \"" + path("x.tmp") +
+                       "\", errno = 28: No space left on device",
+                   "Copy new reports from file: \"" + file + "\" exit with error code: 28."}));
 }
 
 // --- crashes ------------------------------------------------------------------------------------

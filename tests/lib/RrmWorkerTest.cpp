@@ -301,6 +301,7 @@ TEST(RrmWorkerSubscription, SendsTheKeysOfTheAccessPointBehindTheAnswer) {
   ASSERT_EQ(sent.size(), 2u);
   EXPECT_STREQ(JsonReader(sent[0].text.c_str()).get_str("cmd"), "subscribe-response");
   EXPECT_STREQ(JsonReader(sent[1].text.c_str()).get_str("cmd"), "fbt-info");
+  EXPECT_TRUE(engine.log().has(LogLevel::Debug, "site"));
 }
 
 TEST(RrmWorkerSubscription, BringsTheNeighbourListThatItsRadiosTakePartIn) {

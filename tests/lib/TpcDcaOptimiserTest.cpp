@@ -84,7 +84,7 @@ TEST_F(TpcDcaOptimiserTest, TheRadioThatHearsMoreChannelsIsPlannedBeforeOneThatH
   hears(kApA, kApB, -50);
   hears(kApB, kApA, -50);
   for (unsigned i = 0; i < 3; ++i) hear(ap(kApA).visible_members, mac_of(kGone + i), -100, 1, 2);
-  hear(ap(kApB).visible_members, mac_of(kGone), -100, 200, 2);
+  hear(ap(kApB).visible_members, mac_of(kGone), -100, 255, 2);
   optimise_with(true, false);
   EXPECT_EQ(planned(kApA).channel, 1);
   EXPECT_EQ(planned(kApB).channel, 6);
@@ -159,6 +159,20 @@ TEST_F(TpcDcaOptimiserTest, AMoveIsWrittenUnderTheLocallyAdministeredTwinToo) {
   optimise_with(true, false);
   EXPECT_EQ(planned(kApA).channel, 6);
   EXPECT_EQ(planned(kApB).channel, 1);
+}
+
+TEST_F(TpcDcaOptimiserTest, AMoveIsWrittenAlsoWhereAnotherRadioHasTheTwinOfTheMac) {
+  add_radio(kApA, 1, {6});
+  Radio& twin = add_radio(kApB, 11, {11});
+  twin.mac = mac_of(kApA).twin();
+  twin.locked_for_dca = 1;
+  add_radio(kApC, 6, {1, 6});
+  hears(kApC, kApA, -50);
+  for (unsigned i = 0; i < 2; ++i)  // so that A moves first
+    hear(ap(kApA).visible_members, mac_of(kGone + i), -100, 100 + static_cast<int>(i), 2);
+  optimise_with(true, false);
+  EXPECT_EQ(planned(kApA).channel, 6);
+  EXPECT_EQ(planned(kApC).channel, 1);
 }
 
 TEST_F(TpcDcaOptimiserTest, APositionThatChangesAloneIsWrittenWhereTheRadioIsHeard) {
@@ -436,6 +450,28 @@ TEST_F(TpcDcaOptimiserTest, ABssidThatTwoClaimBelongsToTheFirstInMacOrder) {
   optimise_with(false, true);
   EXPECT_EQ(planned(kApB).power, 12);
   EXPECT_FALSE(has_plan(kApC));
+}
+
+TEST_F(TpcDcaOptimiserTest, ABssidOfTheFirstIsNotLostToALaterClaim) {
+  add_radio(kApA, 1, {1}).power = 15;
+  add_radio(kApB, 1, {1});
+  Radio& claimant = add_radio(kApC, 1, {1});
+  claimant.power = 15;
+  claimant.vaps.vaps()["office"].mac = mac_of(kApA);
+  hears(kApB, kApA, -67);
+  hears(kApC, kApB, -70);
+  optimise_with(false, true);
+  EXPECT_EQ(planned(kApA).power, 12);
+  EXPECT_FALSE(has_plan(kApC));
+}
+
+TEST_F(TpcDcaOptimiserTest, TheOwnerIsFoundUnderItsBaseMacWhichNoRadioHas) {
+  add_radio(kApA, 1, {1});
+  enable_radio(add_ap(domain, kApB), 1, 2, 1).power = 15;
+  ap(kApB).radios.find(0)->mac = mac_of(kGone);
+  hear(ap(kApA).visible_members, mac_of(kApB), -67, 1, 2);
+  optimise_with(false, true);
+  EXPECT_EQ(planned(kApB, 1).power, 12);
 }
 
 TEST_F(TpcDcaOptimiserTest, AnAccessPointWithoutAPlannedRadioNeitherLowersNorRaises) {
