@@ -716,10 +716,12 @@ TEST(RrmWorkerConfigChanged, IsWeighedForWhatTheDomainUsesOnly) {
     bool use_80211k;
     Texts records;
   };
+  const std::string links = "process_exists_ap update_802dot11r 0";
   for (const Case& c :
-       {Case{false, {}}, Case{true, {"process_exists_ap update_802dot11k 0 (1/1)"}}}) {
+       {Case{false, {links}}, Case{true, {"process_exists_ap update_802dot11k 0 (1/1)", links}}}) {
     DomainConfig config = Engine::quiet_config();
     config.use_80211k = c.use_80211k;
+    config.use_80211r = true;
     Engine engine(config);
     const RadioSpec radio{.vaps = {{.k = true, .v = true}}, .locked_80211v = 0};
     engine.subscribe(1, {radio});

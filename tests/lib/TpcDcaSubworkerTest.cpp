@@ -439,6 +439,14 @@ TEST(TpcDcaPlanning, OfARoundNowTakesAPlannedLinkUpdateBack) {
   EXPECT_FALSE(engine.log().has(LogLevel::Debug, "Not update 802dot11r domain site"));
 }
 
+TEST(TpcDcaPlanning, OfLinksIsRefusedWhereNobodyUsesThem) {
+  Engine engine;
+  engine.worker().tpc_dca().planning_update_802dot11r();
+  EXPECT_EQ(engine.log().texts(LogLevel::Debug),
+            Texts{"NOT Planning update 802dot11r domain site"});
+  EXPECT_EQ(engine.worker().tpc_dca().fbt_status(), 0);
+}
+
 TEST(TpcDcaPlanning, OfARoundThatStartsTakesPlannedListsBack) {
   DomainConfig config = round_config();
   config.use_80211k = true;
