@@ -174,6 +174,7 @@ void ApiWeb::destroy_context() {
   }
   sending_.clear();
   sessions_.clear();
+  body_bytes_ = 0;
 }
 
 void ApiWeb::stop() {
@@ -258,8 +259,7 @@ int ApiWeb::worker_lws_callback(lws* wsi, lws_callback_reasons reason, void* in,
     case LWS_CALLBACK_CLOSED:
     case LWS_CALLBACK_CLOSED_HTTP:
     case LWS_CALLBACK_WSI_DESTROY:  // a refused upgrade is told of in no other way
-      sending_.erase(wsi);
-      sessions_.erase(wsi);
+      close_session(wsi);
       return 0;
     case LWS_CALLBACK_HTTP_CONFIRM_UPGRADE:
       lws_return_http_status(wsi, HTTP_STATUS_NOT_IMPLEMENTED, nullptr);
@@ -318,6 +318,35 @@ void ApiWeb::drop_longest_idle() {
   lws_set_timeout(longest->first, PENDING_TIMEOUT_LAGGING, LWS_TO_KILL_ASYNC);
 }
 
+/// What arrives next of its request is refused, which closes its connection; a silent one closes in
+/// a later pass of the library.
+void ApiWeb::drop_longest_body() {
+  const std::lock_guard lock(sessions_.mutex());
+  const auto longest = std::max_element(sessions_.map().begin(), sessions_.map().end(),
+                                        [](const auto& left, const auto& right) {
+                                          return left.second->counted < right.second->counted;
+                                        });
+  if (longest == sessions_.map().end()) return;
+  PROCESS_LOG(Error) << "Too many bytes of unfinished request bodies, the longest one is dropped.";
+  HttpSession& session = *longest->second;
+  session.dropped = true;
+  session.body = {};
+  count_body(session);
+  lws_set_timeout(longest->first, PENDING_TIMEOUT_LAGGING, LWS_TO_KILL_ASYNC);
+}
+
+/// Called whenever the body has changed.
+void ApiWeb::count_body(HttpSession& session) {
+  body_bytes_ = body_bytes_ - session.counted + session.body.size();
+  session.counted = session.body.size();
+}
+
+void ApiWeb::close_session(lws* wsi) {
+  sending_.erase(wsi);
+  if (const auto session = sessions_.find(wsi)) body_bytes_ -= session->counted;
+  sessions_.erase(wsi);
+}
+
 // The header is complete. A request without a body is one for a file, and those that the mount has
 // are served by the library before this is asked.
 int ApiWeb::begin_request(lws* wsi) {
@@ -325,6 +354,7 @@ int ApiWeb::begin_request(lws* wsi) {
   if (!session) return refuse(wsi, HTTP_STATUS_BAD_REQUEST);
   session->last_use = ++uses_;
   session->body.clear();
+  count_body(*session);
   session->chunks.reset();
   session->complete = false;
   if (lws_hdr_total_length(wsi, WSI_TOKEN_HTTP_TRANSFER_ENCODING) > 0)
@@ -400,11 +430,18 @@ int ApiWeb::append_body(lws* wsi, const void* in, std::size_t length) {
   if (length > kMostBytes) return 1;
   const auto session = sessions_.find(wsi);
   if (!session) return 0;
+  if (session->dropped) return 1;
   const std::string_view bytes(static_cast<const char*>(in), length);
-  if (session->chunks) return append_chunks(wsi, *session, bytes);
-  if (session->body.size() + length > settings_.longest_body) return refuse_long_body(wsi);
-  session->body.append(bytes);
-  return 0;
+  int result = 0;
+  if (session->chunks)
+    result = append_chunks(wsi, *session, bytes);
+  else if (session->body.size() + length > settings_.longest_body)
+    result = refuse_long_body(wsi);
+  else
+    session->body.append(bytes);
+  count_body(*session);
+  if (body_bytes_ > settings_.most_body_bytes) drop_longest_body();
+  return session->dropped ? 1 : result;
 }
 
 int ApiWeb::append_chunks(lws* wsi, HttpSession& session, std::string_view bytes) {
@@ -441,7 +478,9 @@ int ApiWeb::answer_request(lws* wsi) {
     const std::lock_guard lock(sessions_.mutex());
     const auto session = sessions_.map().find(wsi);
     if (session == sessions_.map().end()) return refuse(wsi, HTTP_STATUS_BAD_REQUEST);
+    if (session->second->dropped) return 1;
     body = std::exchange(session->second->body, {});
+    count_body(*session->second);
     session->second->taken = bytes_up_to_now(wsi);
     last = session->second->chunks.has_value();
   }

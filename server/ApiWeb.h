@@ -23,6 +23,8 @@ class VrrpWorker;
 /// One HTTP connection: what has arrived of its request's body.
 struct HttpSession {
   std::string body;
+  std::size_t counted = 0;  ///< how much of the body is in the sum over all connections
+  bool dropped = false;     ///< closes in a later pass; what still arrives is not for anything
   std::optional<ChunkedBody> chunks;  ///< decodes the body when it arrives in chunked coding
   bool complete = false;              ///< such a body is whole: it is answered when writeable
   std::uint64_t last_use = 0;         ///< order of requests among all connections
@@ -38,7 +40,8 @@ struct HttpSession {
 /// Errors:    without a context (port busy, certificate missing) an Error record is written and the
 ///            loop serves its periodic duties only. A request body that is too long is answered
 ///            413; a reply that its client does not read ends the connection after a while; beyond
-///            the most connections the one that was idle the longest gives way.
+///            the most bytes of unfinished bodies the longest gives way, and beyond the most
+///            connections the one that was idle the longest gives way.
 class ApiWeb : public rrm::Api {
  public:
   /// What the configuration does not choose; the defaults are those of the process.
@@ -47,6 +50,8 @@ class ApiWeb : public rrm::Api {
     std::string private_key = "/etc/tavro-wavelom/cert/server.key.pem";
     /// A configuration of ten thousand domains is below 2 MB; what is far above is no request.
     std::size_t longest_body = std::size_t{8} << 20;
+    /// Of all connections together, bytes: many bodies that never end must not fill the memory.
+    std::size_t most_body_bytes = std::size_t{64} << 20;
     std::size_t most_connections = 4096;  ///< access points need descriptors too
     int reply_timeout = 60;               ///< s, for a client to read its reply
   };
@@ -88,6 +93,9 @@ class ApiWeb : public rrm::Api {
   int admit_connection(int descriptor);
   void open_session(lws* wsi);
   void drop_longest_idle();
+  void drop_longest_body();
+  void count_body(HttpSession& session);
+  void close_session(lws* wsi);
   int begin_request(lws* wsi);
   int begin_chunked_body(lws* wsi, HttpSession& session);
   int invite_body(lws* wsi);
@@ -119,8 +127,9 @@ class ApiWeb : public rrm::Api {
   std::set<lws*> sending_;     ///< connections with a file, or a reply that waits for its client
   std::uint64_t written_ = 0;  ///< bytes on those connections, at the last look
   std::function<void()> between_passes_;
-  std::uint64_t uses_ = 0;     ///< requests so far
-  std::uint32_t counter_ = 0;  ///< passes since the last report check
+  std::uint64_t uses_ = 0;      ///< requests so far
+  std::size_t body_bytes_ = 0;  ///< of bodies that have not ended, all connections together
+  std::uint32_t counter_ = 0;   ///< passes since the last report check
   bool pass_done_ = false;
   std::int64_t last_refusal_s_ = -1;  ///< when a connection was last refused, monotonic
 

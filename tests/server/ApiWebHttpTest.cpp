@@ -277,6 +277,48 @@ TEST_F(WebHttp, BodyUpToTheLimitIsTakenAndALongerOneReceives413AndIsLogged) {
   EXPECT_TRUE(tells_role(http_post(port_, kAskRole))) << "others go on";
 }
 
+TEST_F(WebHttp, OfBodiesThatDoNotEndTheLongestGivesWayToOthers) {
+  settings_.most_body_bytes = 100'000;
+  start();
+  const auto begin_body = [&](TcpClient& client, std::size_t bytes) {
+    ASSERT_TRUE(client.send(request("POST / HTTP/1.1", "Content-Length: 60000\r\n") +
+                            std::string(bytes, ' ')));
+  };
+  std::vector<std::unique_ptr<TcpClient>> clients;
+  for (const std::size_t bytes : {20'000U, 50'000U}) {
+    clients.push_back(std::make_unique<TcpClient>(port_));
+    begin_body(*clients.back(), bytes);
+  }
+  TcpClient chunked(port_);
+  const std::string chunk = "9c40\r\n" + std::string(40'000, ' ');
+  ASSERT_TRUE(chunked.send(request("POST / HTTP/1.1", "Transfer-Encoding: chunked\r\n", chunk)));
+  EXPECT_EQ(clients[1]->receive_all(), "") << "the longest is closed without an answer";
+  EXPECT_EQ(count("Too many bytes of unfinished request bodies, the longest one is dropped."), 1U);
+  EXPECT_TRUE(tells_role(http_post(port_, kAskRole)));
+  // Room that closed and answered requests have left.
+  chunked.reset();
+  ASSERT_TRUE(clients[0]->send(kAskRole + std::string(40'000 - sizeof(kAskRole) + 1, ' ')));
+  EXPECT_TRUE(tells_role(read_reply(*clients[0])));
+  ASSERT_TRUE(wait_connections(1));
+  TcpClient late(port_);
+  begin_body(late, 60'000 - sizeof(kAskRole) + 1);
+  TcpClient later(port_);
+  begin_body(later, 39'000);
+  ASSERT_TRUE(late.send(kAskRole));
+  EXPECT_TRUE(tells_role(read_reply(late)));
+  EXPECT_EQ(count("Too many bytes of unfinished request bodies, the longest one is dropped."), 1U);
+}
+
+TEST_F(WebHttp, ABodyThatIsTooLongForAllTogetherIsDropped) {
+  settings_.most_body_bytes = 30'000;
+  start();
+  TcpClient client(port_);
+  ASSERT_TRUE(client.send(request("POST / HTTP/1.1", "Content-Length: 50000\r\n") +
+                          std::string(40'000, ' ')));
+  EXPECT_EQ(client.receive_all(), "");
+  EXPECT_TRUE(tells_role(http_post(port_, kAskRole)));
+}
+
 TEST_F(WebHttp, LengthOfABodyMustBeANumberThatFits) {
   start();
   for (const char* length : {"-5", "x", "1x", "0x10", "1,1"})

@@ -190,6 +190,7 @@ TEST_F(WebApi, ProcessUsesItsCertificateFilesAndLimits) {
   EXPECT_EQ(settings.certificate, "/etc/tavro-wavelom/cert/server.pem");
   EXPECT_EQ(settings.private_key, "/etc/tavro-wavelom/cert/server.key.pem");
   EXPECT_EQ(settings.longest_body, 8'388'608U);
+  EXPECT_EQ(settings.most_body_bytes, 67'108'864U);
   EXPECT_EQ(settings.most_connections, 4096U);
   EXPECT_EQ(settings.reply_timeout, 60);
 }
