@@ -1,8 +1,10 @@
 // The controller process: sets up logging, loads the configuration, creates the dispatcher and the
 // management front-ends, and serves until SIGINT.
 
+#include <fcntl.h>
 #include <pthread.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
@@ -42,6 +44,14 @@ std::thread api_cli_thread;
 std::unique_ptr<ApiCli> api_cli;
 std::unique_ptr<ApiWeb> api_web;
 std::unique_ptr<VrrpWorker> vrrp_worker;
+
+/// Whoever starts the process may have closed its standard input, output and error. What is opened
+/// next would take their numbers, and be written to by all that complain on standard error.
+void open_standard_files() {
+  int descriptor = 0;
+  while ((descriptor = ::open("/dev/null", O_RDWR)) >= 0 && descriptor <= STDERR_FILENO) continue;
+  if (descriptor >= 0) ::close(descriptor);
+}
 
 void increase_max_fds() {
   errno = 0;
@@ -116,6 +126,7 @@ void serve(const char* config_file) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  open_standard_files();
   rrm::FreeMemory::keep_little();
   change_sigint(SIG_BLOCK);
   int status = 0;

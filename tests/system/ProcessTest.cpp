@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -90,6 +91,17 @@ TEST_F(Process, SaysThatItUsesDefaultLoggerSettings) {
   EXPECT_EQ(interrupt(), 0);
   EXPECT_EQ(process_->output().substr(0, 63),
             "Logger cfg file does not exist. Using default logger settings.\n");
+}
+
+TEST_F(Process, NothingTakesThePlaceOfAClosedStandardError) {
+  configure();
+  start_with({"/bin/sh", "-c", R"(exec "$0" "$@" <&- >&- 2>&-)"}, {"c.conf"});
+  ASSERT_TRUE(is_serving(web_port_));
+  ASSERT_TRUE(is_serving(ap_port_));
+  const std::string descriptors = "/proc/" + std::to_string(process_->pid()) + "/fd/";
+  for (const char* number : {"0", "1", "2"})
+    EXPECT_EQ(std::filesystem::read_symlink(descriptors + number), "/dev/null") << number;
+  EXPECT_EQ(interrupt(), 0);
 }
 
 TEST_F(Process, RewritesItsConfigurationInNormalForm) {
