@@ -3,16 +3,15 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <exception>
 #include <memory>
 #include <string_view>
 #include <utility>
 
-#include "json/JsonError.h"
 #include "json/JsonParser.h"
 #include "server/ProcessLog.h"
 #include "server/lib/ConfigFile.h"
@@ -43,13 +42,12 @@ bool provide_folder(const std::string& path) {
 
 /// The whole file; false when it cannot be opened, with errno telling why.
 bool read_file(const std::string& path, std::string& text) {
-  const int file = rrm::open_regular_file(path, O_RDONLY);
-  if (file < 0) return false;
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(
+      rrm::open_regular_stream(path, O_RDONLY, "r"), std::fclose);
+  if (!file) return false;
   char piece[4096];
-  ssize_t length = 0;
-  while ((length = ::read(file, piece, sizeof(piece))) > 0 || (length < 0 && errno == EINTR))
-    if (length > 0) text.append(piece, static_cast<std::size_t>(length));
-  ::close(file);
+  for (std::size_t length = 0; (length = std::fread(piece, 1, sizeof(piece), file.get())) > 0;)
+    text.append(piece, length);
   return true;
 }
 
@@ -187,16 +185,17 @@ void VrrpWorker::restore_domains_from_backup(JsonWriter& array) {
     const std::string file = path + "/" + entry->d_name;
     struct stat state {};
     if (::stat(file.c_str(), &state) != 0 || !S_ISREG(state.st_mode)) continue;
-    std::string text;
-    if (!read_file(file, text)) {
+    // Whatever is wrong with a file, memory that does not hold it included, the others are read.
+    try {
+      std::string text;
+      if (read_file(file, text)) {
+        array.add({}, yajson::parse(text));
+        continue;
+      }
       const int code = errno;
       PROCESS_LOG(Error) << "Opening backup file " << file << " failed with error code: " << code
                          << " (" << std::strerror(code) << ").";
-      continue;
-    }
-    try {
-      array.add({}, yajson::parse(text));
-    } catch (const yajson::ParseError& error) {
+    } catch (const std::exception& error) {
       PROCESS_LOG(Error) << "Reading backup file " << file << " failed: " << error.what();
     }
   }

@@ -1,10 +1,14 @@
 #include "server/VrrpWorker.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <memory>
 #include <string>
@@ -262,6 +266,29 @@ TEST_F(Vrrp, BackupsAndTheirFolderAreClosedAgain) {
   back_up();
   EXPECT_NE(restored(), "[]");
   EXPECT_EQ(open_files(), before);
+}
+
+TEST_F(Vrrp, FileThatMemoryDoesNotHoldStillRestoresTheOthers) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "sanitizers need all addresses there are";
+#endif
+  std::filesystem::create_directory(backups());
+  folder_.write("backup/huge.json", "");
+  std::filesystem::resize_file(folder_.file("backup/huge.json"), std::uintmax_t{1} << 30);
+  folder_.write("backup/good.json", R"({"name":"good"})");
+  std::uint64_t pages = 0;
+  std::ifstream("/proc/self/statm") >> pages;
+  rlimit old_limit{};
+  ASSERT_EQ(::getrlimit(RLIMIT_AS, &old_limit), 0);
+  const rlim_t room = rlim_t{32} << 20;
+  const rlimit limit{pages * static_cast<rlim_t>(::getpagesize()) + room, old_limit.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_AS, &limit), 0);
+  const std::string domains = restored();
+  ::setrlimit(RLIMIT_AS, &old_limit);
+  EXPECT_EQ(domains, R"([{"name":"good"}])");
+  EXPECT_EQ(log_.texts(el::Level::Error),
+            std::vector<std::string>{"Reading backup file " + folder_.file("backup/huge.json") +
+                                     " failed: std::bad_alloc"});
 }
 
 TEST_F(Vrrp, FilesThatCannotBeOpenedAreLoggedOneByOne) {
