@@ -126,9 +126,9 @@ void serve(const char* config_file) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  change_sigint(SIG_BLOCK);
   open_standard_files();
   rrm::FreeMemory::keep_little();
-  change_sigint(SIG_BLOCK);
   int status = 0;
   try {
     serve(argc > 1 ? argv[1] : kDefaultConfigFile);
