@@ -7,7 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "json/JsonSerializer.h"
 #include "server/lib/Config.h"
+#include "server/lib/JsonReader.h"
 #include "server/lib/Overloaded.h"
 #include "tests/support/TempFolder.h"
 #include "tools/ctl/Run.h"
@@ -106,13 +108,19 @@ TEST(ConfigCheck, ClientLimitsAreJudgedTogether) {
 }
 
 TEST(ConfigCheck, RepeatedKeysAndNamesAreNamed) {
-  EXPECT_EQ(findings(R"({"global":{"enabled":1,"enabled":0}})").size(), 1U);
-  EXPECT_EQ(findings(R"({"patterns":[{"pattern":"p"},{"pattern":"p"},{"pattern":"common"}],)"
-                     R"("domains":[{"domain":"d","pattern":"p"},{"domain":"d","pattern":"p"}]})"),
-            (Texts{"patterns[1].pattern: 'p' stands twice; the last one counts",
-                   "patterns[2].pattern: 'common' means the section \"common\"; this one is never "
-                   "used",
-                   "domains[1].domain: 'd' stands twice; the last one counts"}));
+  EXPECT_EQ(findings("{\"global\":{\"enabled\":1,\"vrrp_timeout\":[1,{}],\n"
+                     "\"enab\\u006ced\":0, \"api_port\":1,\"api_port\":2}}"),
+            (Texts{"line 2, column 1: 'enabled' stands twice in its object; the last one counts",
+                   "line 2, column 32: 'api_port' stands twice in its object; the last one counts",
+                   "global.vrrp_timeout: [1,{}] is no whole number; the controller takes 15"}));
+  EXPECT_EQ(
+      findings(R"({"patterns":[{"pattern":"p"},{"pattern":"p"},{"pattern":"common"}],)"
+               R"("domains":[{"domain":"d","pattern":"p"},{"domain":"d","pattern":"p"}]})"),
+      (Texts{"patterns[1].pattern: 'p' stands twice; the last one counts",
+             "patterns[2].pattern: 'common' means the section \"common\"; this one is never "
+             "used",
+             "domains[1].domain: 'd' stands twice; the last one counts, but with the settings of "
+             "the first until the next start"}));
 }
 
 TEST(ConfigCheck, DomainsNeedAPatternThatExists) {
@@ -120,6 +128,90 @@ TEST(ConfigCheck, DomainsNeedAPatternThatExists) {
             (Texts{"domains[0].pattern: there is no pattern '', so the domain is not served",
                    "domains[1].domain: 'a/b' holds a '/': it has no backups and no reports",
                    "domains[1].pattern: there is no pattern 'x', so the domain is not served"}));
+}
+
+TEST(ConfigCheck, DomainWithoutAPatternNameHasTheOneWithoutAName) {
+  EXPECT_EQ(findings(R"({"patterns":[{"use_dca":0}],"domains":[{"domain":"d","pattern":""}]})"),
+            Texts{"patterns[0]: has no \"pattern\""});
+}
+
+TEST(ConfigCheck, NulBytesEndTextsAndFiles) {
+  EXPECT_EQ(findings(R"({"patterns":[{"pattern":"p\u0000q"}],"domains":[{"domain":"d\u0000",)"
+                     R"("pattern":"p"}]})"),
+            (Texts{"patterns[0].pattern: is read up to its NUL only",
+                   "domains[0].domain: is read up to its NUL only"}));
+  EXPECT_EQ(findings(std::string("{}\0{", 4)), Texts{"file: a NUL byte ends what is read of it"});
+}
+
+TEST(ConfigCheck, OtherVersionIsReplaced) {
+  EXPECT_EQ(findings(R"({"version":"2.1"})"), Texts{});
+  EXPECT_EQ(findings(R"({"version":3})"),
+            Texts{"version: 3 is ignored; the controller writes \"2.1\""});
+}
+
+/// How the controller writes a section with one option given; empty for its defaults.
+std::string written_back(const std::string& section, const std::string& key,
+                         const std::string& value) {
+  const GlobalConfig config("", ("{\"" + section + "\":{\"" + key + "\":" + value + "}}").c_str());
+  const std::string text = config.to_file_text();
+  return yajson::serialize(*JsonReader(text.c_str()).child(section).child(key).value());
+}
+
+/// Whether two JSON texts mean the same to an operator: numbers may stand in quotes, flags may be
+/// words.
+bool means_the_same(const std::string& given, const std::string& kept) {
+  return given == kept || given == "\"" + kept + "\"" || (given == "true" && kept == "1") ||
+         (given == "false" && kept == "0") || (given == "-0" && kept == "0");
+}
+
+template <class Options>
+void expect_changes_reported(const std::string& section, const Options& options) {
+  for (const auto& option : options)
+    for (const char* value : {"0",
+                              "1",
+                              "-0",
+                              "-1",
+                              "2",
+                              "7",
+                              "50",
+                              "-70",
+                              "2000",
+                              "70000",
+                              "256",
+                              "4294967296",
+                              "4294967297",
+                              "9223372036854775807",
+                              "18446744073709551616",
+                              "1.0",
+                              "0.5",
+                              "1e3",
+                              "null",
+                              "true",
+                              "false",
+                              "\"\"",
+                              "\"1\"",
+                              "\"50\"",
+                              "\"on\"",
+                              "\"3:30\"",
+                              "\"-0:30\"",
+                              "\"23:60\"",
+                              "\"24:00\"",
+                              "\"00:00:00\"",
+                              "\"a\\u0000b\"",
+                              "[]",
+                              "{}",
+                              "[1]"}) {
+      const std::string document = "{\"" + section + "\":{\"" + option.key + "\":" + value + "}}";
+      const std::string kept = written_back(section, option.key, value);
+      if (!means_the_same(value, kept)) {
+        EXPECT_GE(findings(document).size(), 1U) << document << " becomes " << kept;
+      }
+    }
+}
+
+TEST(ConfigCheck, EveryValueThatTheControllerReplacesIsReported) {
+  expect_changes_reported("global", global_options());
+  expect_changes_reported("common", domain_options());
 }
 
 template <class Options>

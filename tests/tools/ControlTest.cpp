@@ -1,7 +1,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -216,6 +222,9 @@ TEST(ControlLine, WrongWordsEndWithStatus2) {
                                              {"session", "drop", "x"},
                                              {"status", "--port", "0"},
                                              {"watch", "d", "--interval", "0"},
+                                             {"watch", "d", "--interval", "nan"},
+                                             {"watch", "d", "--for", "nan"},
+                                             {"status", "--timeout", "nan"},
                                              {"completion", "fish"}}) {
     const Outcome outcome = run_with(words);
     EXPECT_EQ(outcome.status, kUsage) << testing::PrintToString(words);
@@ -258,6 +267,111 @@ TEST(ControlLine, CompletionKnowsEveryLevel) {
   EXPECT_THAT(script, HasSubstr("complete -F _wavelomctl wavelomctl\n"));
 }
 
+/// What bash offers for the last of the words.
+std::string completed(const std::vector<std::string>& words) {
+  const test::TempFolder folder;
+  std::string script = run_with({"completion", "bash"}).out + "COMP_WORDS=(wavelomctl";
+  for (const std::string& word : words) script += " '" + word + "'";
+  script += ")\nCOMP_CWORD=" + std::to_string(words.size()) +
+            "\n_wavelomctl\nprintf '%s|' \"${COMPREPLY[@]}\"\n";
+  const std::string command = "cd '" + folder.path() + "' && touch 'my file' && exec bash '" +
+                              folder.write("script", script) + "'";
+  FILE* output = ::popen(command.c_str(), "r");
+  std::string text;
+  for (int c = std::fgetc(output); c != EOF; c = std::fgetc(output)) text += static_cast<char>(c);
+  ::pclose(output);
+  return text;
+}
+
+TEST(ControlLine, CompletionOffersTheOptionsOfACommandBehindItsArguments) {
+  EXPECT_EQ(completed({"domain", "add", "site1", "--p"}), "--pattern|--port|");
+  EXPECT_EQ(completed({"ap", "site1", "00", ":", "11", "--l"}), "--links|");
+  EXPECT_EQ(completed({"show", "list", "--j"}), "--json|");
+}
+
+TEST(ControlLine, CompletionKeepsValuesOfOptionsApartFromCommands) {
+  EXPECT_EQ(completed({"--host", "=", "role", "sta"}), "status|");
+  EXPECT_EQ(completed({"--host", "role", "sta"}), "status|");
+  EXPECT_EQ(completed({"--json", "domain", "re"}), "remove|");
+  EXPECT_EQ(completed({"--host", "s"}), "|");
+}
+
+TEST(ControlLine, CompletionOffersWordsThatAnArgumentCanBe) {
+  EXPECT_EQ(completed({"role", "b"}), "backup|");
+  EXPECT_EQ(completed({"completion", "b"}), "bash|");
+  EXPECT_EQ(completed({"config", "check", "m"}), "my file|");
+}
+
+/// A port that is no controller: answers the first bytes that come with a text, then again and
+/// again if wanted, until the peer goes away.
+class Impostor {
+ public:
+  Impostor(std::string reply, bool endless) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof(address);
+    listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+        ::listen(listener_, 1) != 0 ||
+        ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+      throw std::runtime_error("no port");
+    port_ = ntohs(address.sin_port);
+    thread_ = std::thread([this, reply = std::move(reply), endless] { serve(reply, endless); });
+  }
+  ~Impostor() {
+    thread_.join();
+    ::close(listener_);
+  }
+  std::string port() const { return std::to_string(port_); }
+
+ private:
+  void serve(const std::string& reply, bool endless) const {
+    const int fd = ::accept(listener_, nullptr, nullptr);
+    char request[4096];
+    if (::recv(fd, request, sizeof(request), 0) > 0) {
+      ::send(fd, reply.data(), reply.size(), MSG_NOSIGNAL);
+      while (endless && ::send(fd, reply.data() + 1, reply.size() - 1, MSG_NOSIGNAL) > 0) continue;
+      while (::recv(fd, request, sizeof(request), 0) > 0) continue;
+    }
+    ::close(fd);
+  }
+
+  int listener_ = -1;
+  int port_ = 0;
+  std::thread thread_;
+};
+
+TEST(ControlLine, AnswerWithoutAnEndIsGivenUp) {
+  const Impostor impostor("{" + std::string(1000, ' '), true);
+  const Outcome outcome = run_with({"status", "--timeout", "0.1", "--port", impostor.port()});
+  EXPECT_EQ(outcome.status, kNoAnswer);
+  EXPECT_EQ(outcome.errors,
+            "wavelomctl: no answer from 127.0.0.1:" + impostor.port() + " in time\n");
+}
+
+TEST(ControlLine, AnswerOfAnotherServiceIsKnownAtItsFirstByte) {
+  const Impostor impostor("SSH-2.0-x\r\n", false);
+  const Outcome outcome = run_with({"status", "--timeout", "600", "--port", impostor.port()});
+  EXPECT_EQ(outcome.status, kNoAnswer);
+  EXPECT_EQ(outcome.errors,
+            "wavelomctl: what answers at 127.0.0.1:" + impostor.port() + " is no controller\n");
+}
+
+TEST(ControlLine, ErrorsOfAReplyAreKeptFromTheTerminalToo) {
+  const Impostor impostor(R"({"error":"\u001b[2J"})", false);
+  const Outcome outcome = run_with({"status", "--port", impostor.port()});
+  EXPECT_EQ(outcome.status, kRefused);
+  EXPECT_EQ(outcome.errors, "wavelomctl: ?[2J\n");
+}
+
+TEST(ControlLine, EmptyRequestIsNotSent) {
+  const Impostor impostor("", false);
+  const Outcome outcome = run_with({"request", "", "--port", impostor.port()});
+  EXPECT_EQ(outcome.status, kUsage);
+  EXPECT_EQ(outcome.errors, "wavelomctl: the request is empty\n");
+}
+
 TEST(ObjectEnd, IsFoundBehindTextsAndInnerObjects) {
   const std::string text = R"({"a":"}\"]{","b":[{},[]],"c":{"d":1}})";
   for (std::size_t cut = 1; cut < text.size(); ++cut) {
@@ -286,6 +400,11 @@ TEST(Render, ListsOfNestedObjectsGetAHeadingEach) {
 
 TEST(Render, KeepsControlCharactersFromTheTerminal) {
   EXPECT_EQ(rendered(R"({"name":"a\u001b[2Jb\n"})"), "name  a?[2Jb?\n");
+}
+
+TEST(Render, KeepsControlCharactersOfNamesFromTheTerminal) {
+  EXPECT_EQ(rendered(R"({"\u001b":1,"\u0007":{"\u007f":[{"\u0001":1}]}})"),
+            "?  1\n?:\n  ?:\n    ?\n    1\n");
 }
 
 TEST(Render, KeepsFurtherControlCharactersFromTheTerminalToo) {

@@ -83,9 +83,65 @@ bool is_integer(const JsonValue& value) {
   return text.size() > sign && text.find_first_not_of("0123456789", sign) == std::string::npos;
 }
 
+/// The keys of a JSON text that stand in their object already, with where they stand again.
+///
+/// Takes text that was parsed: only quotes, brackets and separators are looked at.
+class RepeatedKeys {
+ public:
+  explicit RepeatedKeys(const std::string& text) : text_(text) {}
+
+  std::vector<Finding> find() {
+    for (at_ = 0; at_ < text_.size(); ++at_) {
+      const char character = text_[at_];
+      if (character == '{' || character == '[') open(character == '{');
+      if (character == '}' || character == ']') objects_.pop_back();
+      if (character == ',' && objects_.back().is_object) objects_.back().key_follows = true;
+      if (character == '"') take_text();
+      if (character == '\n') {
+        ++line_;
+        line_start_ = at_ + 1;
+      }
+    }
+    return std::move(findings_);
+  }
+
+ private:
+  struct Level {
+    bool is_object;
+    bool key_follows;
+    std::set<std::string> keys;
+  };
+
+  void open(bool is_object) { objects_.push_back({is_object, is_object, {}}); }
+
+  void take_text() {
+    const std::size_t begin = at_++;
+    while (text_[at_] != '"') at_ += text_[at_] == '\\' ? 2 : 1;
+    if (objects_.empty() || !objects_.back().key_follows) return;
+    objects_.back().key_follows = false;
+    // One key can be written in several ways, with escapes and without.
+    const JsonValue key = yajson::parse(text_.substr(begin, at_ + 1 - begin));
+    if (objects_.back().keys.insert(std::string(key.as_string())).second) return;
+    findings_.push_back(
+        {"line " + std::to_string(line_) + ", column " + std::to_string(begin - line_start_ + 1),
+         "'" + std::string(key.as_string()) + "' stands twice in its object; the last one counts"});
+  }
+
+  const std::string& text_;
+  std::size_t at_ = 0;
+  std::size_t line_ = 1;
+  std::size_t line_start_ = 0;
+  std::vector<Level> objects_;
+  std::vector<Finding> findings_;
+};
+
 class Checker {
  public:
-  std::vector<Finding> run(const std::string& text) {
+  std::vector<Finding> run(std::string text) {
+    if (const std::size_t end = text.find('\0'); end != std::string::npos) {
+      find("file", "a NUL byte ends what is read of it");
+      text.resize(end);
+    }
     if (text.find_first_not_of(" \t\r\n") == std::string::npos) {
       find("file", "empty, so every setting has its default");
       return std::move(findings_);
@@ -99,7 +155,7 @@ class Checker {
       find("file", std::string("no JSON, so every setting has its default: ") + error.what());
       return std::move(findings_);
     }
-    check_repeated_keys(text);
+    for (Finding& repeated : RepeatedKeys(text).find()) findings_.push_back(std::move(repeated));
     if (document.is_object())
       check_document(document);
     else
@@ -112,25 +168,25 @@ class Checker {
     findings_.push_back({std::move(where), std::move(what)});
   }
 
-  void check_repeated_keys(const std::string& text) {
-    try {
-      yajson::parse(text);
-    } catch (const yajson::ParseError& error) {
-      find("line " + std::to_string(error.line()) + ", column " + std::to_string(error.column()),
-           "a key stands twice in its object; the last one counts");
-    }
-  }
-
   void check_document(const JsonValue& document) {
     for (const auto& member : document.members())
       if (std::find(std::begin(kSections), std::end(kSections), member.key()) ==
           std::end(kSections))
         find(std::string(member.key()), "unknown, ignored");
+    check_version(document);
     if (const JsonValue* global = section(document, "global")) check_global(*global);
     if (const JsonValue* common = section(document, kCommon))
       check_domain_options(kCommon, *common);
     check_patterns(document);
     check_domains(document);
+  }
+
+  void check_version(const JsonValue& document) {
+    const JsonValue* version = document.find("version");
+    if (version == nullptr) return;
+    const std::string written = yajson::serialize(*version);
+    if (written != "\"2.1\"")
+      find("version", written + " is ignored; the controller writes \"2.1\"");
   }
 
   const JsonValue* section(const JsonValue& document, const char* key) {
@@ -178,8 +234,7 @@ class Checker {
     JsonWriter errors;
     JsonWriter refused = JsonWriter::array(errors, "errors");
     const bool valid = validate(document, refused);
-    const bool taken =
-        is_flag(*option) || stored == (wants_text(*option) ? written : number_of(value));
+    const bool taken = stored == (wants_text(*option) ? written : number_of(value));
     if (!valid || !taken)
       find(place, written + " is out of range (" + range_of(*option) + ")" + instead);
   }
@@ -218,23 +273,31 @@ class Checker {
                       std::to_string(config.load_balance_sta_high));
   }
 
-  /// The name of an entry that no entry before it has.
-  std::string own_name(const std::string& where, const JsonValue& entry, const char* key,
-                       std::set<std::string>& names) {
+  /// A text as the controller reads it: up to its first NUL, empty when it is none.
+  std::string text_in(const std::string& where, const JsonValue& entry, const char* key) {
     const JsonValue* value = entry.find(key);
-    if (value == nullptr || !value->is_string() || value->as_string().empty()) {
+    if (value == nullptr || !value->is_string()) return {};
+    const std::string_view text = value->as_string();
+    const std::size_t end = text.find('\0');
+    if (end != std::string_view::npos) find(where + "." + key, "is read up to its NUL only");
+    return std::string(text.substr(0, end));
+  }
+
+  /// The name of an entry, which no entry before it should have.
+  std::string own_name(const std::string& where, const JsonValue& entry, const char* key,
+                       std::set<std::string>& names, const char* which_counts) {
+    std::string name = text_in(where, entry, key);
+    const bool is_new = names.insert(name).second;
+    if (name.empty())
       find(where, std::string("has no \"") + key + "\"");
-      return {};
-    }
-    std::string name(value->as_string());
-    if (!names.insert(name).second)
-      find(where + "." + key, "'" + name + "' stands twice; the last one counts");
+    else if (!is_new)
+      find(where + "." + key, "'" + name + "' stands twice; " + which_counts);
     return name;
   }
 
   void check_patterns(const JsonValue& document) {
     for (const auto& [where, entry] : list(document, "patterns")) {
-      if (own_name(where, *entry, "pattern", patterns_) == kCommon)
+      if (own_name(where, *entry, "pattern", patterns_, "the last one counts") == kCommon)
         find(where + ".pattern", "'common' means the section \"common\"; this one is never used");
       check_domain_options(where, *entry, "pattern");
     }
@@ -243,7 +306,9 @@ class Checker {
   void check_domains(const JsonValue& document) {
     std::set<std::string> names;
     for (const auto& [where, entry] : list(document, "domains")) {
-      const std::string name = own_name(where, *entry, "domain", names);
+      const std::string name =
+          own_name(where, *entry, "domain", names,
+                   "the last one counts, but with the settings of the first until the next start");
       if (name.find('/') != std::string::npos)
         find(where + ".domain", "'" + name + "' holds a '/': it has no backups and no reports");
       for (const auto& member : entry->members())
@@ -255,9 +320,7 @@ class Checker {
   }
 
   void check_binding(const std::string& where, const JsonValue& entry) {
-    const JsonValue* pattern = entry.find("pattern");
-    const std::string name =
-        pattern != nullptr && pattern->is_string() ? std::string(pattern->as_string()) : "";
+    const std::string name = text_in(where, entry, "pattern");
     if (name != kCommon && !patterns_.contains(name))
       find(where + ".pattern", "there is no pattern '" + name + "', so the domain is not served");
     const JsonValue* zone = entry.find("time_zone");

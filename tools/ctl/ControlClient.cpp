@@ -81,12 +81,22 @@ ControlClient::~ControlClient() {
 
 void ControlClient::wait_for(short events, long deadline_ms) const {
   pollfd ready{fd_, events, 0};
-  const long left = std::max(0L, deadline_ms - now_ms());
-  if (::poll(&ready, 1, static_cast<int>(left)) == 0)
+  const long left = deadline_ms - now_ms();
+  // A peer that never ends what it sends is always ready: the time counts all the same.
+  if (left < 0 || ::poll(&ready, 1, static_cast<int>(left)) == 0)
     throw ConnectionError("no answer from " + name_of(endpoint_) + " in time");
 }
 
+void ControlClient::check_start(const std::string& reply) const {
+  const std::size_t first = reply.find_first_not_of(" \t\r\n");
+  if (first != std::string::npos && reply[first] != '{')
+    throw ConnectionError("what answers at " + name_of(endpoint_) + " is no controller");
+  if (reply.size() > kLongestReply)
+    throw ConnectionError("the answer from " + name_of(endpoint_) + " has no end");
+}
+
 std::string ControlClient::ask(const std::string& request) {
+  if (request.empty()) throw std::invalid_argument("the request is empty");
   if (request.size() > kLongestRequest)
     throw std::invalid_argument("the request has " + std::to_string(request.size()) +
                                 " bytes; the controller takes at most " +
@@ -105,6 +115,7 @@ std::string ControlClient::ask(const std::string& request) {
     if (length < 0 && (errno == EAGAIN || errno == EINTR)) continue;
     if (length <= 0) throw ConnectionError(name_of(endpoint_) + " closed the connection");
     reply.append(piece, static_cast<std::size_t>(length));
+    check_start(reply);
     if (end.take(piece, static_cast<std::size_t>(length))) return reply;
   }
 }

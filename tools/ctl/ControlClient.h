@@ -23,7 +23,8 @@ struct ConnectionError : std::runtime_error {
 /// Errors:    ConnectionError; std::invalid_argument for a request that the controller would cut.
 class ControlClient {
  public:
-  static constexpr std::size_t kLongestRequest = 4095;  ///< bytes the controller reads at once
+  static constexpr std::size_t kLongestRequest = 4095;      ///< bytes the controller reads at once
+  static constexpr std::size_t kLongestReply = 256U << 20;  ///< bytes, far above any real one
 
   explicit ControlClient(const Endpoint& endpoint);
   ~ControlClient();
@@ -34,6 +35,7 @@ class ControlClient {
   std::string ask(const std::string& request);
 
  private:
+  void check_start(const std::string& reply) const;
   void wait_for(short events, long deadline_ms) const;
 
   Endpoint endpoint_;

@@ -37,7 +37,7 @@ bool collect_cells(const JsonValue& object, Hidden hidden, const std::string& pr
   for (const auto& member : object.members()) {
     const JsonValue& value = member.value;
     if (is_hidden(member.key(), hidden)) continue;
-    const std::string name = prefix + std::string(member.key());
+    const std::string name = prefix + printable(member.key());
     if (is_plain(value) || holds_plain_values(value))
       cells.push_back({name, cell(value)});
     else if (!value.is_object() || !prefix.empty() ||
@@ -80,7 +80,7 @@ std::string render_object(const JsonValue& object, Hidden hidden, int indent);
 
 std::string render_list(std::string_view key, const JsonValue& list, Hidden hidden, int indent) {
   const std::string margin(static_cast<std::size_t>(indent), ' ');
-  const std::string heading = margin + std::string(key);
+  const std::string heading = margin + printable(key);
   std::vector<std::vector<Cell>> rows;
   if (collect_rows(list, hidden, rows)) return heading + ":\n" + table_of(rows, indent + kIndent);
   std::string text;
@@ -102,12 +102,12 @@ std::string render_object(const JsonValue& object, Hidden hidden, int indent) {
     const JsonValue& value = member.value;
     if (is_hidden(key, hidden)) continue;
     if (is_plain(value) || (holds_plain_values(value) && value.as_array().size() > 0)) {
-      plain.push_back({std::string(key), cell(value)});
+      plain.push_back({printable(key), cell(value)});
     } else if (value.is_object()) {
-      nested += std::string(static_cast<std::size_t>(indent), ' ') + std::string(key) + ":\n" +
+      nested += std::string(static_cast<std::size_t>(indent), ' ') + printable(key) + ":\n" +
                 render_object(value, hidden, indent + kIndent);
     } else if (value.as_array().size() == 0) {
-      plain.push_back({std::string(key), "none"});
+      plain.push_back({printable(key), "none"});
     } else {
       nested += render_list(key, value, hidden, indent);
     }

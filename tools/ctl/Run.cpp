@@ -26,7 +26,8 @@ constexpr char kName[] = "wavelomctl: ";
 constexpr std::string_view kHeader[] = {"version", "server", "wavelom_version"};
 
 int fail(std::ostream& errors, int status, const std::string& what) {
-  errors << kName << what << "\n";
+  // Names and texts of others may be in it.
+  errors << kName << printable(what) << "\n";
   return status;
 }
 
