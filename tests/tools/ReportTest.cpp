@@ -49,6 +49,14 @@ TEST(ReportText, ShowsStagesAndBothSituations) {
   EXPECT_THAT(text, HasSubstr("  channels after       1:1  11:1\n"));
 }
 
+TEST(ReportText, HasNoMeanOfNeighboursThatNobodyHears) {
+  Report report = sample_report();
+  report.after[0].loudest_dbm.clear();
+  EXPECT_THAT(
+      to_text(report),
+      HasSubstr("  loudest co-channel neighbour, mean      -57.5        - dBm         -\n"));
+}
+
 TEST(ReportText, SaysSoWhenThereWasNoRound) {
   Report report = sample_report();
   report.measured = 0;

@@ -43,6 +43,20 @@ TEST(Scenario, NeedsNoMoreThanItsSites) {
   EXPECT_EQ(scenario.sites[0].foreign, -1);
 }
 
+TEST(Scenario, TakesFractionsOfMetresAndDecibels) {
+  const Scenario scenario = Scenario::from_json(
+      R"({"scan-noise":1.5,"sites":[{"domain":"a","aps":3,"buildings":[{"floor-height":3.5}]}]})");
+  EXPECT_EQ(scenario.scan_noise_db, 1.5);
+  EXPECT_EQ(scenario.sites[0].buildings[0].floor_height, 3.5);
+}
+
+TEST(Scenario, TakesFlagsAsWordsToo) {
+  const Scenario scenario = Scenario::from_json(
+      R"({"ssids":[{"ssid":"x","802.11k":false,"802.11r":true}],"sites":[{"domain":"a","aps":3}]})");
+  EXPECT_FALSE(scenario.ssids[0].use_80211k);
+  EXPECT_TRUE(scenario.ssids[0].use_80211r);
+}
+
 struct BadScenario {
   const char* name;
   const char* text;
@@ -76,6 +90,25 @@ INSTANTIATE_TEST_SUITE_P(
                     R"(places[0]: "building" must be -1 to -1)"},
         BadScenario{"BadInitial", R"({"sites":[{"domain":"a","aps":3,"initial-channels":"best"}]})",
                     R"(sites[0]: "initial-channels" must be random or same)"},
+        BadScenario{"NoObject", "[]", "must be an object"},
+        BadScenario{"Misspelt", R"({"sites":[{"domain":"a","apps":3}]})",
+                    R"(sites[0]: "apps" is not known)"},
+        BadScenario{"SiteIsNoObject", R"({"sites":[3]})", "sites[0]: must be an object"},
+        BadScenario{"SitesAreNoArray", R"({"sites":{"domain":"a","aps":3}})",
+                    R"("sites" must be an array)"},
+        BadScenario{"BandsAreNoArray",
+                    R"({"ssids":[{"ssid":"x","bands":5}],"sites":[{"domain":"a","aps":3}]})",
+                    R"(ssids[0]: "bands" must be an array)"},
+        BadScenario{"WidthsAreNoObject", R"({"widths":20,"sites":[{"domain":"a","aps":3}]})",
+                    "widths: must be an object"},
+        BadScenario{"Text", R"({"sites":[{"domain":"a","aps":"3"}]})",
+                    R"(sites[0]: "aps" must be a whole number)"},
+        BadScenario{"Fraction", R"({"sites":[{"domain":"a","aps":2.5}]})",
+                    R"(sites[0]: "aps" must be a whole number)"},
+        BadScenario{"BeyondAnInteger", R"({"sites":[{"domain":"a","aps":4294967299}]})",
+                    R"(sites[0]: "aps" must be 1 to 100000)"},
+        BadScenario{"NoNumber", R"({"scan-noise":null,"sites":[{"domain":"a","aps":3}]})",
+                    R"("scan-noise" must be a number)"},
         BadScenario{"TooMany",
                     R"({"sites":[{"domain":"a","aps":60000},{"domain":"b","aps":60000}]})",
                     R"("sites" hold more than 100000 access points)"}),

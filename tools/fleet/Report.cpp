@@ -89,6 +89,20 @@ void air_row(std::string& text, const char* name, const char* unit, double befor
   line(text, "  %-36s %8.1f %8.1f %-4s %+8.1f", name, before, after, unit, after - before);
 }
 
+/// The same with a dash where nobody was heard: there is no mean of nothing.
+void heard_row(std::string& text, const char* name, const std::vector<double>& before,
+               const std::vector<double>& after) {
+  if (!before.empty() && !after.empty())
+    return air_row(text, name, "dBm", mean(before), mean(after));
+  const auto cell = [](const std::vector<double>& values) {
+    char number[32] = "-";
+    if (!values.empty()) std::snprintf(number, sizeof number, "%.1f", mean(values));
+    return std::string(number);
+  };
+  line(text, "  %-36s %8s %8s %-4s %8s", name, cell(before).c_str(), cell(after).c_str(), "dBm",
+       "-");
+}
+
 void band_table(std::string& text, const char* name, const BandSample& before,
                 const BandSample& after) {
   if (before.radios() == 0) return;
@@ -97,8 +111,7 @@ void band_table(std::string& text, const char* name, const BandSample& before,
           mean(after.interference_dbm));
   air_row(text, "... in the worst tenth", "dBm", percentile(before.interference_dbm, 0.9),
           percentile(after.interference_dbm, 0.9));
-  air_row(text, "loudest co-channel neighbour, mean", "dBm", mean(before.loudest_dbm),
-          mean(after.loudest_dbm));
+  heard_row(text, "loudest co-channel neighbour, mean", before.loudest_dbm, after.loudest_dbm);
   line(text, "  %-36s %8zu %8zu", "radios that hear one above -68 dBm",
        count_above(before.loudest_dbm, kLoudDbm), count_above(after.loudest_dbm, kLoudDbm));
   line(text, "  %-36s %8zu %8zu", "radios that hear none",

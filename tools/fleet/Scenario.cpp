@@ -2,12 +2,18 @@
 
 #include <algorithm>
 #include <cmath>
+#include <initializer_list>
+#include <numeric>
+#include <string_view>
 
 #include "server/lib/JsonReader.h"
 #include "tools/fleet/Spectrum.h"
 
 namespace rrm::fleet {
 namespace {
+
+using yajson::JsonKind;
+using yajson::JsonValue;
 
 constexpr int kMaxAps = 100000;
 constexpr int kApsPerBuilding = 40;
@@ -21,17 +27,35 @@ class Section {
   Section(const JsonReader& reader, std::string where)
       : reader_(reader), where_(std::move(where)) {}
 
+  /// Refuses what is no object and members that nobody reads: a misspelt one would be its default.
+  void expect_only(std::initializer_list<std::string_view> keys) const {
+    const JsonValue* object = reader_.value();
+    if (object == nullptr || !object->is_object())
+      throw ScenarioError(where_ + "must be an object");
+    for (const auto& member : object->members())
+      if (std::find(keys.begin(), keys.end(), member.key()) == keys.end())
+        fail(std::string(member.key()).c_str(), "is not known");
+  }
   int integer(const char* key, int fallback, int low, int high) const {
-    const int value = reader_.get_int_or(key, fallback);
-    if (value < low || value > high) {
-      fail(key, "must be " + std::to_string(low) + " to " + std::to_string(high));
-    }
-    return value;
+    if (!reader_.has(key)) return check_range(key, fallback, low, high);
+    const JsonValue& value = *reader_.child(key).value();
+    if (value.kind() != JsonKind::integer && value.kind() != JsonKind::uinteger)
+      fail(key, "must be a whole number");
+    return static_cast<int>(check_range(key, value.as_number(), low, high));
   }
   double number(const char* key, double fallback, int low, int high) const {
-    return reader_.has(key) ? integer(key, 0, low, high) : fallback;
+    if (!reader_.has(key)) return fallback;
+    const JsonValue& value = *reader_.child(key).value();
+    if (value.kind() != JsonKind::integer && value.kind() != JsonKind::uinteger &&
+        value.kind() != JsonKind::number)
+      fail(key, "must be a number");
+    return check_range(key, value.as_number(), low, high);
   }
-  bool flag(const char* key, bool fallback) const { return reader_.get_int_or(key, fallback) != 0; }
+  bool flag(const char* key, bool fallback) const {
+    if (reader_.has(key) && reader_.child(key).value()->kind() == JsonKind::boolean)
+      return reader_.get_int(key) != 0;
+    return integer(key, fallback, 0, 1) != 0;
+  }
   std::string text(const char* key) const {
     std::string value = reader_.get_str(key);
     if (value.empty()) fail(key, "must be a text");
@@ -40,17 +64,30 @@ class Section {
   [[noreturn]] void fail(const char* key, const std::string& what) const {
     throw ScenarioError(where_ + "\"" + key + "\" " + what);
   }
+  /// An array member; one that is absent is empty.
+  JsonReader array(const char* key) const {
+    JsonReader array = reader_.child(key);
+    if (reader_.has(key) && !array.value()->is_array()) fail(key, "must be an array");
+    return array;
+  }
   const JsonReader& reader() const noexcept { return reader_; }
 
  private:
+  template <typename Number>
+  Number check_range(const char* key, Number value, int low, int high) const {
+    if (!(value >= low && value <= high))
+      fail(key, "must be " + std::to_string(low) + " to " + std::to_string(high));
+    return value;
+  }
+
   const JsonReader& reader_;
   std::string where_;
 };
 
 /// Calls read(Section) for every element of an array member.
 template <typename Read>
-void for_each(const JsonReader& parent, const char* key, Read read) {
-  const JsonReader array = parent.child(key);
+void for_each(const Section& parent, const char* key, Read read) {
+  const JsonReader array = parent.array(key);
   for (int i = 0; i < static_cast<int>(array.size()); ++i) {
     const JsonReader element = array.child(i);
     read(Section(element, std::string(key) + "[" + std::to_string(i) + "]: "));
@@ -58,13 +95,14 @@ void for_each(const JsonReader& parent, const char* key, Read read) {
 }
 
 SsidPlan read_ssid(const Section& section) {
+  section.expect_only({"ssid", "bands", "802.11k", "802.11r", "802.11v"});
   SsidPlan ssid;
   ssid.name = section.text("ssid");
   ssid.use_80211k = section.flag("802.11k", true);
   ssid.use_80211r = section.flag("802.11r", false);
   ssid.use_80211v = section.flag("802.11v", false);
   if (!section.reader().has("bands")) return ssid;
-  const JsonReader bands = section.reader().child("bands");
+  const JsonReader bands = section.array("bands");
   ssid.bands.clear();
   for (int i = 0; i < static_cast<int>(bands.size()); ++i) {
     if (band_index(bands.get_int(i)) < 0) section.fail("bands", "may hold 2, 5 and 6");
@@ -74,6 +112,7 @@ SsidPlan read_ssid(const Section& section) {
 }
 
 Building read_building(const Section& section) {
+  section.expect_only({"x", "y", "width", "depth", "floors", "floor-height", "room"});
   Building building;
   building.x = section.number("x", building.x, -100000, 100000);
   building.y = section.number("y", building.y, -100000, 100000);
@@ -86,6 +125,7 @@ Building read_building(const Section& section) {
 }
 
 Place read_place(const Section& section, int buildings) {
+  section.expect_only({"building", "floor", "x", "y"});
   Place place;
   place.building = section.integer("building", buildings > 0 ? 0 : -1, -1, buildings - 1);
   place.floor = section.integer("floor", 0, 0, 200);
@@ -103,14 +143,15 @@ InitialChannels read_initial(const Section& section) {
 }
 
 SitePlan read_site(const Section& section) {
+  section.expect_only({"domain", "aps", "places", "foreign", "initial-channels", "buildings"});
   SitePlan site;
   site.domain = section.text("domain");
   site.foreign = section.integer("foreign", -1, -1, kMaxAps);
   site.initial = read_initial(section);
-  for_each(section.reader(), "buildings",
+  for_each(section, "buildings",
            [&](const Section& building) { site.buildings.push_back(read_building(building)); });
   const int buildings = static_cast<int>(site.buildings.size());
-  for_each(section.reader(), "places",
+  for_each(section, "places",
            [&](const Section& place) { site.places.push_back(read_place(place, buildings)); });
   const int places = static_cast<int>(site.places.size());
   site.aps = places > 0 ? places : section.integer("aps", 0, 1, kMaxAps);
@@ -119,6 +160,7 @@ SitePlan read_site(const Section& section) {
 
 void read_propagation(const JsonReader& reader, Propagation& propagation) {
   const Section section(reader, "propagation: ");
+  section.expect_only({"shadowing", "sensitivity", "inner-wall", "outer-wall", "floor"});
   propagation.shadowing_db = section.number("shadowing", propagation.shadowing_db, 0, 20);
   propagation.sensitivity_dbm =
       section.number("sensitivity", propagation.sensitivity_dbm, -120, -40);
@@ -133,6 +175,7 @@ void read_widths(const JsonReader& reader, std::array<int, 3>& widths) {
   constexpr std::array<const char*, 3> kKeys{"2", "5", "6"};
   constexpr std::array<int, 3> kWidest{40, 160, 320};
   const Section section(reader, "widths: ");
+  section.expect_only({"2", "5", "6"});
   for (std::size_t i = 0; i < kKeys.size(); ++i) {
     const int width = section.integer(kKeys[i], widths[i], 20, kWidest[i]);
     if (width % 20 != 0 || ((width / 20) & (width / 20 - 1)) != 0) {
@@ -173,6 +216,8 @@ Scenario Scenario::from_json(const std::string& text) {
   const JsonReader reader(text.c_str());
   if (reader.is_null()) throw ScenarioError("the scenario is not valid JSON");
   const Section section(reader, "");
+  section.expect_only(
+      {"seed", "scans", "scan-noise", "scan-table", "widths", "propagation", "ssids", "sites"});
   Scenario scenario;
   scenario.seed = static_cast<std::uint64_t>(section.integer("seed", 1, 0, 2147483647));
   scenario.scans = section.integer("scans", scenario.scans, 1, 20);
@@ -181,13 +226,15 @@ Scenario Scenario::from_json(const std::string& text) {
   if (reader.has("widths")) read_widths(reader.child("widths"), scenario.width_mhz);
   if (reader.has("propagation"))
     read_propagation(reader.child("propagation"), scenario.propagation);
-  for_each(reader, "ssids",
+  for_each(section, "ssids",
            [&](const Section& ssid) { scenario.ssids.push_back(read_ssid(ssid)); });
-  for_each(reader, "sites",
+  for_each(section, "sites",
            [&](const Section& site) { scenario.sites.push_back(read_site(site)); });
   if (scenario.ssids.empty()) scenario.ssids = default_ssids();
   if (scenario.sites.empty()) section.fail("sites", "must hold at least one site");
-  if (scenario.ap_count() > kMaxAps) section.fail("sites", "hold more than 100000 access points");
+  const auto count = [](long sum, const SitePlan& site) { return sum + site.aps; };
+  if (std::accumulate(scenario.sites.begin(), scenario.sites.end(), 0L, count) > kMaxAps)
+    section.fail("sites", "hold more than 100000 access points");
   return scenario;
 }
 

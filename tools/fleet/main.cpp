@@ -1,4 +1,5 @@
 #include <CLI/CLI.hpp>
+#include <cmath>
 #include <cstdio>
 #include <exception>
 #include <fstream>
@@ -31,6 +32,31 @@ struct Options {
   SimulationOptions simulation;
 };
 
+/// At least 0, and far from what milliseconds in 64 bits can hold; "nan" is neither above nor
+/// below.
+CLI::Validator moderate() {
+  return CLI::Validator(
+      [](const std::string& text) {
+        double value = 0;
+        const bool is_moderate =
+            CLI::detail::lexical_cast(text, value) && value >= 0 && value <= 1e9;
+        return is_moderate ? std::string() : text + " is not 0 to 1000000000";
+      },
+      "NONNEGATIVE");
+}
+
+/// Ranges let "nan" through.
+CLI::Validator finite() {
+  return CLI::Validator(
+      [](const std::string& text) {
+        double value = 0;
+        return CLI::detail::lexical_cast(text, value) && !std::isfinite(value)
+                   ? text + " is no number"
+                   : std::string();
+      },
+      "");
+}
+
 void define(CLI::App& app, Options& options) {
   app.set_version_flag("--version", "wavelom-fleet " WAVELOM_VERSION);
   app.add_option("--aps", options.aps, "Access points, shared evenly among the domains")
@@ -51,15 +77,17 @@ void define(CLI::App& app, Options& options) {
       ->capture_default_str();
   app.add_option("--rate", options.rate, "Connections started per second")
       ->check(CLI::Range(0.1, 100000.0))
+      ->check(finite())
       ->capture_default_str();
   app.add_option("--scan-time", options.scan_time, "Seconds that a scan takes")
       ->check(CLI::Range(0.0, 3600.0))
+      ->check(finite())
       ->capture_default_str();
   app.add_option("--churn", options.churn, "Access points that restart per minute")
-      ->check(CLI::NonNegativeNumber)
+      ->check(moderate())
       ->capture_default_str();
   app.add_option("--duration", options.duration, "Seconds to run; 0: until Ctrl-C")
-      ->check(CLI::NonNegativeNumber)
+      ->check(moderate())
       ->capture_default_str();
   CrowdOptions& crowd = options.simulation.crowd;
   constexpr const char* kClients = "Clients";
@@ -80,19 +108,20 @@ void define(CLI::App& app, Options& options) {
   for (const auto& [name, share] : shares) {
     app.add_option(name, *share.first, share.second)
         ->check(CLI::Range(0.0, 1.0))
+        ->check(finite())
         ->capture_default_str()
         ->group(kClients);
   }
   app.add_option("--arrival", options.arrival,
                  "Seconds from the first client's arrival to the last's")
-      ->check(CLI::NonNegativeNumber)
+      ->check(moderate())
       ->capture_default_str()
       ->group(kClients);
   app.add_flag("--clients-at-once", options.simulation.run.clients_at_once,
                "Clients arrive from the start, not from the first plan of every domain on")
       ->group(kClients);
   app.add_option("--storms", crowd.storms, "Times a minute that a whole floor joins anew")
-      ->check(CLI::NonNegativeNumber)
+      ->check(moderate())
       ->capture_default_str()
       ->group(kClients);
   app.add_flag("--once", options.simulation.once, "End after the first plan of every domain");
