@@ -46,6 +46,9 @@ TEST(ConfigCheck, BrokenTextMeansThatNothingIsRead) {
   EXPECT_EQ(findings("{\"global\":\n{,}}"),
             Texts{"file: no JSON, so every setting has its default: JSON parse error at line 2, "
                   "column 2: expected string key in object: unterminated object"});
+  EXPECT_EQ(findings("\xef\xbb\xbf{}"),
+            Texts{"file: no JSON, so every setting has its default: JSON parse error at line 1, "
+                  "column 1: unexpected character '?': unexpected character"});
   EXPECT_EQ(findings("[]"), Texts{"file: no JSON object, so every setting has its default"});
   for (const char* empty : {"", " \n"})
     EXPECT_EQ(findings(empty), Texts{"file: empty, so every setting has its default"});

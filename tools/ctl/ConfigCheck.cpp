@@ -83,6 +83,13 @@ bool is_integer(const JsonValue& value) {
   return text.size() > sign && text.find_first_not_of("0123456789", sign) == std::string::npos;
 }
 
+/// The message of a parser names the byte that it met, which may be a part of a character only.
+std::string ascii(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(), [](char c) { return (c & 0x80) != 0; }, '?');
+  return text;
+}
+
 /// The keys of a JSON text that stand in their object already, with where they stand again.
 ///
 /// Takes text that was parsed: only quotes, brackets and separators are looked at.
@@ -152,7 +159,7 @@ class Checker {
       options.allow_duplicate_keys = true;
       document = yajson::parse(text, options);
     } catch (const yajson::ParseError& error) {
-      find("file", std::string("no JSON, so every setting has its default: ") + error.what());
+      find("file", "no JSON, so every setting has its default: " + ascii(error.what()));
       return std::move(findings_);
     }
     for (Finding& repeated : RepeatedKeys(text).find()) findings_.push_back(std::move(repeated));
