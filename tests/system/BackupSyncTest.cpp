@@ -60,17 +60,17 @@ class BackupSync : public testing::Test {
     ASSERT_EQ(::chmod(folder_.write("bin/ssh", script).c_str(), 0700), 0);
   }
   void set_role(const std::string& role) { folder_.write("here/role", role + "\n"); }
-  void start() {
+  void start() { start_with(folder_.file("bin") + ":" + std::getenv("PATH")); }
+  void start_with(const std::string& path) {
     const std::string here = folder_.file("here");
     const std::string there = folder_.file("there");
     sync_ = std::make_unique<ProcessUnderTest>(
-        folder_.path(),
-        std::vector<std::string>{
-            "/usr/bin/env", "PATH=" + folder_.file("bin") + ":" + std::getenv("PATH"),
-            "PEER=" + peer_, "INTERVAL=0.02", "BACKUPS=" + here + "/backup",
-            "CONFIG=" + here + "/wavelom.conf", "STATE_FILE=" + here + "/role",
-            "PEER_BACKUPS=" + there + "/backup", "PEER_CONFIG=" + there + "/wavelom.conf",
-            WAVELOM_SOURCES "/packaging/keepalived/wavelom-sync"});
+        folder_.path(), std::vector<std::string>{
+                            "/usr/bin/env", "PATH=" + path, "PEER=" + peer_, "INTERVAL=0.02",
+                            "BACKUPS=" + here + "/backup", "CONFIG=" + here + "/wavelom.conf",
+                            "STATE_FILE=" + here + "/role", "PEER_BACKUPS=" + there + "/backup",
+                            "PEER_CONFIG=" + there + "/wavelom.conf",
+                            WAVELOM_SOURCES "/packaging/keepalived/wavelom-sync"});
   }
   bool arrives(const std::string& name, const std::string& content) {
     return wait_until([&] { return folder_.read("there/" + name) == content; });
@@ -130,6 +130,13 @@ TEST_F(BackupSync, WithoutARoleNothingIsCopied) {
   ::usleep(200'000);
   EXPECT_EQ(asked(), 0U);
   EXPECT_TRUE(sync_->is_running());
+}
+
+TEST_F(BackupSync, MissingProgramEndsItAtOnce) {
+  set_role("MASTER");
+  start_with(folder_.file("bin"));
+  EXPECT_EQ(sync_->wait(), 1);
+  EXPECT_EQ(sync_->errors(), "wavelom-sync: rsync is not installed\n");
 }
 
 TEST_F(BackupSync, PeerThatCannotBeReachedIsTriedAgain) {
