@@ -442,12 +442,19 @@ class WatchedRound : public testing::Test {
                       100,
                       [&](const std::string& request) {
                         requests.push_back(request);
+                        now_s += answer_s;
                         return replies.at(std::min(next++, replies.size() - 1));
                       },
                       [&](const std::string& line) { lines.push_back(line); },
-                      [&](double seconds) { EXPECT_EQ(seconds, 2); }};
+                      [&](double seconds) {
+                        EXPECT_EQ(seconds, 2);
+                        now_s += seconds;
+                      },
+                      [&] { return now_s; }};
     return watch.run(start, failure);
   }
+  double now_s = 5000;
+  double answer_s = 0;  ///< what the controller takes for each
   std::vector<std::string> requests;
   std::vector<std::string> lines;
   std::string failure;
@@ -471,6 +478,12 @@ TEST_F(WatchedRound, TellsEachStepOnceUntilNothingIsPlanned) {
 TEST_F(WatchedRound, GivesUpWhenTimeIsUp) {
   EXPECT_EQ(follow({details(3, 0)}), WatchEnd::TimeUp);
   EXPECT_EQ(lines.size(), 1U);
+}
+
+TEST_F(WatchedRound, TimeThatAnswersTakeCountsToo) {
+  answer_s = 8;  // a look each 10 s: at 0, 10, ... 100
+  EXPECT_EQ(follow({details(3, 0)}), WatchEnd::TimeUp);
+  EXPECT_EQ(requests.size(), 11U);
 }
 
 TEST_F(WatchedRound, EndsWhenTheDomainHasGone) {

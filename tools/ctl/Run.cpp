@@ -3,6 +3,7 @@
 #include <poll.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <fstream>
 #include <optional>
@@ -92,7 +93,11 @@ int watch_round(const Invocation& invocation, std::ostream& out, std::ostream& e
                     invocation.watch_timeout_s,
                     [&](const std::string& request) { return client.ask(request); },
                     [&](const std::string& line) { out << line << std::endl; },
-                    [](double seconds) { ::poll(nullptr, 0, static_cast<int>(seconds * 1000)); }};
+                    [](double seconds) { ::poll(nullptr, 0, static_cast<int>(seconds * 1000)); },
+                    [] {
+                      const auto now = std::chrono::steady_clock::now().time_since_epoch();
+                      return std::chrono::duration<double>(now).count();
+                    }};
   std::string failure;
   switch (watch.run(invocation.start, failure)) {
     case WatchEnd::Idle:

@@ -50,7 +50,8 @@ WatchEnd Watch::run(bool start, std::string& failure) const {
     if (!failure.empty()) return WatchEnd::Refused;
   }
   std::string last;
-  for (double elapsed_s = 0; elapsed_s <= timeout_s; elapsed_s += interval_s) {
+  const double begin_s = now_s();
+  for (double elapsed_s = 0; elapsed_s <= timeout_s; elapsed_s = now_s() - begin_s) {
     const std::string text = ask(domain_request(domain));
     const JsonReader reply(text.c_str());
     failure = refusal_in(reply);

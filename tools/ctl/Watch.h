@@ -20,6 +20,7 @@ struct Watch {
   std::function<std::string(const std::string& request)> ask;
   std::function<void(const std::string& line)> tell;
   std::function<void(double seconds)> sleep;
+  std::function<double()> now_s;  ///< seconds of any steady clock: answers take time, too
 
   /// @param failure  receives the reason of a refusal
   WatchEnd run(bool start, std::string& failure) const;
