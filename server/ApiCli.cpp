@@ -94,13 +94,19 @@ void ApiCli::stop() {
 
 void ApiCli::run() {
   while (running_ && !stop_.is_set()) {
-    std::vector<pollfd> polled = events_to_wait_for();
-    if (::poll(polled.data(), polled.size(), kPoll_ms) < 0) {
-      PROCESS_LOG(Error) << "select: " << std::strerror(errno);
-      continue;
+    try {
+      serve_round();
+    } catch (const std::exception& error) {  // out of memory, which may come back
+      PROCESS_LOG(Error) << error.what();
+      stop_.wait_until(StopSignal::Clock::now() + kAcceptPause);
     }
-    serve_first_ready(polled);
   }
+}
+
+void ApiCli::serve_round() {
+  std::vector<pollfd> polled = events_to_wait_for();
+  if (::poll(polled.data(), polled.size(), kPoll_ms) >= 0) return serve_first_ready(polled);
+  PROCESS_LOG(Error) << "select: " << std::strerror(errno);
 }
 
 /// The list with the stop signal behind it. Whoever has not read the last reply is asked for no

@@ -58,6 +58,7 @@ class ApiCli : public rrm::Api {
   bool process_packet(int fd);
   static int port_of(int fd);
   std::vector<pollfd> events_to_wait_for() const;
+  void serve_round();
   void serve_first_ready(const std::vector<pollfd>& polled);
   bool serve_connection(const pollfd& entry);
   void close_connection(std::size_t index);

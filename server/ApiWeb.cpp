@@ -244,7 +244,15 @@ void ApiWeb::run_periodic_duties() {
 int ApiWeb::lws_callback(lws* wsi, lws_callback_reasons reason, void*, void* in,
                          std::size_t length) {
   auto* api = static_cast<ApiWeb*>(lws_context_user(lws_get_context(wsi)));
-  return api == nullptr ? 0 : api->worker_lws_callback(wsi, reason, in, length);
+  if (api == nullptr) return 0;
+  // Memory may run out over a request; that ends its connection, and must not reach the library,
+  // which knows no exceptions.
+  try {
+    return api->worker_lws_callback(wsi, reason, in, length);
+  } catch (const std::exception& error) {
+    PROCESS_LOG(Error) << error.what();
+    return -1;
+  }
 }
 
 int ApiWeb::worker_lws_callback(lws* wsi, lws_callback_reasons reason, void* in,
@@ -510,13 +518,11 @@ int ApiWeb::answer_not_found(lws* wsi) {
 }
 
 rrm::Api::Reply ApiWeb::process_body(const std::string& body) {
-  const JsonReader request(body.c_str());
-  if (!is_request(request)) {
+  try {
+    const JsonReader request(body.c_str());
+    if (is_request(request)) return process_request(request);
     PROCESS_LOG(Error) << "Receive corrupted JSON-request.";
     return std::nullopt;
-  }
-  try {
-    return process_request(request);
   } catch (const std::exception& error) {
     PROCESS_LOG(Error) << error.what();
     return std::nullopt;

@@ -361,7 +361,14 @@ int WebsockServerWorker::worker_lws_callback(lws* wsi, int reason, void* user, v
   lws_context* const context = wsi == nullptr ? nullptr : lws_get_context(wsi);
   if (context == nullptr) return 0;
   auto* const worker = static_cast<WebsockServerWorker*>(lws_context_user(context));
-  return worker->on_event(wsi, reason, user, static_cast<const char*>(in), length);
+  // Memory may run out over whatever a client sends; that ends its connection, and must not reach
+  // the library, which knows no exceptions.
+  try {
+    return worker->on_event(wsi, reason, user, static_cast<const char*>(in), length);
+  } catch (const std::exception& error) {
+    RRM_LOG(Error, "Exception at serving a connection of websock-server-worker: %s", error.what());
+    return reason == LWS_CALLBACK_EVENT_WAIT_CANCELLED ? 0 : -1;  // that one is nobody's connection
+  }
 }
 
 int WebsockServerWorker::on_event(lws* wsi, int reason, void* user, const char* in,
@@ -406,8 +413,9 @@ void WebsockServerWorker::on_established(lws* wsi, void* user) {
       const std::lock_guard lock(id_mutex_);
       session->address = {wsi, lws_get_tsi(wsi), next_id_++};
     }
-    *static_cast<WebsockSession**>(user) = session.get();
+    WebsockSession* const kept = session.get();
     sessions_.insert(wsi, std::move(session));
+    *static_cast<WebsockSession**>(user) = kept;
   }
   lws_callback_on_writable(wsi);
 }
@@ -606,7 +614,7 @@ void WebsockServerWorker::serve_waiting(std::size_t index) {
     if (session.end != WebsockSession::End::None && !session.drop_due) continue;
     if (!session.drop_due && lws_partial_buffered(wsi) == 0) {
       // There is room: no need to wait for the moment to write. Closing needs a callback, though.
-      if (send_next(session, *target.queue) == 0) continue;
+      if (try_send_next(session, *target.queue) == 0) continue;
       session.end = WebsockSession::End::Due;
     }
     lws_callback_on_writable(wsi);
@@ -632,6 +640,16 @@ int WebsockServerWorker::on_writeable(WebsockSession& session) {
   session.end = End::UnderWay;
   if (queue != nullptr) queue->closed = true;  // nobody need wait for room any more
   return -1;
+}
+
+/// The same, for many sessions in a row: what fails for one does not keep the others waiting.
+int WebsockServerWorker::try_send_next(WebsockSession& session, Outgoing& queue) {
+  try {
+    return send_next(session, queue);
+  } catch (const std::exception& error) {
+    RRM_LOG(Error, "Exception at serving a connection of websock-server-worker: %s", error.what());
+    return -1;
+  }
 }
 
 /// Sends one message of the queue. @return what the callback returns: -1 closes the connection

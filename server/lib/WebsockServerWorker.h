@@ -133,6 +133,7 @@ class WebsockServerWorker : public Worker {
   /// What sending one message asks for afterwards.
   enum class Sent { KeepOpen, Close };
   int send_next(WebsockSession& session, Outgoing& queue);
+  int try_send_next(WebsockSession& session, Outgoing& queue);
   Sent send(const QueueMessage& message, const WebsockSession& session);
   Sent send_document(const QueueMessage& message, const WebsockSession& session);
   void send_ping(lws* wsi);

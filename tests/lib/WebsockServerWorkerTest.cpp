@@ -8,9 +8,12 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cstdarg>
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -123,6 +126,39 @@ TEST_F(WebsockClientsTest, AnUpgradeNeedsTheSubprotocolOnWhateverPath) {
   EXPECT_FALSE(wrong.handshake("no-such-protocol"));
   EXPECT_TRUE(still_serves());
   EXPECT_EQ(server_.wait_sessions(2).size(), 2U);
+}
+
+/// Stands in for memory that runs out while a message is received or sent.
+void throw_on_traffic(const char*, int, const char*, LogLevel, const char* format, std::va_list) {
+  const std::string_view text(format);
+  if (text.starts_with("Recv") || text.starts_with("Send")) throw std::bad_alloc();
+}
+
+TEST_F(WebsockClientsTest, AMessageThatMemoryDoesNotHoldEndsItsConnectionOnly) {
+  RawClient client(server_.port());
+  ASSERT_TRUE(client.handshake());
+  const std::size_t other = clients_.open_all(1);
+  server_.wait_sessions(2);
+  set_log_sink(&throw_on_traffic);
+  ASSERT_TRUE(client.send_frame(RawClient::Text, numbered(1)));
+  EXPECT_TRUE(client.wait_end());
+  set_log_sink(nullptr);
+  server_.wait_sessions(1);
+  clients_.send(other, numbered(2));
+  EXPECT_TRUE(wait_until([&] { return has_arrived(numbered(2)); }));
+  EXPECT_FALSE(has_arrived(numbered(1)));
+}
+
+TEST_F(WebsockClientsTest, AnAnswerThatMemoryDoesNotHoldEndsItsConnectionOnly) {
+  RawClient client(server_.port());
+  ASSERT_TRUE(client.handshake());
+  const SessionAddress address = server_.wait_sessions(1)[0];
+  set_log_sink(&throw_on_traffic);
+  server_.server().enqueue_text("{}", address);
+  EXPECT_TRUE(client.wait_end());
+  set_log_sink(nullptr);
+  server_.wait_sessions(0);
+  EXPECT_TRUE(still_serves());
 }
 
 TEST_F(WebsockClientsTest, RecordsWhatLibwebsocketsCallsItFor) {
