@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cmath>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -10,6 +9,7 @@
 #include "server/lib/Config.h"
 #include "server/lib/JsonWriter.h"
 #include "server/lib/Overloaded.h"
+#include "tools/FiniteNumber.h"
 
 namespace rrm::ctl {
 namespace {
@@ -87,18 +87,6 @@ void add_settings(JsonWriter& config, Level level, const std::vector<std::string
 
 // --- the command line ---------------------------------------------------------------------------
 
-/// Ranges let through what is no number: it is neither below nor above.
-CLI::Validator finite() {
-  return CLI::Validator(
-      [](const std::string& text) {
-        double value = 0;
-        return CLI::detail::lexical_cast(text, value) && !std::isfinite(value)
-                   ? text + " is no number"
-                   : std::string();
-      },
-      "");
-}
-
 using Build = std::function<void(Invocation&)>;
 
 /// Adds a command that runs `build` when it was chosen.
@@ -173,11 +161,11 @@ void define_state_commands(CLI::App& app, Invocation& invocation) {
   watch->add_flag("--start", invocation.start, "Start a round first");
   watch->add_option("--interval", invocation.interval_s, "Seconds between two looks")
       ->check(CLI::Range(0.1, 60.0))
-      ->check(finite())
+      ->check(tools::finite())
       ->capture_default_str();
   watch->add_option("--for", invocation.watch_timeout_s, "Seconds after which it gives up")
       ->check(CLI::Range(1.0, 86400.0))
-      ->check(finite())
+      ->check(tools::finite())
       ->capture_default_str();
 }
 
@@ -388,7 +376,7 @@ void define(CLI::App& app, Invocation& invocation) {
       ->capture_default_str();
   app.add_option("--timeout", invocation.endpoint.timeout_s, "Seconds to wait for an answer")
       ->check(CLI::Range(0.1, 3600.0))
-      ->check(finite())
+      ->check(tools::finite())
       ->capture_default_str();
   app.add_flag("--json", invocation.json, "Print the controller's reply as it came");
   define_state_commands(app, invocation);

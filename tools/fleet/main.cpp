@@ -1,5 +1,4 @@
 #include <CLI/CLI.hpp>
-#include <cmath>
 #include <cstdio>
 #include <exception>
 #include <fstream>
@@ -7,6 +6,7 @@
 #include <sstream>
 #include <string>
 
+#include "tools/FiniteNumber.h"
 #include "tools/fleet/Scenario.h"
 #include "tools/fleet/Simulation.h"
 
@@ -45,18 +45,6 @@ CLI::Validator moderate() {
       "NONNEGATIVE");
 }
 
-/// Ranges let "nan" through.
-CLI::Validator finite() {
-  return CLI::Validator(
-      [](const std::string& text) {
-        double value = 0;
-        return CLI::detail::lexical_cast(text, value) && !std::isfinite(value)
-                   ? text + " is no number"
-                   : std::string();
-      },
-      "");
-}
-
 void define(CLI::App& app, Options& options) {
   app.set_version_flag("--version", "wavelom-fleet " WAVELOM_VERSION);
   app.add_option("--aps", options.aps, "Access points, shared evenly among the domains")
@@ -77,11 +65,11 @@ void define(CLI::App& app, Options& options) {
       ->capture_default_str();
   app.add_option("--rate", options.rate, "Connections started per second")
       ->check(CLI::Range(0.1, 100000.0))
-      ->check(finite())
+      ->check(rrm::tools::finite())
       ->capture_default_str();
   app.add_option("--scan-time", options.scan_time, "Seconds that a scan takes")
       ->check(CLI::Range(0.0, 3600.0))
-      ->check(finite())
+      ->check(rrm::tools::finite())
       ->capture_default_str();
   app.add_option("--churn", options.churn, "Access points that restart per minute")
       ->check(moderate())
@@ -108,7 +96,7 @@ void define(CLI::App& app, Options& options) {
   for (const auto& [name, share] : shares) {
     app.add_option(name, *share.first, share.second)
         ->check(CLI::Range(0.0, 1.0))
-        ->check(finite())
+        ->check(rrm::tools::finite())
         ->capture_default_str()
         ->group(kClients);
   }
