@@ -292,8 +292,10 @@ class DetailsWriter {
   void start(const std::string& ap_mac) {
     ap_mac_ = ap_mac;
     radios_.reset();
-    element_.reset(new JsonWriter(JsonWriter::object(details_)));
+    // Writers do not move, as std::make_unique would ask of them.
+    element_.reset(new JsonWriter(JsonWriter::object(details_)));  // NOLINT(modernize-make-unique)
     element_->add("ap_mac", ap_mac);
+    // NOLINTNEXTLINE(modernize-make-unique)
     radios_.reset(new JsonWriter(JsonWriter::array(*element_, "radio_interfaces")));
   }
 

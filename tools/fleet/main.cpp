@@ -45,38 +45,7 @@ CLI::Validator moderate() {
       "NONNEGATIVE");
 }
 
-void define(CLI::App& app, Options& options) {
-  app.set_version_flag("--version", "wavelom-fleet " WAVELOM_VERSION);
-  app.add_option("--aps", options.aps, "Access points, shared evenly among the domains")
-      ->check(CLI::Range(1, 100000))
-      ->capture_default_str();
-  app.add_option("--domains", options.domains, "Domains, named site-1, site-2 ...")
-      ->check(CLI::Range(1, 10000))
-      ->capture_default_str();
-  app.add_option("--seed", options.seed, "Same seed, same fleet; overrides a scenario's")
-      ->capture_default_str();
-  app.add_option("--scenario", options.scenario, "JSON file with sites, buildings and SSIDs")
-      ->check(CLI::ExistingFile)
-      ->excludes("--aps")
-      ->excludes("--domains");
-  app.add_option("--host", options.simulation.endpoint.host, "Controller")->capture_default_str();
-  app.add_option("--port", options.simulation.endpoint.port, "Its access-point port")
-      ->check(CLI::Range(1, 65535))
-      ->capture_default_str();
-  app.add_option("--rate", options.rate, "Connections started per second")
-      ->check(CLI::Range(0.1, 100000.0))
-      ->check(rrm::tools::finite())
-      ->capture_default_str();
-  app.add_option("--scan-time", options.scan_time, "Seconds that a scan takes")
-      ->check(CLI::Range(0.0, 3600.0))
-      ->check(rrm::tools::finite())
-      ->capture_default_str();
-  app.add_option("--churn", options.churn, "Access points that restart per minute")
-      ->check(moderate())
-      ->capture_default_str();
-  app.add_option("--duration", options.duration, "Seconds to run; 0: until Ctrl-C")
-      ->check(moderate())
-      ->capture_default_str();
+void define_clients(CLI::App& app, Options& options) {
   CrowdOptions& crowd = options.simulation.crowd;
   constexpr const char* kClients = "Clients";
   app.add_option("--clients", crowd.clients, "Clients that walk about and associate")
@@ -112,6 +81,41 @@ void define(CLI::App& app, Options& options) {
       ->check(moderate())
       ->capture_default_str()
       ->group(kClients);
+}
+
+void define(CLI::App& app, Options& options) {
+  app.set_version_flag("--version", "wavelom-fleet " WAVELOM_VERSION);
+  app.add_option("--aps", options.aps, "Access points, shared evenly among the domains")
+      ->check(CLI::Range(1, 100000))
+      ->capture_default_str();
+  app.add_option("--domains", options.domains, "Domains, named site-1, site-2 ...")
+      ->check(CLI::Range(1, 10000))
+      ->capture_default_str();
+  app.add_option("--seed", options.seed, "Same seed, same fleet; overrides a scenario's")
+      ->capture_default_str();
+  app.add_option("--scenario", options.scenario, "JSON file with sites, buildings and SSIDs")
+      ->check(CLI::ExistingFile)
+      ->excludes("--aps")
+      ->excludes("--domains");
+  app.add_option("--host", options.simulation.endpoint.host, "Controller")->capture_default_str();
+  app.add_option("--port", options.simulation.endpoint.port, "Its access-point port")
+      ->check(CLI::Range(1, 65535))
+      ->capture_default_str();
+  app.add_option("--rate", options.rate, "Connections started per second")
+      ->check(CLI::Range(0.1, 100000.0))
+      ->check(rrm::tools::finite())
+      ->capture_default_str();
+  app.add_option("--scan-time", options.scan_time, "Seconds that a scan takes")
+      ->check(CLI::Range(0.0, 3600.0))
+      ->check(rrm::tools::finite())
+      ->capture_default_str();
+  app.add_option("--churn", options.churn, "Access points that restart per minute")
+      ->check(moderate())
+      ->capture_default_str();
+  app.add_option("--duration", options.duration, "Seconds to run; 0: until Ctrl-C")
+      ->check(moderate())
+      ->capture_default_str();
+  define_clients(app, options);
   app.add_flag("--once", options.simulation.once, "End after the first plan of every domain");
   app.add_flag("--json", options.json, "Print the figures as JSON");
   app.add_flag("--quiet", options.quiet, "Show no progress");
