@@ -14,8 +14,7 @@ namespace rrm {
 /// Access points of a domain by base MAC, with the index that resolves heard BSSIDs to them.
 ///
 /// Purpose:   a domain keeps three: the subscribed ones, those that did not answer the running
-/// round,
-///            and those whose session is gone. Moves keep both indexes in step.
+///            round, and those whose session is gone. Moves keep both indexes in step.
 /// Threading: the domain worker's thread only; snapshot() gives the optimisation deep copies.
 /// Errors:    get() throws std::out_of_range.
 class ApMap {

@@ -20,8 +20,7 @@ class Worker;
 ///
 /// Purpose:   front-ends hand each request, a JSON object, to process_request and send the reply.
 /// Threading: commands of all front-ends run one at a time under a lock of the process; what
-/// concerns
-///            one domain's model runs under that domain worker's processing lock.
+///            concerns one domain's model runs under that domain worker's processing lock.
 /// Ownership: the dispatcher and the configuration outlive it.
 /// Errors:    a missing mandatory member gives no reply, which front-ends answer with an error of
 ///            their own. Exceptions of a command leave towards the front-end.

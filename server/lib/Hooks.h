@@ -17,7 +17,7 @@ enum class LogLevel : int { Trace = 2, Debug = 4, Error = 16, Warning = 32, Info
 
 /// What happened, as reported to the event sink; the payload is named in the comment.
 enum class EventCode : int {
-  MessageInvalid = 0,         ///< a domain worker rejected an invalid message; empty
+  MessageInvalid = 0,         ///< an invalid message was rejected; empty
   VersionIncompatible = 1,    ///< a domain worker rejected a message's version; empty
   BroadcastBufferFailed = 2,  ///< a domain worker's broadcast buffer failed
   AccessPointError = 3,       ///< an access point's MAC parameters are invalid; its MAC
@@ -32,7 +32,7 @@ enum class EventCode : int {
   WorkerNotCreated = 13,      ///< a domain worker cannot be created
   TextDoesNotParse = 14,      ///< incoming or outgoing text does not parse; empty
   ReportCheckInactive = 15,   ///< report check of a domain without a worker failed; the domain
-  ReportCheckFailed = 16,     ///< report check failed
+  ReportCheckFailed = 16,     ///< report check failed; the domain or the folder
   ReportAlarmInvalid = 17,    ///< bad daily deletion time; the configured text
   ReportSaveFailed = 18,      ///< saving a report failed; the domain
   ReportListFailed = 19,      ///< report list query failed; the domain

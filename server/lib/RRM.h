@@ -73,7 +73,7 @@ class RRM {
 
   void send_message(const char* text, const SessionAddress& address);
   void send_message_force(const char* text, const SessionAddress& address);
-  /// Sends a websocket ping; without a pong the session closes after 40 s.
+  /// Sends a websocket ping; without a pong or a message the session closes after 40 s.
   void ping_session(const SessionAddress& address);
   /// Asks the websocket server to close the session.
   virtual void drop_session_at_websock_worker(const SessionAddress& address, bool force);

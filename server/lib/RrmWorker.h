@@ -34,10 +34,9 @@ struct ApSession {
 /// else to the sub-workers that plan and balance.
 ///
 /// Purpose:   every message of the domain's access points ends here. An access point lives in one
-/// of
-///            three maps: aps() while its session is open, unanswered_aps() for the rest of a round
-///            whose scan it missed, aps_to_delete() for a while after its session has gone. The
-///            worker ends by itself when all three are empty.
+///            of three maps: aps() while its session is open, unanswered_aps() for the rest of a
+///            round of which it missed a step, aps_to_delete() for a while after its session has
+///            gone. The worker ends by itself when all three are empty and no message waits.
 /// Threading: everything runs on the worker's thread under its processing lock; other threads use
 ///            run_locked. Timers are run by on_loop.
 /// Ownership: owns the model, the sub-workers and a copy of the domain's settings; the global
@@ -64,7 +63,7 @@ class RrmWorker : public Worker {
 
   // --- management, inside run_locked
 
-  /// Plans a round now, unless one is planned for now or running.
+  /// Plans a round now, unless one is planned for now or running. @return whether it did
   bool force_optimization();
   /// The sessions of all access points it knows.
   std::vector<ApSession> ap_sessions() const;
@@ -101,7 +100,7 @@ class RrmWorker : public Worker {
   /// @param only_changes leaves a list out that is the one last sent
   void add_neighbour_list(const ApEntry& ap, JsonWriter& config, bool only_changes);
 
-  /// Balancing is locked while a round measures; set by the planner.
+  /// Balancing is locked while a round measures and optimises; set by the planner.
   void set_load_balancer_lock(bool locked) noexcept { load_balancer_lock_ = locked; }
   bool load_balancer_lock() const noexcept { return load_balancer_lock_; }
   /// Balancing is paused because access points flood the server.

@@ -31,8 +31,7 @@ struct OptimisationSwitches {
 /// Assigns channels (DCA) and transmit powers (TPC) to the radios of a domain.
 ///
 /// Purpose:   pure computation over a snapshot that nobody else touches. It is used up: planned
-/// radios
-///            move from it into the result. Same snapshot, same result.
+///            radios move from it into the result. Same snapshot, same result.
 /// Threading: runs on the optimisation thread; only `cancel` is shared, read before and after DCA.
 /// @param started_at  seconds since the epoch; the date of the report
 OptimisationResult optimise(ApMap& snapshot, const DomainConfig& config,

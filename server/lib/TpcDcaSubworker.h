@@ -68,7 +68,7 @@ class TpcDcaSubworker : public IRrmSubworker {
   PlannerState state() const noexcept { return state_; }
   std::int32_t fbt_status() const noexcept { return fbt_status_; }
   const PlannerTimes& times() const noexcept { return times_; }
-  /// A scan or an optimisation that measures the air is going on.
+  /// Modes or a scan were asked for, and answers are awaited.
   bool scanning() const noexcept {
     return state_ == PlannerState::ModesRequested || state_ == PlannerState::ScanRequested;
   }

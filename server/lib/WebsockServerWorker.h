@@ -33,9 +33,9 @@ class GlobalConfig;
 /// Threading: enqueue_* and sessions() from any thread. Callbacks of libwebsockets run on its
 ///            service threads; foreign threads only wake these through their loops, because even
 ///            lws_cancel_service writes log lines into a buffer that all threads share.
-///            Lock order: session map, then an outgoing-queue map; the id, flood and waiting
-///            mutexes are taken alone. No lock is held while pushing into a ring or calling the
-///            dispatcher.
+///            Lock order: session map, then an outgoing-queue map; context mutex, then a service
+///            thread's waiting mutex; the id and flood mutexes are taken alone. No lock is held
+///            while pushing into a ring or calling the dispatcher.
 /// Ownership: sessions and queues are shared with whoever works on one at the moment.
 /// Errors:    what cannot be delivered is logged and dropped; the sender is not told.
 class WebsockServerWorker : public Worker {

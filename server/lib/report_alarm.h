@@ -11,7 +11,7 @@ namespace rrm::reports {
 /// Threading: the last fired day is one atomic of the process; checks come from one thread.
 /// @param time_text  "HH:MM", UTC
 /// @param now        seconds since the epoch
-/// @return 0, or EINVAL for a bad time (logged and raised as an event)
+/// @return 0; EINVAL for a bad time (logged and raised as an event); else an errno value (logged)
 int check_report_alarm_clock_every_min(const std::string& time_text, bool& fired, std::int64_t now);
 /// The same at the current time.
 int check_report_alarm_clock_every_min(const std::string& time_text, bool& fired);
