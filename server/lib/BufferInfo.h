@@ -15,8 +15,8 @@ class RRM;
 /// Threading: the domain worker's thread.
 class BufferInfo {
  public:
-  /// Appends a message for a session; kNoSession stands for every session of the server. A null
-  /// text is an Error record.
+  /// Appends a message for a session; one for kNoSession reaches nobody. A null text is an Error
+  /// record.
   void add(const char* text, const SessionAddress& session);
   void add(std::string&& text, const SessionAddress& session);
   /// Hands everything to the dispatcher, which may hold the caller while a session's queue is full.
