@@ -90,8 +90,11 @@ int admit_connection(int descriptor) {
   if (leaves_descriptors(descriptor, kReserveOfAccessPoints)) return 0;
   static std::atomic<std::int64_t> last_record_s{-1};
   const std::int64_t now_s = TimerList::now_seconds();
-  if (last_record_s.exchange(now_s) != now_s)
+  if (last_record_s.exchange(now_s) == now_s) return 1;
+  try {
     RRM_LOG(Warning, "too many open connections: descriptor %d refused", descriptor);
+  } catch (const std::exception&) {  // without memory for the record, it is refused all the same
+  }
   return 1;
 }
 
@@ -352,7 +355,10 @@ void WebsockServerWorker::parse_message(const ReceivedText& received) {
 void WebsockServerWorker::logger_callback(int level, const char* text) {
   std::string_view line(text);
   while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.remove_suffix(1);
-  RRM_LOG(Debug, "libwebsocket-debug> %d: %.*s", level, printable(line), line.data());
+  try {
+    RRM_LOG(Debug, "libwebsocket-debug> %d: %.*s", level, printable(line), line.data());
+  } catch (const std::exception&) {  // the library, which knows no exceptions, goes on without it
+  }
 }
 
 int WebsockServerWorker::worker_lws_callback(lws* wsi, int reason, void* user, void* in,
@@ -470,10 +476,12 @@ int WebsockServerWorker::on_message(WebsockSession& session) {
   const std::int64_t now_s = TimerList::now_seconds();
   session.last_activity_s = now_s;
   if (!session.drop_due) lws_set_timeout(session.address.wsi, NO_PENDING_TIMEOUT, 0);
-  std::string text = std::exchange(session.receive_buffer, std::string());
+  const std::string& text = session.receive_buffer;
   RRM_LOG(Debug, "Recv %.*s", printable(text), text.data());
   count_message(session.address, now_s);
-  queue_for_parsing({std::move(text), session.shared_from_this()});
+  // Not before: what an exception leaves in the buffer is taken off the backlog with the session.
+  queue_for_parsing(
+      {std::exchange(session.receive_buffer, std::string()), session.shared_from_this()});
   return 0;
 }
 

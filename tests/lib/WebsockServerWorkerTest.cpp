@@ -147,6 +147,8 @@ TEST_F(WebsockClientsTest, AMessageThatMemoryDoesNotHoldEndsItsConnectionOnly) {
   clients_.send(other, numbered(2));
   EXPECT_TRUE(wait_until([&] { return has_arrived(numbered(2)); }));
   EXPECT_FALSE(has_arrived(numbered(1)));
+  EXPECT_TRUE(wait_until([&] { return server_.server().backlog() == 0; }))
+      << "nor does it count any longer";
 }
 
 TEST_F(WebsockClientsTest, AnAnswerThatMemoryDoesNotHoldEndsItsConnectionOnly) {
@@ -981,6 +983,25 @@ TEST_F(WebsockServerTest, ConnectionsThatWouldTakeTheLastDescriptorsAreRefused) 
   EXPECT_TRUE(RawClient(server_.port()).handshake());
 }
 
+void throw_on_refusal(const char*, int, const char*, LogLevel, const char* format, std::va_list) {
+  if (std::string_view(format).starts_with("too many open connections")) throw std::bad_alloc();
+}
+
+TEST_F(WebsockServerTest, ARefusalThatMemoryDoesNotRecordIsOneAllTheSame) {
+  ++FakeClock::now_s;  // one record a second
+  set_log_sink(&throw_on_refusal);
+  {
+    const test::FileLimit low(160);
+    std::vector<std::unique_ptr<RawClient>> clients;
+    do {
+      clients.push_back(std::make_unique<RawClient>(server_.port()));
+    } while (clients.back()->handshake() && clients.size() < 200);
+    EXPECT_LT(clients.size(), 80U);
+  }
+  EXPECT_TRUE(RawClient(server_.port()).handshake());
+  set_log_sink(nullptr);
+}
+
 // --- the worker's own life
 
 TEST_F(WebsockServerTest, ComesBackAfterAStopWithItsSessionsGone) {
@@ -1104,6 +1125,14 @@ TEST(WebsockServer, LinesOfLibwebsocketsBecomeDebugRecordsWithoutTheirEnd) {
   EXPECT_EQ(log.texts(LogLevel::Debug),
             (Texts{"libwebsocket-debug> 4: a notice", "libwebsocket-debug> 1024: no end",
                    "libwebsocket-debug> 1: ", "libwebsocket-debug> 2: a line"}));
+}
+
+TEST(WebsockServer, ALineOfLibwebsocketsThatMemoryDoesNotRecordIsLost) {
+  const test::CapturedLog log;
+  set_log_sink([](const char*, int, const char*, LogLevel, const char*, std::va_list) {
+    throw std::bad_alloc();
+  });
+  EXPECT_NO_THROW(WebsockServerWorker::logger_callback(4, "a notice\n"));
 }
 
 TEST_F(WebsockServerTest, HasItsNameAndQueues) {
