@@ -122,6 +122,7 @@ std::vector<pollfd> ApiCli::events_to_wait_for() const {
 /// Walks the list; a change of the list ends the round.
 void ApiCli::serve_first_ready(const std::vector<pollfd>& polled) {
   if (is_readable(polled[0])) {
+    list_.reserve(list_.size() + 1);  // an accepted connection must not be lost
     const int fd = accept_connection(list_[0].fd);
     if (fd >= 0) {
       list_.push_back({fd, kEvents, 0});
@@ -132,9 +133,20 @@ void ApiCli::serve_first_ready(const std::vector<pollfd>& polled) {
     }
   }
   for (std::size_t i = 1; i < list_.size(); ++i) {
-    if (serve_connection(polled[i])) continue;
+    if (try_serve_connection(polled[i])) continue;
     close_connection(i);
     return;
+  }
+}
+
+/// @return false when the connection is to be closed, as when memory does not suffice for it: its
+/// client would wait for the rest of a reply
+bool ApiCli::try_serve_connection(const pollfd& entry) {
+  try {
+    return serve_connection(entry);
+  } catch (const std::exception& error) {
+    PROCESS_LOG(Error) << error.what();
+    return false;
   }
 }
 

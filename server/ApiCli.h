@@ -61,6 +61,7 @@ class ApiCli : public rrm::Api {
   void serve_round();
   void serve_first_ready(const std::vector<pollfd>& polled);
   bool serve_connection(const pollfd& entry);
+  bool try_serve_connection(const pollfd& entry);
   void close_connection(std::size_t index);
   Reply answer(const rrm::JsonReader& request);
   bool send_some(int fd, Outgoing& outgoing);
