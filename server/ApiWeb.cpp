@@ -338,7 +338,7 @@ void ApiWeb::drop_longest_body() {
   PROCESS_LOG(Error) << "Too many bytes of unfinished request bodies, the longest one is dropped.";
   HttpSession& session = *longest->second;
   session.dropped = true;
-  session.body = {};
+  std::string().swap(session.body);  // an assignment would keep the memory
   count_body(session);
   lws_set_timeout(longest->first, PENDING_TIMEOUT_LAGGING, LWS_TO_KILL_ASYNC);
 }
