@@ -118,8 +118,13 @@ void VrrpWorker::make_domains_backup() {
     domains.swap(pending_);
   }
   for (const std::string& domain : domains) {
-    JsonWriter document;
-    if (make_backup(domain, document)) write_backup(path, domain, document.str());
+    // Whatever is wrong with a domain, memory that does not hold it included, the others are saved.
+    try {
+      JsonWriter document;
+      if (make_backup(domain, document)) write_backup(path, domain, document.str());
+    } catch (const std::exception& error) {
+      PROCESS_LOG(Error) << "Domain " << domain << " is not backed up: " << error.what();
+    }
   }
 }
 

@@ -11,11 +11,13 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
 #include "server/LibraryHooks.h"
 #include "server/lib/RRM.h"
+#include "server/lib/RrmWorker.h"
 #include "tests/server/CapturedProcessLog.h"
 #include "tests/support/Engine.h"
 #include "tests/support/FewDescriptors.h"
@@ -90,6 +92,25 @@ TEST_F(Vrrp, WithoutVrrpNothingIsBackedUp) {
   config().vrrp_enabled = false;
   back_up();
   EXPECT_FALSE(folder_.has("backup"));
+}
+
+/// A domain whose description memory does not hold.
+class CrowdedWorker : public rrm::RrmWorker {
+ public:
+  using RrmWorker::RrmWorker;
+  void get_status(JsonWriter&) override { throw std::bad_alloc(); }
+};
+
+TEST_F(Vrrp, ADomainThatMemoryDoesNotHoldKeepsNoOtherFromBeingBackedUp) {
+  engine_.subscribe(1, {RadioSpec{}});
+  engine_.rrm().workers().insert(
+      "crowded", std::make_shared<CrowdedWorker>(&config(), roaming_config(), &engine_.rrm(),
+                                                 "crowded", 2048, 0));
+  vrrp_.on_domain_changed("crowded");
+  EXPECT_NO_THROW(back_up());
+  EXPECT_TRUE(folder_.has("backup/site.json"));
+  EXPECT_FALSE(folder_.has("backup/crowded.json"));
+  EXPECT_TRUE(log_.has(el::Level::Error, "Domain crowded is not backed up: std::bad_alloc"));
 }
 
 TEST_F(Vrrp, BackupHoldsWhatARestoreReads) {
