@@ -229,14 +229,22 @@ void ApiWeb::on_pass_timer(lws_sorted_usec_list_t* timer) {
 }
 
 void ApiWeb::run_periodic_duties() {
-  vrrp_worker_->poll_timers();
+  try {
+    vrrp_worker_->poll_timers();
+    check_reports_at_times();
+  } catch (const std::exception& error) {  // out of memory, which may come back
+    PROCESS_LOG(Error) << error.what();
+  }
+}
+
+void ApiWeb::check_reports_at_times() {
   if (counter_ != kReportCheckPass) {
     ++counter_;
     return;
   }
+  counter_ = 0;
   PROCESS_LOG(Debug) << "ApiWeb periodic tick: invoking check_old_reports.";
   rrm().check_old_reports();
-  counter_ = 0;
 }
 
 // --- requests ----------------------------------------------------------------------------------

@@ -90,6 +90,7 @@ class ApiWeb : public rrm::Api {
                           std::size_t length);
   static void on_pass_timer(lws_sorted_usec_list_t* timer);
   int worker_lws_callback(lws* wsi, lws_callback_reasons reason, void* in, std::size_t length);
+  void check_reports_at_times();
   int admit_connection(int descriptor);
   void open_session(lws* wsi);
   void drop_longest_idle();

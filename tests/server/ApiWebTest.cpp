@@ -6,7 +6,10 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <cstdarg>
+#include <new>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include "server/ApiCli.h"
@@ -163,6 +166,23 @@ TEST_F(WebApi, ReportsAreCheckedInEvery602ndPass) {
                           "RRM::check_old_reports entered: report_delete_at_time_utc=\"21:00\", "
                           "reports_path=\"/var/lib/tavro-wavelom/reports\"."),
             2U);
+}
+
+/// Stands in for memory that runs out over the reports.
+void throw_on_report_check(const char*, int, const char*, rrm::LogLevel, const char* format,
+                           std::va_list) {
+  if (std::string_view(format).starts_with("RRM::check_old_reports")) throw std::bad_alloc();
+}
+
+TEST_F(WebApi, ReportCheckThatMemoryDoesNotSufficeForIsDueAgainInTheNextRound) {
+  const rrm::test::CapturedLog library;
+  FrontEndParts parts(R"("api_port":0)");
+  ApiWeb api(&parts.rrm, &parts.vrrp);
+  rrm::set_log_sink(&throw_on_report_check);
+  for (int pass = 0; pass < 1203; ++pass) EXPECT_NO_THROW(api.run_periodic_duties());
+  EXPECT_EQ(count("std::bad_alloc"), 1U);
+  EXPECT_NO_THROW(api.run_periodic_duties());
+  EXPECT_EQ(count("std::bad_alloc"), 2U);
 }
 
 TEST_F(WebApi, EveryPassRunsTheDueTimersOfTheVrrpWorker) {
