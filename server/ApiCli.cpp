@@ -23,7 +23,8 @@ constexpr int kBacklog = 10;
 constexpr int kPoll_ms = 1000;
 constexpr std::size_t kLongestRequest = 4095;  // bytes
 constexpr char kError[] = R"({"status":"error"})";
-constexpr std::chrono::milliseconds kAcceptPause(100);
+/// While descriptors or memory are short, which others may give back.
+constexpr std::chrono::milliseconds kShortagePause(100);
 
 /// Being writeable is the rule and would only keep the loop busy, and so would urgent data, which
 /// nobody reads.
@@ -96,9 +97,9 @@ void ApiCli::run() {
   while (running_ && !stop_.is_set()) {
     try {
       serve_round();
-    } catch (const std::exception& error) {  // out of memory, which may come back
+    } catch (const std::exception& error) {  // such as memory that ran out
       PROCESS_LOG(Error) << error.what();
-      stop_.wait_until(StopSignal::Clock::now() + kAcceptPause);
+      stop_.wait_until(StopSignal::Clock::now() + kShortagePause);
     }
   }
 }
@@ -174,7 +175,7 @@ int ApiCli::accept_connection(int listen_fd) {
     PROCESS_LOG(Error) << "accept: " << std::strerror(errno);
     // What waits to be accepted stays ready: without descriptors the loop would spin.
     if (errno != ECONNABORTED && errno != EINTR)
-      stop_.wait_until(StopSignal::Clock::now() + kAcceptPause);
+      stop_.wait_until(StopSignal::Clock::now() + kShortagePause);
     return -1;
   }
   return fd;

@@ -23,8 +23,8 @@ class VrrpWorker;
 /// One HTTP connection: what has arrived of its request's body.
 struct HttpSession {
   std::string body;
-  std::size_t counted = 0;  ///< how much of the body is in the sum over all connections
-  bool dropped = false;     ///< closes in a later pass; what still arrives is not for anything
+  std::size_t counted = 0;  ///< bytes of the body that are in the sum over all connections
+  bool dropped = false;     ///< gave way to others: what still arrives is refused
   std::optional<ChunkedBody> chunks;  ///< decodes the body when it arrives in chunked coding
   bool complete = false;              ///< such a body is whole: it is answered when writeable
   std::uint64_t last_use = 0;         ///< order of requests among all connections

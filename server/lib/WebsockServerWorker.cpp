@@ -25,6 +25,7 @@ namespace {
 
 constexpr char kProtocolName[] = "websock-rrm";
 constexpr char kMountPoint[] = "/zunt/rrm";
+constexpr char kServingFailed[] = "Exception at serving a connection of websock-server-worker: %s";
 constexpr std::size_t kReceiveBuffer = 65536;   ///< bytes libwebsockets delivers at once
 constexpr unsigned int kServiceBuffer = 65536;  ///< bytes libwebsockets reads at once
 constexpr std::size_t kStackMessage = 4096;     ///< longest message sent without allocating
@@ -372,7 +373,7 @@ int WebsockServerWorker::worker_lws_callback(lws* wsi, int reason, void* user, v
   try {
     return worker->on_event(wsi, reason, user, static_cast<const char*>(in), length);
   } catch (const std::exception& error) {
-    RRM_LOG(Error, "Exception at serving a connection of websock-server-worker: %s", error.what());
+    RRM_LOG(Error, kServingFailed, error.what());
     return reason == LWS_CALLBACK_EVENT_WAIT_CANCELLED ? 0 : -1;  // that one is nobody's connection
   }
 }
@@ -655,7 +656,7 @@ int WebsockServerWorker::try_send_next(WebsockSession& session, Outgoing& queue)
   try {
     return send_next(session, queue);
   } catch (const std::exception& error) {
-    RRM_LOG(Error, "Exception at serving a connection of websock-server-worker: %s", error.what());
+    RRM_LOG(Error, kServingFailed, error.what());
     return -1;
   }
 }
